@@ -1,0 +1,17 @@
+# What the project builds on; the packages that bring it are listed in cmake/packages.txt.
+
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(Boost 1.74 REQUIRED)
+find_package(CLI11 REQUIRED)
+find_package(OpenSSL 3 REQUIRED)
+find_package(SQLite3 REQUIRED)
+pkg_check_modules(GIO REQUIRED IMPORTED_TARGET gio-2.0 gio-unix-2.0)
+pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
+if(ONDARO_BUILD_TESTS)
+  find_package(GTest 1.12 REQUIRED)
+  include(GoogleTest)
+endif()
+if(ONDARO_BUILD_BENCH)
+  find_package(benchmark REQUIRED)
+endif()

@@ -1,0 +1,317 @@
+/**
+ * The exported C interface of lib-ondaro-platform-tv.
+ *
+ * Conventions, valid for every function below unless it says otherwise:
+ *
+ *  1. Handles. A handle stands for a service object of the process. A factory function creates
+ *     the object on its first call and returns the same handle ever after, from any thread. A
+ *     handle is never released by the caller; the objects are destroyed at process exit, in
+ *     reverse order of their creation. A handle goes only to the functions of its own family.
+ *  2. Strings are NUL-terminated. The library copies what it needs before a call returns. Event
+ *     names and event data are UTF-8.
+ *  3. Buffers that the library hands out belong to the caller, who releases them with the
+ *     library's own destroy function of that family and with nothing else.
+ *  4. Failure. A function that fails writes an error line to the platform log and returns its
+ *     failure value: null, false, -1, or nothing. There is no error code, no errno and no
+ *     last-error state.
+ *  5. Null arguments. A null handle, or null for a pointer that is marked required, is a broken
+ *     precondition: one error line that names the parameter, then the failure value. Nothing is
+ *     read or changed.
+ *  6. Exceptions derived from std::exception never leave a function. An exception of another
+ *     type, which only code of the host process can throw, passes through.
+ *  7. Threads. The library has no thread and no main loop, and takes no lock but for the first
+ *     use of each factory. Different families are independent. Within one family the caller
+ *     keeps registration, sending and the main loop that delivers events on one thread.
+ *  8. Main contexts. GLib delivers the library's callbacks in the thread-default main context of
+ *     the thread that caused them: the daemon's incoming events where the server handle was
+ *     first obtained, the application's where the first handler was registered, property changes
+ *     where the settings store delivers (the host backend: where the handler was registered).
+ *     That context must be iterated by a main loop of the host process.
+ *  9. Callbacks run synchronously inside the delivery. They may call every function of this
+ *     header, also to register, replace or unregister their own event. Their data argument is
+ *     valid during the call only. User data is passed through and never released.
+ * 10. The bus connection is the shared system-bus connection of the process. GLib ends the
+ *     process when that connection is closed by the bus, unless the host process turns this off
+ *     with g_dbus_connection_set_exit_on_close(); the library leaves the setting alone.
+ */
+#ifndef ONDARO_API_H
+#define ONDARO_API_H
+
+#include <stdint.h>
+
+#include "ondaro/Export.h"
+
+#ifdef __cplusplus
+extern "C" {
+#else
+#include <stdbool.h>
+#endif
+
+/* ---- Handles ---------------------------------------------------------------------------- */
+
+typedef struct OndaroApi_SystemConfig* OndaroApi_SystemConfig_h;
+typedef struct OndaroApi_IpcClient* OndaroApi_IpcClient_h;
+typedef struct OndaroApi_IpcServer* OndaroApi_IpcServer_h;
+typedef struct OndaroApi_CoreAuth* OndaroApi_CoreAuth_h;
+
+/**
+ * The process's property service.
+ *
+ * @return the handle; null with an error line when the service could not be created, in which
+ *         case the next call tries again
+ */
+ONDARO_EXPORT OndaroApi_SystemConfig_h OndaroFactory_GetSystemConfigHandle(void);
+
+/**
+ * The application's end of the messaging. The first call connects to the system bus and asks the
+ * daemon's object for its properties; it waits for the answer, up to 25 seconds. Do not make it
+ * on the thread that serves the daemon's end of the same process: that thread would wait for
+ * itself.
+ *
+ * @return the handle; null with an error line when the bus could not be reached, in which case
+ *         the next call tries again. An absent daemon is no failure.
+ */
+ONDARO_EXPORT OndaroApi_IpcClient_h OndaroFactory_GetIpcClientHandle(void);
+
+/**
+ * The daemon's end of the messaging. The first call reads the interface description and requests
+ * the well-known bus name; the name is owned once the main context has run. Another daemon that
+ * owns it is waited for in the bus's queue.
+ *
+ * @return the handle; null with an error line when the interface description cannot be used, in
+ *         which case the next call tries again
+ */
+ONDARO_EXPORT OndaroApi_IpcServer_h OndaroFactory_GetIpcServerHandle(void);
+
+/**
+ * The device-authentication service. The first call opens the content decryption module; when
+ * the set has none for the key system, the handle is valid all the same and its requests fail.
+ *
+ * @return the handle; null with an error line when the service could not be created, in which
+ *         case the next call tries again
+ */
+ONDARO_EXPORT OndaroApi_CoreAuth_h OndaroFactory_GetCoreAuthHandle(void);
+
+/* ---- System configuration ---------------------------------------------------------------- */
+
+/**
+ * Called when a property changed.
+ *
+ * @param data      the new value as text, valid during the call
+ * @param userData  what was given at registration
+ */
+typedef void (*OndaroApi_SystemConfigEventCallback)(const char* data, void* userData);
+
+/**
+ * Reads a property.
+ *
+ * @param handle   required
+ * @param key      required; the property's name, or "name:data" to pass data to the read
+ * @param pLength  required; receives the value's length in bytes, without the final NUL. Written
+ *                 only when the read itself succeeded.
+ * @return the value, NUL-terminated, to be released with OndaroApi_SystemConfig_DestroyProperty();
+ *         an empty string for an unknown property, "error" for a property that could not be read;
+ *         null on failure
+ */
+ONDARO_EXPORT const char* OndaroApi_SystemConfig_GetProperty(OndaroApi_SystemConfig_h handle,
+                                                             const char* key, uint32_t* pLength);
+
+/**
+ * Writes a property.
+ *
+ * @param handle  required
+ * @param key     required; the property's name
+ * @param val     required; the value. Flags store "true" for exactly that word and false for any
+ *                other.
+ * @return true when the value was stored; false for an unknown or read-only property or a
+ *         refusal by the settings store
+ */
+ONDARO_EXPORT bool OndaroApi_SystemConfig_SetProperty(OndaroApi_SystemConfig_h handle,
+                                                      const char* key, const char* val);
+
+/**
+ * Releases a value returned by OndaroApi_SystemConfig_GetProperty().
+ *
+ * @param val  the value; null is ignored
+ */
+ONDARO_EXPORT void OndaroApi_SystemConfig_DestroyProperty(const char* val);
+
+/**
+ * Asks to be called whenever a property changes. One handler per property: a second registration
+ * replaces the first.
+ *
+ * @param handle    required
+ * @param key       required; a property's name. A name without change events is accepted and
+ *                  never called.
+ * @param callback  called on every change; null is accepted and drops the events
+ * @param userData  passed to the callback; the caller keeps it alive until unregistration
+ */
+ONDARO_EXPORT void OndaroApi_SystemConfig_RegisterEventHandler(
+    OndaroApi_SystemConfig_h handle, const char* key, OndaroApi_SystemConfigEventCallback callback,
+    void* userData);
+
+/**
+ * Ends a registration; the callback is not called again, whatever the settings store does.
+ *
+ * @param handle  required
+ * @param key     required; the property's name
+ */
+ONDARO_EXPORT void OndaroApi_SystemConfig_UnregisterEventHandler(OndaroApi_SystemConfig_h handle,
+                                                                 const char* key);
+
+/* ---- Messaging: the application's end ----------------------------------------------------- */
+
+/**
+ * Called when the daemon sent an event.
+ *
+ * @param data      the event's data, valid during the call
+ * @param userData  what was given at registration
+ */
+typedef void (*OndaroApi_IpcClientEventCallback)(const char* data, void* userData);
+
+/**
+ * Registers a callback for one event name. A second registration of the same name replaces the
+ * first. However many names are registered, the client holds one subscription on the bus.
+ *
+ * @param handle    required
+ * @param appEvt    required; the event's name, compared byte by byte; may be empty
+ * @param callback  required
+ * @param userData  passed to the callback
+ */
+ONDARO_EXPORT void OndaroApi_IpcClient_RegisterEventHandler(
+    OndaroApi_IpcClient_h handle, const char* appEvt, OndaroApi_IpcClientEventCallback callback,
+    void* userData);
+
+/**
+ * Removes every registered callback and stops listening. There is no removal of one name.
+ *
+ * @param handle  required
+ */
+ONDARO_EXPORT void OndaroApi_IpcClient_UnregisterEventHandler(OndaroApi_IpcClient_h handle);
+
+/**
+ * Sends an event to the daemon. The call does not wait: what became of it is known only to the
+ * log, where its completion is written. The bus grants a connection 128 calls under way at once;
+ * what it refuses beyond them is an error line of the completion.
+ *
+ * @param handle  required
+ * @param appEvt  required; the event's name, UTF-8, may be empty
+ * @param data    required; the event's data, UTF-8, may be empty. Name and data together must fit
+ *                into the bus's message limit of 32 MiB.
+ * @return 0 when the call was started, -1 on failure
+ */
+ONDARO_EXPORT int OndaroApi_IpcClient_SendDataToServer(OndaroApi_IpcClient_h handle,
+                                                       const char* appEvt, const char* data);
+
+/* ---- Messaging: the daemon's end ----------------------------------------------------------- */
+
+/**
+ * Called when an application sent an event. The application's call is answered when the callback
+ * has returned.
+ *
+ * @param data      the event's data, valid during the call
+ * @param userData  what was given at registration
+ */
+typedef void (*OndaroApi_IpcServerEventCallback)(const char* data, void* userData);
+
+/**
+ * Registers a callback for one event name. A second registration of the same name replaces the
+ * first. Allowed at any time, also before the bus name is owned.
+ *
+ * @param handle    required
+ * @param appEvt    required; the event's name, compared byte by byte; may be empty
+ * @param callback  called for every such event; null is accepted and drops them
+ * @param userData  passed to the callback
+ */
+ONDARO_EXPORT void OndaroApi_IpcServer_RegisterEventHandler(
+    OndaroApi_IpcServer_h handle, const char* appEvt, OndaroApi_IpcServerEventCallback callback,
+    void* userData);
+
+/**
+ * Removes every registered callback. There is no removal of one name.
+ *
+ * @param handle  required
+ */
+ONDARO_EXPORT void OndaroApi_IpcServer_UnregisterEventHandler(OndaroApi_IpcServer_h handle);
+
+/**
+ * Sends an event to every application that listens. There is no acknowledgement.
+ *
+ * @param handle  required
+ * @param appEvt  required; the event's name, UTF-8, may be empty
+ * @param data    required; the event's data, UTF-8, may be empty. Name and data together must fit
+ *                into the bus's message limit of 32 MiB.
+ * @return 0 when the event was handed to the bus or the bus refused it (an error line says so);
+ *         -1 on failure, which includes a bus name that is not owned
+ */
+ONDARO_EXPORT int OndaroApi_IpcServer_SendDataToClient(OndaroApi_IpcServer_h handle,
+                                                       const char* appEvt, const char* data);
+
+/* ---- Device authentication ------------------------------------------------------------------ */
+
+/**
+ * Bytes that the library fills. Empty: null data and length 0. Filled: `length` bytes and one
+ * zero byte that does not count; owned by the record until OndaroApi_CoreAuth_DestroyCoreAuthInfo().
+ */
+typedef struct OndaroApi_CoreAuthInfoRW {
+  char* data;
+  uint32_t length;
+} OndaroApi_CoreAuthInfoRW_t;
+
+/** Bytes that the caller fills and keeps; the library only reads them. */
+typedef struct OndaroApi_CoreAuthInfoRO {
+  const char* data;
+  uint32_t length;
+} OndaroApi_CoreAuthInfoRO_t;
+
+/**
+ * Generates the device key and its certificate.
+ *
+ * @param handle  required
+ * @param key     required; an empty record, filled on success
+ * @param cert    required; an empty record, filled on success
+ * @return true when both records were filled; otherwise false, both untouched. A record that is
+ *         not empty is refused.
+ */
+ONDARO_EXPORT bool OndaroApi_CoreAuth_GenerateDeviceKeyAndCert(OndaroApi_CoreAuth_h handle,
+                                                               OndaroApi_CoreAuthInfoRW_t* key,
+                                                               OndaroApi_CoreAuthInfoRW_t* cert);
+
+/**
+ * Signs a hash with the device key.
+ *
+ * @param handle  required
+ * @param key     required; the device key as generated
+ * @param hash    required; the hash to sign. Null data with length 0 stands for no bytes; null
+ *                data with another length is refused.
+ * @param sign    required; filled on success. What it held before is overwritten, not released.
+ * @return true when `sign` was filled
+ */
+ONDARO_EXPORT bool OndaroApi_CoreAuth_SignHash(OndaroApi_CoreAuth_h handle,
+                                               const OndaroApi_CoreAuthInfoRO_t* key,
+                                               const OndaroApi_CoreAuthInfoRO_t* hash,
+                                               OndaroApi_CoreAuthInfoRW_t* sign);
+
+/**
+ * The model's certificate chain. This platform delivers none: the record stays as it is.
+ *
+ * @param handle     required
+ * @param certChain  required; left untouched
+ * @return true
+ */
+ONDARO_EXPORT bool OndaroApi_CoreAuth_GetModelCertChain(OndaroApi_CoreAuth_h handle,
+                                                        OndaroApi_CoreAuthInfoRW_t* certChain);
+
+/**
+ * Releases what the library put into a record and empties it. A record with null data is left
+ * as it is.
+ *
+ * @param authInfo  required
+ */
+ONDARO_EXPORT void OndaroApi_CoreAuth_DestroyCoreAuthInfo(OndaroApi_CoreAuthInfoRW_t* authInfo);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,33 @@
+#ifndef ONDARO_API_CCOREAUTH_H
+#define ONDARO_API_CCOREAUTH_H
+
+#include <memory>
+#include <string>
+
+#include "ondaro/Export.h"
+#include "ondaro/api/ICoreAuthImpl.h"
+
+namespace NOndaroAPI {
+
+/** Device authentication, as the exported functions see it. Forwards. */
+class ONDARO_EXPORT CCoreAuth {
+ public:
+  /** Takes ownership of `impl`, which is not tested for null. */
+  explicit CCoreAuth(ICoreAuthImpl* impl);
+  ~CCoreAuth();
+
+  CCoreAuth(const CCoreAuth&) = delete;
+  CCoreAuth& operator=(const CCoreAuth&) = delete;
+
+  bool GenerateDeviceKeyAndCert(std::string& key, std::string& cert);
+  bool SignHash(const std::string& key, const std::string& hash, std::string& sign);
+  bool GetModelCertChain(OndaroApi_CoreAuthInfoRW* certChain);
+  bool GetSystemID(std::string& systemId);
+
+ private:
+  std::unique_ptr<ICoreAuthImpl> m_pImpl;
+};
+
+}  // namespace NOndaroAPI
+
+#endif

@@ -1,0 +1,37 @@
+/**
+ * The set's log.
+ *
+ * Contract (each clause is checked against a port by the conformance kit):
+ *
+ * LOG-01  One call is one message.
+ * LOG-02  Buffer 0 is the main buffer.
+ * LOG-03  Priority 3 is debug, 4 is info, 6 is error.
+ * LOG-04  `format` and the arguments follow printf; the text logged is the formatted text.
+ * LOG-05  A call never blocks for long.
+ * LOG-06  A call never fails the caller: no signal, no exit, no exception, whatever the sink does.
+ * LOG-07  Calls may come from any thread at the same time; messages are not mixed.
+ *
+ * The result is for the port's own use; the library ignores it.
+ */
+#ifndef ONDARO_PLATFORM_LOG_H
+#define ONDARO_PLATFORM_LOG_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#define ONDARO_PLATFORM_PRINTF(format_index, first_argument) \
+  __attribute__((format(printf, format_index, first_argument)))
+#else
+#define ONDARO_PLATFORM_PRINTF(format_index, first_argument)
+#endif
+
+int platform_log_print(int buffer, int priority, const char* tag, const char* format, ...)
+    ONDARO_PLATFORM_PRINTF(4, 5);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,23 @@
+/**
+ * The set's fixed features.
+ *
+ * Contract (each clause is checked against a port by the conformance kit):
+ *
+ * SYS-01  A feature the set has: returns 0 and fills `*value`.
+ * SYS-02  A feature the set does not have: returns non-zero.
+ * SYS-03  May be called from any thread.
+ */
+#ifndef ONDARO_PLATFORM_SYSTEM_INFO_H
+#define ONDARO_PLATFORM_SYSTEM_INFO_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+int platform_system_info_get_custom_int(const char* key, int* value);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
