@@ -8,6 +8,8 @@
 #define API_LOG_DEBUG(...) ONDARO_LOG(::ondaro::log::PRIORITY_DEBUG, ONDARO_API_TAG, __VA_ARGS__)
 #define API_LOG_INFO(...) ONDARO_LOG(::ondaro::log::PRIORITY_INFO, ONDARO_API_TAG, __VA_ARGS__)
 #define API_LOG_ERROR(...) ONDARO_LOG(::ondaro::log::PRIORITY_ERROR, ONDARO_API_TAG, __VA_ARGS__)
+#define API_LOG_ERROR_AT(site, ...) \
+  ONDARO_LOG_AT(site, ::ondaro::log::PRIORITY_ERROR, ONDARO_API_TAG, __VA_ARGS__)
 
 /// Logs why the function that holds it gives up; the return is the function's own.
 #define API_LOG_RETURN_GUARD(reason) API_LOG_ERROR("return by [%s]", reason)

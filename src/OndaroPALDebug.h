@@ -9,8 +9,8 @@
 #define PAL_LOG_INFO(...) ONDARO_LOG(::ondaro::log::PRIORITY_INFO, ONDARO_PAL_TAG, __VA_ARGS__)
 #define PAL_LOG_ERROR(...) ONDARO_LOG(::ondaro::log::PRIORITY_ERROR, ONDARO_PAL_TAG, __VA_ARGS__)
 
-/// Logs the exception that the statement after it throws.
-#define PAL_LOG_THROW(text) PAL_LOG_ERROR("throw %s", text)
+#define PAL_LOG_ERROR_AT(site, ...) \
+  ONDARO_LOG_AT(site, ::ondaro::log::PRIORITY_ERROR, ONDARO_PAL_TAG, __VA_ARGS__)
 
 /// Logs entry into and exit from the function that declares it first, on every way out.
 /// `signature` has static storage: __PRETTY_FUNCTION__ of the traced function.

@@ -251,7 +251,8 @@ ONDARO_EXPORT int OndaroApi_IpcServer_SendDataToClient(OndaroApi_IpcServer_h han
 
 /**
  * Bytes that the library fills. Empty: null data and length 0. Filled: `length` bytes and one
- * zero byte that does not count; owned by the record until OndaroApi_CoreAuth_DestroyCoreAuthInfo().
+ * zero byte that does not count; owned by the record until
+ * OndaroApi_CoreAuth_DestroyCoreAuthInfo().
  */
 typedef struct OndaroApi_CoreAuthInfoRW {
   char* data;

@@ -8,7 +8,8 @@
 
 namespace NOndaroAPI {
 
-/** Base of the exported layer's exceptions. what() is the origin followed directly by the message. */
+/** Base of the exported layer's exceptions. what() is the origin followed directly by the message.
+ */
 class ONDARO_EXPORT CException : public std::exception {
  public:
   CException(const std::string& origin, const std::string& message);

@@ -9,7 +9,8 @@
 
 namespace NOndaroAPI {
 
-/** The application's end of the messaging, as the exported functions see it. Traces and forwards. */
+/** The application's end of the messaging, as the exported functions see it. Traces and forwards.
+ */
 class ONDARO_EXPORT CIpcClient {
  public:
   /** Takes ownership of `impl`, which is not tested for null. */

@@ -20,7 +20,8 @@ class ONDARO_EXPORT IIpcServerImpl : private boost::noncopyable {
   /** Removes every handler. */
   virtual void UnregisterEventHandler() = 0;
 
-  /** Sends an event to the applications; throws NOndaroPAL::CInvalidCaseException when it cannot. */
+  /** Sends an event to the applications; throws NOndaroPAL::CInvalidCaseException when it cannot.
+   */
   virtual void SendDataToClient(const std::string& appEvt, const std::string& data) = 0;
 };
 

@@ -21,7 +21,8 @@ class ONDARO_EXPORT ISystemConfigImpl : private boost::noncopyable {
   virtual bool SetProperty(const std::string& key, const std::string& val) = 0;
 
   /** Stores a copy of `handler` under `key`, replacing the one there, and subscribes. */
-  virtual void RegisterEventHandler(const std::string& key, const PropertyEventHandler& handler) = 0;
+  virtual void RegisterEventHandler(const std::string& key,
+                                    const PropertyEventHandler& handler) = 0;
 
   /** Puts a handler that does nothing under `key` and unsubscribes. */
   virtual void UnregisterEventHandler(const std::string& key) = 0;

@@ -12,8 +12,8 @@
  * SET-06  An integer read returns 0 on success and fills `*value`.
  * SET-07  An integer read that fails returns non-zero and leaves `*value` untouched.
  * SET-08  An integer write returns 0 on success, after which every process reads the value.
- * SET-09  A boolean read returns 0 on success and fills `*value` with the stored integer, unchanged.
- * SET-10  A boolean write returns 0 on success and stores the integer given, unchanged.
+ * SET-09  A boolean read returns 0 on success and fills `*value` with the stored integer,
+ * unchanged. SET-10  A boolean write returns 0 on success and stores the integer given, unchanged.
  * SET-11  A node's name is the changed key.
  * SET-12  A node's string is the new value, byte for byte.
  * SET-13  A node's string is null when the new value is no string.

@@ -1,0 +1,52 @@
+#ifndef ONDARO_PAL_CIPCCLIENTIMPL_H
+#define ONDARO_PAL_CIPCCLIENTIMPL_H
+
+#include <gio/gio.h>
+
+#include <map>
+#include <string>
+
+#include "ondaro/Export.h"
+#include "ondaro/api/IIpcClientImpl.h"
+
+namespace NOndaroPAL {
+
+/**
+ * The application's end on the system bus: calls the daemon's method and listens to its signal.
+ *
+ * Signals arrive in the thread-default main context of the thread that registered first,
+ * completions of calls in that of the thread that sent. Nothing is locked: registration belongs on
+ * the thread that iterates the former.
+ */
+class ONDARO_EXPORT CIpcClientImpl : public NOndaroAPI::IIpcClientImpl {
+ public:
+  /** Throws CInvalidCaseException when the bus cannot be reached. */
+  CIpcClientImpl();
+  ~CIpcClientImpl() override;
+
+  /** Throws CInvalidCaseException, with nothing registered, when the signal cannot be had. */
+  void RegisterEventHandler(const std::string& appEvt,
+                            const NOndaroAPI::IpcEventHandler& handler) override;
+  void UnregisterEventHandler() override;
+
+  /** Starts the call and returns. Throws CInvalidCaseException for what the bus cannot carry. */
+  void SendDataToServer(const std::string& appEvt, const std::string& data) override;
+
+ private:
+  static void _DbusSignalCallback(GDBusConnection* connection, const gchar* sender_name,
+                                  const gchar* object_path, const gchar* interface_name,
+                                  const gchar* signal_name, GVariant* parameters,
+                                  gpointer user_data);
+  static void _SendDataToServerAyncResultCallback(GDBusProxy* proxy, GAsyncResult* res,
+                                                  gpointer user_data);
+  void _CallDbusClientCallback(const std::string& appEvt, const std::string& data);
+
+  std::map<std::string, NOndaroAPI::IpcEventHandler> m_eventHandlerMap;
+  GDBusConnection* m_pGDBusConnection;  // owned, one reference
+  GDBusProxy* m_pGDBusProxy;            // owned
+  guint m_nSubscriptionId;              // the one subscription; 0 without
+};
+
+}  // namespace NOndaroPAL
+
+#endif

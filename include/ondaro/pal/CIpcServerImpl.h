@@ -1,0 +1,61 @@
+#ifndef ONDARO_PAL_CIPCSERVERIMPL_H
+#define ONDARO_PAL_CIPCSERVERIMPL_H
+
+#include <gio/gio.h>
+
+#include <functional>
+#include <map>
+#include <string>
+
+#include "ondaro/Export.h"
+#include "ondaro/api/IIpcServerImpl.h"
+
+namespace NOndaroPAL {
+
+/**
+ * The daemon's end on the system bus: owns the well-known name, answers the one method, emits the
+ * signal.
+ *
+ * The bus handlers run in the thread-default main context of the thread that constructs the
+ * object. Nothing is locked: the three operations belong on the thread that iterates it.
+ */
+class ONDARO_EXPORT CIpcServerImpl : public NOndaroAPI::IIpcServerImpl {
+ public:
+  /** Requests the name. Throws CInvalidCaseException without a usable interface description. */
+  CIpcServerImpl();
+  ~CIpcServerImpl() override;
+
+  void RegisterEventHandler(const std::string& appEvt,
+                            const NOndaroAPI::IpcEventHandler& handler) override;
+  void UnregisterEventHandler() override;
+
+  /** Throws CInvalidCaseException while the name is not owned and for what the bus cannot carry. */
+  void SendDataToClient(const std::string& appEvt, const std::string& data) override;
+
+  /* Entered by GLib with the object as user data; nothing thrown passes back. */
+  static void BusAcquiredCallback(GDBusConnection* pDbusConnection, const gchar* name,
+                                  gpointer user_data);
+  static void BusNameAcquiredCallback(GDBusConnection* pDbusConnection, const gchar* name,
+                                      gpointer user_data);
+  static void BusNameLostCallback(GDBusConnection* pDbusConnection, const gchar* name,
+                                  gpointer user_data);
+  static void BusInterfaceMethodCallback(GDBusConnection* connection, const gchar* sender,
+                                         const gchar* object_path, const gchar* interface_name,
+                                         const gchar* method_name, GVariant* parameters,
+                                         GDBusMethodInvocation* invocation, gpointer user_data);
+
+  /** Dispatches one event and answers the call. */
+  void HandleAppData(GVariant* parameters, GDBusMethodInvocation* invocation, gpointer user_data);
+
+ private:
+  std::map<std::string, NOndaroAPI::IpcEventHandler, std::less<>> m_eventHandlerMap;
+  GDBusNodeInfo* m_pBusNodeInfo;       // owned
+  GDBusConnection* m_pDbusConnection;  // not owned; set while the name is owned
+  guint m_nOwnerId;
+  guint m_nRegistrationId;
+  GDBusConnection* m_pObjectConnection;  // owned; where the object was registered
+};
+
+}  // namespace NOndaroPAL
+
+#endif
