@@ -1,17 +1,20 @@
 #include "ApiFrame.h"
 
+#include <algorithm>
+
 #include "Debug.h"
 
 namespace ApiFrame {
 
 bool AllGiven(const SCallSite& site, std::initializer_list<SRequired> required) noexcept {
-  for (const SRequired& argument : required) {
-    if (argument.pointer == nullptr) {
-      LogBrokenPrecondition(site, argument.name);
-      return false;
-    }
+  const auto* const missing =
+      std::find_if(required.begin(), required.end(),
+                   [](const SRequired& argument) { return argument.pointer == nullptr; });
+  if (missing == required.end()) {
+    return true;
   }
-  return true;
+  LogBrokenPrecondition(site, missing->name);
+  return false;
 }
 
 void LogBrokenPrecondition(const SCallSite& site, const char* name) noexcept {

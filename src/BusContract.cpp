@@ -6,7 +6,7 @@ namespace BusContract {
 
 namespace {
 
-constexpr std::size_t MESSAGE_LIMIT = 32U * 1024U * 1024U;
+constexpr std::size_t MESSAGE_LIMIT = std::size_t{32} * 1024 * 1024;
 // Room for the header with its path, names and sender.
 constexpr std::size_t HEADER_RESERVE = 1024;
 // Each string carries a length, a final NUL and padding.

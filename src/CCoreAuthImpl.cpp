@@ -20,7 +20,7 @@ IWVCDM* _KeyModuleOf(eme::IEME* pCdm) { return dynamic_cast<IWVCDM*>(pCdm); }
 
 }  // namespace
 
-CCoreAuthImpl::CCoreAuthImpl() : cdm_(nullptr) {
+CCoreAuthImpl::CCoreAuthImpl() {
   ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__);
   if (eme::IEME::isKeySystemSupported(KEY_SYSTEM) != KEY_SYSTEM_SUPPORTED) {
     API_LOG_ERROR("Key system[%s] is not supported.", KEY_SYSTEM.c_str());

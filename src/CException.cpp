@@ -1,5 +1,7 @@
 #include "ondaro/api/CException.h"
 
+#include <utility>
+
 #include "ondaro/pal/CException.h"
 
 namespace NOndaroAPI {
@@ -20,7 +22,7 @@ CAPIException::~CAPIException() = default;
 
 namespace NOndaroPAL {
 
-CException::CException(const std::string& message) : m_message(message) {}
+CException::CException(std::string message) : m_message(std::move(message)) {}
 
 CException::~CException() = default;
 

@@ -14,8 +14,7 @@ constexpr int DEFAULT_TIMEOUT = -1;
 
 }  // namespace
 
-CIpcClientImpl::CIpcClientImpl()
-    : m_pGDBusConnection(nullptr), m_pGDBusProxy(nullptr), m_nSubscriptionId(0) {
+CIpcClientImpl::CIpcClientImpl() {
   ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__);
   CGErrorOut error;
   GLibPtr<GDBusConnection> connection(g_bus_get_sync(BusContract::BUS_TYPE, nullptr, error.Out()));

@@ -62,12 +62,7 @@ GLibPtr<GDBusNodeInfo> _LoadDescription() {
 
 }  // namespace
 
-CIpcServerImpl::CIpcServerImpl()
-    : m_pBusNodeInfo(nullptr),
-      m_pDbusConnection(nullptr),
-      m_nOwnerId(0),
-      m_nRegistrationId(0),
-      m_pObjectConnection(nullptr) {
+CIpcServerImpl::CIpcServerImpl() {
   ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__);
   m_pBusNodeInfo = _LoadDescription().release();
   m_nOwnerId = g_bus_own_name(BusContract::BUS_TYPE, BusContract::NAME, G_BUS_NAME_OWNER_FLAGS_NONE,

@@ -17,7 +17,7 @@ using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 
 std::string TakeBytes(OndaroApi_CoreAuthInfoRW_t& record) {
-  const std::string bytes(record.data, record.length);
+  std::string bytes(record.data, record.length);
   EXPECT_EQ(record.data[record.length], '\0');
   OndaroApi_CoreAuth_DestroyCoreAuthInfo(&record);
   EXPECT_EQ(record.data, nullptr);

@@ -37,7 +37,7 @@ class ONDARO_EXPORT CCoreAuthImpl : public eme::IEventListener, public NOndaroAP
   bool _SignHash(const std::string& key, const std::string& hash, std::string& sign);
   bool _GetModelCertChain(OndaroApi_CoreAuthInfoRW* certChain);
 
-  eme::IEME* cdm_;  // owned; null without an instance; fixed by the constructor
+  eme::IEME* cdm_ = nullptr;  // owned; null without an instance; fixed by the constructor
 };
 
 }  // namespace NOndaroPAL

@@ -11,7 +11,7 @@ namespace NOndaroPAL {
 /** Base of the platform layer's exceptions. what() is the message given. */
 class ONDARO_EXPORT CException : public std::exception {
  public:
-  explicit CException(const std::string& message);
+  explicit CException(std::string message);
   ~CException() override;
 
   const char* what() const noexcept override;

@@ -42,9 +42,9 @@ class ONDARO_EXPORT CIpcClientImpl : public NOndaroAPI::IIpcClientImpl {
   void _CallDbusClientCallback(const std::string& appEvt, const std::string& data);
 
   std::map<std::string, NOndaroAPI::IpcEventHandler> m_eventHandlerMap;
-  GDBusConnection* m_pGDBusConnection;  // owned, one reference
-  GDBusProxy* m_pGDBusProxy;            // owned
-  guint m_nSubscriptionId;              // the one subscription; 0 without
+  GDBusConnection* m_pGDBusConnection = nullptr;  // owned, one reference
+  GDBusProxy* m_pGDBusProxy = nullptr;            // owned
+  guint m_nSubscriptionId = 0;                    // the one subscription; 0 without
 };
 
 }  // namespace NOndaroPAL

@@ -49,11 +49,11 @@ class ONDARO_EXPORT CIpcServerImpl : public NOndaroAPI::IIpcServerImpl {
 
  private:
   std::map<std::string, NOndaroAPI::IpcEventHandler, std::less<>> m_eventHandlerMap;
-  GDBusNodeInfo* m_pBusNodeInfo;       // owned
-  GDBusConnection* m_pDbusConnection;  // not owned; set while the name is owned
-  guint m_nOwnerId;
-  guint m_nRegistrationId;
-  GDBusConnection* m_pObjectConnection;  // owned; where the object was registered
+  GDBusNodeInfo* m_pBusNodeInfo = nullptr;       // owned
+  GDBusConnection* m_pDbusConnection = nullptr;  // not owned; set while the name is owned
+  guint m_nOwnerId = 0;
+  guint m_nRegistrationId = 0;
+  GDBusConnection* m_pObjectConnection = nullptr;  // owned; where the object was registered
 };
 
 }  // namespace NOndaroPAL
