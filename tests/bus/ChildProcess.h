@@ -1,0 +1,66 @@
+#ifndef ONDARO_TESTS_BUS_CHILDPROCESS_H
+#define ONDARO_TESTS_BUS_CHILDPROCESS_H
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ondaro::test {
+
+constexpr std::chrono::seconds PATIENCE{30};
+
+/// A program with its standard input and output on pipes. It dies with the thread that started it,
+/// and with this object.
+class ChildProcess {
+ public:
+  struct Options {
+    std::optional<std::string> user = std::nullopt;  // run as this user; needs root
+    bool mergeError = false;                         // standard error goes where the output goes
+  };
+
+  explicit ChildProcess(const std::vector<std::string>& arguments)
+      : ChildProcess(arguments, Options{}) {}
+  ChildProcess(const std::vector<std::string>& arguments, const Options& options);
+  ~ChildProcess();
+
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  pid_t Pid() const { return m_pid; }
+
+  void Write(const std::string& text);
+  void CloseInput();
+
+  /// The next line of the output without its line feed; nothing at its end or after `limit`.
+  std::optional<std::string> ReadLine(std::chrono::milliseconds limit = PATIENCE);
+  /// Skips lines until one contains `part`; nothing when none did.
+  std::optional<std::string> ReadLineWith(const std::string& part);
+  /// Everything up to the end of the output.
+  std::string ReadAll();
+  /// Takes what has arrived, without waiting; true when ReadLine() would return at once.
+  bool HasLine();
+
+  void Signal(int number) const;
+  /// Sends SIGSTOP and returns when the process stands still.
+  void Freeze();
+  /// The exit code, or minus the number of the signal that ended it.
+  int Wait();
+  /// Ends it at once, whatever it does.
+  void Kill();
+
+ private:
+  bool Fill(std::chrono::milliseconds limit);
+
+  pid_t m_pid = -1;
+  int m_input = -1;
+  int m_output = -1;
+  bool m_ended = false;
+  std::string m_buffer;
+};
+
+}  // namespace ondaro::test
+
+#endif

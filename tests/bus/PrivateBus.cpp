@@ -1,0 +1,76 @@
+#include "bus/PrivateBus.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <system_error>
+
+namespace ondaro::test {
+
+namespace {
+
+constexpr const char* ADDRESS_VARIABLE = "DBUS_SYSTEM_BUS_ADDRESS";
+
+std::string MakeDirectory() {
+  std::string path = std::filesystem::temp_directory_path() / "ondaro-bus-XXXXXX";
+  if (mkdtemp(path.data()) == nullptr) {
+    throw std::system_error(errno, std::generic_category(), path);
+  }
+  // Other users' processes reach the socket too.
+  std::filesystem::permissions(path, std::filesystem::perms(0755));
+  return path;
+}
+
+}  // namespace
+
+const char* const OPEN_POLICY = R"(
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow send_type="signal"/>
+    <allow receive_sender="*" eavesdrop="true"/>
+  </policy>)";
+
+PrivateBus::PrivateBus(const std::string& policy)
+    : m_directory(MakeDirectory()), m_address("unix:path=" + m_directory + "/socket") {
+  std::ofstream(m_directory + "/bus.conf")
+      << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+         " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+         "<busconfig>\n  <type>system</type>\n  <auth>EXTERNAL</auth>\n  <listen>"
+      << m_address << "</listen>" << policy << "\n</busconfig>\n";
+  if (const char* before = getenv(ADDRESS_VARIABLE)) m_addressBefore = before;
+  Start();
+  setenv(ADDRESS_VARIABLE, m_address.c_str(), 1);
+}
+
+PrivateBus::~PrivateBus() {
+  if (m_addressBefore) {
+    setenv(ADDRESS_VARIABLE, m_addressBefore->c_str(), 1);
+  } else {
+    unsetenv(ADDRESS_VARIABLE);
+  }
+  m_daemon.reset();
+  std::error_code ignored;
+  std::filesystem::remove_all(m_directory, ignored);
+}
+
+void PrivateBus::Kill() { m_daemon.reset(); }
+
+void PrivateBus::Freeze() { m_daemon->Freeze(); }
+
+void PrivateBus::Thaw() { m_daemon->Signal(SIGCONT); }
+
+void PrivateBus::Start() {
+  m_daemon = std::make_unique<ChildProcess>(
+      std::vector<std::string>{"dbus-daemon", "--config-file=" + m_directory + "/bus.conf",
+                               "--nofork", "--nopidfile", "--nosyslog", "--print-address"});
+  if (!m_daemon->ReadLine()) throw std::runtime_error("the private bus did not start");
+}
+
+}  // namespace ondaro::test

@@ -1,0 +1,48 @@
+#ifndef ONDARO_TESTS_BUS_PRIVATEBUS_H
+#define ONDARO_TESTS_BUS_PRIVATEBUS_H
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "bus/ChildProcess.h"
+
+namespace ondaro::test {
+
+/// Lets everyone own, send and receive everything.
+extern const char* const OPEN_POLICY;
+
+/// A message bus of the system type for this process and its children alone: an own dbus-daemon
+/// that starts no services, found through DBUS_SYSTEM_BUS_ADDRESS. Ready when constructed.
+///
+/// Make it before the first thread: it changes the environment. A process whose own shared
+/// connection is to outlive the bus turns exit-on-close off first.
+class PrivateBus {
+ public:
+  /// `policy` goes into the daemon's configuration as it is.
+  explicit PrivateBus(const std::string& policy = OPEN_POLICY);
+  ~PrivateBus();
+
+  PrivateBus(const PrivateBus&) = delete;
+  PrivateBus& operator=(const PrivateBus&) = delete;
+
+  const std::string& Address() const { return m_address; }
+
+  /// Ends the daemon; every connection closes.
+  void Kill();
+  /// The daemon stands still: connections stay, nothing is delivered.
+  void Freeze();
+  void Thaw();
+  /// Starts the daemon, again at the same address after Kill().
+  void Start();
+
+ private:
+  std::string m_directory;
+  std::string m_address;
+  std::optional<std::string> m_addressBefore;
+  std::unique_ptr<ChildProcess> m_daemon;
+};
+
+}  // namespace ondaro::test
+
+#endif
