@@ -66,6 +66,10 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const Opti
     dup2(input[0], STDIN_FILENO);
     dup2(output[1], STDOUT_FILENO);
     if (options.mergeError) dup2(output[1], STDERR_FILENO);
+    if (!options.errorFile.empty()) {
+      dup2(open(options.errorFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644),
+           STDERR_FILENO);
+    }
     if (identity && !Become(*identity)) _exit(126);
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // after the change of identity, which clears it
     signal(SIGPIPE, SIG_DFL);

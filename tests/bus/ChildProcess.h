@@ -19,6 +19,7 @@ class ChildProcess {
   struct Options {
     std::optional<std::string> user = std::nullopt;  // run as this user; needs root
     bool mergeError = false;                         // standard error goes where the output goes
+    std::string errorFile = {};                      // or into this file
   };
 
   explicit ChildProcess(const std::vector<std::string>& arguments)

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <system_error>
 
@@ -67,10 +68,15 @@ void PrivateBus::Freeze() { m_daemon->Freeze(); }
 void PrivateBus::Thaw() { m_daemon->Signal(SIGCONT); }
 
 void PrivateBus::Start() {
+  const std::string log = m_directory + "/bus.log";
   m_daemon = std::make_unique<ChildProcess>(
       std::vector<std::string>{"dbus-daemon", "--config-file=" + m_directory + "/bus.conf",
-                               "--nofork", "--nopidfile", "--nosyslog", "--print-address"});
-  if (!m_daemon->ReadLine()) throw std::runtime_error("the private bus did not start");
+                               "--nofork", "--nopidfile", "--nosyslog", "--print-address"},
+      ChildProcess::Options{std::nullopt, false, log});
+  if (m_daemon->ReadLine()) return;
+  std::ifstream file(log);
+  throw std::runtime_error("the private bus did not start: " +
+                           std::string{std::istreambuf_iterator<char>(file), {}});
 }
 
 }  // namespace ondaro::test

@@ -10,7 +10,7 @@ namespace {
 std::string AskBus() {
   ChildProcess tool({"gdbus", "call", "--system", "--dest", "org.freedesktop.DBus", "--object-path",
                      "/", "--method", "org.freedesktop.DBus.NameHasOwner", "org.freedesktop.DBus"},
-                    {std::nullopt, true});
+                    {std::nullopt, true, {}});
   return tool.ReadAll();
 }
 

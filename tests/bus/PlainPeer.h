@@ -1,0 +1,68 @@
+#ifndef ONDARO_TESTS_BUS_PLAINPEER_H
+#define ONDARO_TESTS_BUS_PLAINPEER_H
+
+#include <gio/gio.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace ondaro::test {
+
+// The bus contract as an independent program knows it.
+constexpr const char* BUS_NAME = "com.halvex.tv.ondaro";
+constexpr const char* OBJECT_PATH = "/com/halvex/tv/ondaro";
+constexpr const char* INTERFACE = "com.halvex.tv.ondaro";
+constexpr const char* METHOD = "sendDataToServer";
+constexpr const char* SIGNAL = "sendDataToClient";
+
+/// An event's name and data.
+using Event = std::pair<std::string, std::string>;
+
+/// A bus connection of its own that speaks plain GDBus, on the thread's main context: the other
+/// end for whatever is tested. The library never sees it but over the bus.
+class PlainPeer {
+ public:
+  PlainPeer();
+  ~PlainPeer();
+
+  PlainPeer(const PlainPeer&) = delete;
+  PlainPeer& operator=(const PlainPeer&) = delete;
+
+  GDBusConnection* Connection() const { return m_connection; }
+  std::string UniqueName() const { return g_dbus_connection_get_unique_name(m_connection); }
+
+  /// Asks for the well-known name without queueing; true when it is owned now.
+  bool Own();
+  void Release();
+  /// Who owns the well-known name; empty when nobody does.
+  std::string Owner();
+
+  /// Exposes the daemon's object as described in `descriptionFile`, answering every call 0.
+  void Serve(const std::string& descriptionFile);
+  const std::vector<Event>& Received() const { return m_received; }
+
+  /// Records the events that anyone sends, from now on.
+  void Listen();
+  const std::vector<Event>& Heard() const { return m_heard; }
+
+  /// Broadcasts a signal from the daemon's path and returns when the bus has it.
+  void Emit(GVariant* body, const char* member = SIGNAL, const char* interface = INTERFACE);
+  void EmitEvent(const std::string& name, const std::string& data);
+
+  /// Calls the daemon while iterating the main context: the reply, or "error: " and the message.
+  std::string Call(GVariant* body, const char* member = METHOD, const char* interface = INTERFACE,
+                   const char* path = OBJECT_PATH, const char* destination = BUS_NAME);
+  std::string CallEvent(const std::string& name, const std::string& data);
+
+ private:
+  std::string CallBus(const char* member, GVariant* body);
+
+  GDBusConnection* m_connection;
+  std::vector<Event> m_received;
+  std::vector<Event> m_heard;
+};
+
+}  // namespace ondaro::test
+
+#endif
