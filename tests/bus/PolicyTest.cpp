@@ -131,12 +131,22 @@ TEST_P(Policy, SaysWhoHearsTheDaemon) {
   ASSERT_TRUE(daemon.Own());
   ChildProcess monitor({"gdbus", "monitor", "--system", "--dest", BUS_NAME},
                        {geteuid() == 0 ? std::optional(Player()) : std::nullopt, true, {}});
+  const auto mark = [&](const char* text) {
+    daemon.Emit(g_variant_new("(s)", text), "marker", "org.example.Marker");
+  };
   ASSERT_TRUE(monitor.ReadLineWith("is owned by"));
+  // It prints that before it subscribes.
+  ASSERT_TRUE(WaitUntil([&] {
+    mark("first");
+    return monitor.HasLine();
+  }));
+  mark("begin");
+  ASSERT_TRUE(monitor.ReadLineWith("('begin',)"));
   daemon.EmitEvent("event", "data");
-  daemon.Emit(g_variant_new("(s)", "last"), "marker", "org.example.Marker");
+  mark("end");
   const std::string line = monitor.ReadLine().value_or("");
   EXPECT_EQ(line.find("('event', 'data')") != std::string::npos, GetParam().mayHear) << line;
-  EXPECT_EQ(line.find("('last',)") != std::string::npos, !GetParam().mayHear) << line;
+  EXPECT_EQ(line.find("('end',)") != std::string::npos, !GetParam().mayHear) << line;
 }
 
 INSTANTIATE_TEST_SUITE_P(Roles, Policy, testing::ValuesIn(ROLES),
