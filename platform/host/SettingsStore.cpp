@@ -153,15 +153,11 @@ int platform_settings_set_string(const char* key, const char* value) {
 
 int platform_settings_get_int(const char* key, int* value) { return GetInt(__func__, key, value); }
 
-int platform_settings_set_int(const char* key, int value) {
-  return Set(__func__, key, value);
-}
+int platform_settings_set_int(const char* key, int value) { return Set(__func__, key, value); }
 
 int platform_settings_get_bool(const char* key, int* value) { return GetInt(__func__, key, value); }
 
-int platform_settings_set_bool(const char* key, int value) {
-  return Set(__func__, key, value);
-}
+int platform_settings_set_bool(const char* key, int value) { return Set(__func__, key, value); }
 
 const char* platform_settings_node_name(platform_settings_node* node) {
   return node != nullptr ? node->change->key.c_str() : nullptr;
