@@ -43,13 +43,12 @@
 
 #include "LogLine.h"
 #include "LogSink.h"
+#include "Seam.h"
 
 namespace ondaro::host {
 namespace {
 
 constexpr char VARIABLE[] = "ONDARO_HOST_LOG";
-constexpr char OWN_TAG[] = "ONDARO_HOST";
-constexpr int PRIORITY_ERROR = 6;
 
 constexpr int UNKNOWN_THRESHOLD = INT_MIN;
 constexpr int UNKNOWN_SINK = -1;
@@ -88,7 +87,7 @@ bool Passes(int priority) {
   if (threshold != UNKNOWN_THRESHOLD) {
     return priority >= threshold;
   }
-  threshold = PRIORITY_ERROR;
+  threshold = LOG_PRIORITY_ERROR;
   const std::string_view wanted = ReadSettings().threshold;
   for (const auto& known : THRESHOLDS) {
     if (known.word == wanted) {
@@ -100,7 +99,8 @@ bool Passes(int priority) {
 }
 
 void ReportUnusable(const char* path, int error) {
-  platform_log_print(0, PRIORITY_ERROR, OWN_TAG, "log file %s: %s", path, strerrordesc_np(error));
+  platform_log_print(LOG_MAIN_BUFFER, LOG_PRIORITY_ERROR, LOG_TAG, "log file %s: %s", path,
+                     strerrordesc_np(error));
 }
 
 int Sink() {

@@ -1,5 +1,5 @@
-#ifndef ONDARO_HOST_LOG_LINE_H
-#define ONDARO_HOST_LOG_LINE_H
+#ifndef ONDARO_PLATFORM_HOST_LOGLINE_H
+#define ONDARO_PLATFORM_HOST_LOGLINE_H
 
 #include <climits>
 #include <cstdarg>

@@ -1,5 +1,5 @@
-#ifndef ONDARO_HOST_LOG_SINK_H
-#define ONDARO_HOST_LOG_SINK_H
+#ifndef ONDARO_PLATFORM_HOST_LOGSINK_H
+#define ONDARO_PLATFORM_HOST_LOGSINK_H
 
 #include <cstddef>
 
