@@ -1,0 +1,93 @@
+#ifndef ONDARO_TESTS_HOST_HOSTSUPPORT_H
+#define ONDARO_TESTS_HOST_HOSTSUPPORT_H
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+
+namespace ondaro::test {
+
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory() {
+    std::string name = (std::filesystem::temp_directory_path() / "ondaro-host-XXXXXX").string();
+    if (mkdtemp(name.data()) == nullptr) {
+      throw std::runtime_error("no temporary directory");
+    }
+    m_path = name;
+  }
+  ~TemporaryDirectory() {
+    std::error_code ignored;
+    std::filesystem::remove_all(m_path, ignored);
+  }
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+  std::string operator/(const std::string& name) const { return m_path / name; }
+  std::string Path() const { return m_path; }
+
+ private:
+  std::filesystem::path m_path;
+};
+
+/// A forked process that runs `body` and leaves without destructors. One that hangs is ended by
+/// SIGALRM.
+class Child {
+ public:
+  template <typename Body>
+  explicit Child(Body body) : m_pid(fork()) {
+    if (m_pid < 0) {
+      throw std::runtime_error("fork");
+    }
+    if (m_pid == 0) {
+      alarm(60);
+      body();
+      _exit(0);
+    }
+  }
+  ~Child() {
+    if (m_pid > 0) {
+      kill(m_pid, SIGKILL);
+      Wait();
+    }
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  pid_t Pid() const { return m_pid; }
+
+  /// 0 for a child whose body came to its end.
+  int Wait() {
+    int status = -1;
+    waitpid(m_pid, &status, 0);
+    m_pid = -1;
+    return status;
+  }
+
+ private:
+  pid_t m_pid;
+};
+
+template <typename Body>
+int RunInChild(Body body) {
+  return Child(body).Wait();
+}
+
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream stream(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+inline void WriteFile(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+}  // namespace ondaro::test
+
+#endif

@@ -1,0 +1,454 @@
+// The log reads its settings once per process, so each case logs in a child of its own.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <functional>
+#include <map>
+#include <optional>
+#include <regex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "HostSupport.h"
+#include "platform/Log.h"
+
+namespace {
+
+using namespace ondaro::test;
+
+constexpr std::size_t MAX_LINE = 4096;
+constexpr int DEBUG = 3;
+constexpr int INFO = 4;
+constexpr int ERROR = 6;
+
+struct Line {
+  double time = 0;
+  pid_t process = 0;
+  pid_t thread = 0;
+  char priority = 0;
+  std::string tag;
+  std::string message;      // as it was logged, without what was left out
+  std::size_t omitted = 0;  // bytes
+};
+
+/// The reader's side of the format.
+std::string Unescape(const std::string& text, std::size_t& omitted) {
+  std::string result;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\\') {
+      result += text[i];
+      continue;
+    }
+    switch (text.at(++i)) {
+      case 'n':
+        result += '\n';
+        break;
+      case 't':
+        result += '\t';
+        break;
+      case '\\':
+        result += '\\';
+        break;
+      case 'x':
+        result += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
+        i += 2;
+        break;
+      case '+':
+        omitted = std::stoul(text.substr(i + 1));
+        return result;
+      default:
+        throw std::runtime_error("unknown escape");
+    }
+  }
+  return result;
+}
+
+std::optional<Line> ParseLine(const std::string& text) {
+  static const std::regex FORM(R"( *(\d+\.\d{6}) +(\d+) +(\d+) ([VDIWEF]) ([^ :]*): )");
+  std::smatch match;
+  if (!std::regex_search(text, match, FORM, std::regex_constants::match_continuous)) {
+    return std::nullopt;
+  }
+  Line line;
+  line.time = std::stod(match[1]);
+  line.process = std::stoi(match[2]);
+  line.thread = std::stoi(match[3]);
+  line.priority = match[4].str()[0];
+  std::size_t none = 0;
+  line.tag = Unescape(match[5], none);
+  line.message = Unescape(match.suffix(), line.omitted);
+  return line;
+}
+
+/// Every line has to be whole.
+std::vector<Line> Parse(const std::string& log) {
+  EXPECT_TRUE(log.empty() || log.back() == '\n');
+  std::vector<Line> lines;
+  std::istringstream stream(log);
+  for (std::string text; std::getline(stream, text);) {
+    EXPECT_LT(text.size(), MAX_LINE);
+    const std::optional<Line> line = ParseLine(text);
+    if (line) {
+      lines.push_back(*line);
+    } else {
+      ADD_FAILURE() << "not a log line: " << text;
+    }
+  }
+  return lines;
+}
+
+double Now() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+class LogTest : public testing::Test {
+ protected:
+  void LogTo(const std::string& settings) { setenv("ONDARO_HOST_LOG", settings.c_str(), 1); }
+
+  TemporaryDirectory m_directory;
+  const std::string m_file = m_directory / "log";
+};
+
+TEST_F(LogTest, KeepsOneMessageOnOneLineThatAReaderCanUndo) {
+  const std::vector<std::pair<std::string, std::string>> messages = {
+      {"ONDARO_API", "CPALUtils.cpp: PrintDataToHex(12) > label[ 16]:[00ff]"},
+      {"ONDARO_PAL", "[void f()]Entered "},
+      {"ONDARO_PAL", "set process group fail\n"},
+      {"", ""},
+      {"a b:c\\d\n", "a\nb\r\tc\x1b[31m\x7f\x01 \\n \\ \\x41 \\+7"},
+      {"T", "gr\xc3\xbc\xc3\x9f\x65 \xe2\x82\xac \xff\xfe"},
+      {"T", std::string(MAX_LINE * 3 / 4, 'x') + "\n"},
+  };
+  LogTo("debug:" + m_file);
+  const double before = Now();
+  Child child([&] {
+    for (const auto& [tag, message] : messages) {
+      platform_log_print(0, INFO, tag.c_str(), "%s", message.c_str());
+    }
+  });
+  const pid_t pid = child.Pid();
+  ASSERT_EQ(child.Wait(), 0);
+
+  const std::vector<Line> lines = Parse(ReadFile(m_file));
+  ASSERT_EQ(lines.size(), messages.size());
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    EXPECT_EQ(lines[i].tag, messages[i].first);
+    EXPECT_EQ(lines[i].message, messages[i].second);
+    EXPECT_EQ(lines[i].omitted, 0U);
+    EXPECT_EQ(lines[i].process, pid);
+    EXPECT_EQ(lines[i].thread, pid);
+    EXPECT_GE(lines[i].time + 1e-6, before);
+    EXPECT_LE(lines[i].time, Now());
+  }
+}
+
+TEST_F(LogTest, CountsWhatALongMessageLost) {
+  std::vector<std::string> messages;
+  for (const std::string unit : {"x", "\n", "\x01", "\xe2\x82\xac"}) {
+    for (std::size_t size = 900; size < 4200; size += 7) {
+      std::string message;
+      while (message.size() < size) {
+        message += unit;
+      }
+      messages.push_back(message);
+    }
+  }
+  messages.push_back(std::string(1 << 20, 'y'));
+  LogTo("debug:" + m_file);
+  ASSERT_EQ(RunInChild([&] {
+              for (const std::string& message : messages) {
+                platform_log_print(0, INFO, "T", "%s", message.c_str());
+              }
+            }),
+            0);
+
+  const std::vector<Line> lines = Parse(ReadFile(m_file));
+  ASSERT_EQ(lines.size(), messages.size());
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    EXPECT_EQ(lines[i].message.size() + lines[i].omitted, messages[i].size());
+    EXPECT_EQ(messages[i].compare(0, lines[i].message.size(), lines[i].message), 0);
+    if (messages[i][0] == '\xe2') {
+      EXPECT_EQ(lines[i].message.size() % 3, 0U) << "half a character";
+    }
+  }
+}
+
+TEST_F(LogTest, FiltersByThreshold) {
+  const std::map<std::string, std::string> logged = {
+      {"verbose", "VDIWEF"}, {"debug", "DIWEF"}, {"info", "IWEF"},
+      {"warning", "WEF"},    {"error", "EF"},    {"fatal", "F"},
+      {"off", ""},           {"", "EF"},         {"nonsense", "EF"}};
+  for (const auto& [threshold, letters] : logged) {
+    std::filesystem::remove(m_file);
+    LogTo(threshold + ":" + m_file);
+    ASSERT_EQ(RunInChild([] {
+                for (int priority = 2; priority <= 7; ++priority) {
+                  platform_log_print(0, priority, "T", "%d", priority);
+                }
+              }),
+              0);
+    std::string found;
+    for (const Line& line : Parse(ReadFile(m_file))) {
+      found += line.priority;
+    }
+    EXPECT_EQ(found, letters) << threshold;
+  }
+}
+
+TEST_F(LogTest, WritesErrorsToStandardErrorUnlessTold) {
+  for (const char* settings : {"", "error", "error:stderr", ":"}) {
+    LogTo(settings);
+    if (*settings == '\0') {
+      unsetenv("ONDARO_HOST_LOG");
+    }
+    ASSERT_EQ(RunInChild([&] {
+                dup2(open(m_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
+                platform_log_print(0, INFO, "T", "not this");
+                platform_log_print(0, ERROR, "T", "this");
+              }),
+              0);
+    const std::vector<Line> lines = Parse(ReadFile(m_file));
+    ASSERT_EQ(lines.size(), 1U) << settings;
+    EXPECT_EQ(lines[0].message, "this");
+  }
+}
+
+TEST_F(LogTest, ReportsAFileItCannotOpenOnStandardError) {
+  LogTo("info:" + m_directory.Path());
+  ASSERT_EQ(RunInChild([&] {
+              dup2(open(m_file.c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
+              platform_log_print(0, INFO, "T", "message");
+            }),
+            0);
+  const std::vector<Line> lines = Parse(ReadFile(m_file));
+  ASSERT_EQ(lines.size(), 2U);
+  EXPECT_NE(lines[0].message.find(m_directory.Path()), std::string::npos);
+  EXPECT_EQ(lines[1].message, "message");
+}
+
+TEST_F(LogTest, DoesNotMixLinesOfThreadsAndProcesses) {
+  constexpr int PROCESSES = 2;
+  constexpr int THREADS = 4;
+  constexpr int MESSAGES = 500;
+  LogTo("debug:" + m_file);
+  const auto logFromThreads = [] {
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < THREADS; ++thread) {
+      threads.emplace_back([thread] {
+        for (int i = 0; i < MESSAGES; ++i) {
+          platform_log_print(0, INFO, "T", "%d %s", i,
+                             std::string(100, static_cast<char>('a' + thread)).c_str());
+        }
+      });
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+  };
+  {
+    Child first(logFromThreads);
+    Child second(logFromThreads);
+    ASSERT_EQ(first.Wait(), 0);
+    ASSERT_EQ(second.Wait(), 0);
+  }
+  const std::vector<Line> lines = Parse(ReadFile(m_file));
+  EXPECT_EQ(lines.size(), static_cast<std::size_t>(PROCESSES * THREADS * MESSAGES));
+  std::map<pid_t, int> next;
+  for (const Line& line : lines) {
+    const std::size_t space = line.message.find(' ');
+    EXPECT_EQ(std::stoi(line.message), next[line.thread]++);
+    EXPECT_EQ(line.message.find_first_not_of(line.message[space + 1], space + 1),
+              std::string::npos);
+  }
+  EXPECT_EQ(next.size(), static_cast<std::size_t>(PROCESSES * THREADS));
+}
+
+TEST_F(LogTest, ShowsAForkedChildUnderItsOwnIds) {
+  LogTo("debug:" + m_file);
+  ASSERT_EQ(RunInChild([] {
+              platform_log_print(0, INFO, "T", "%d", getpid());
+              const int status = RunInChild([] {
+                platform_log_print(0, INFO, "T", "%d", getpid());
+                std::thread([] { platform_log_print(0, INFO, "T", "%d", gettid()); }).join();
+              });
+              _exit(status == 0 ? 0 : 1);
+            }),
+            0);
+  const std::vector<Line> lines = Parse(ReadFile(m_file));
+  ASSERT_EQ(lines.size(), 3U);
+  for (const Line& line : lines) {
+    EXPECT_EQ(std::to_string(line.thread), line.message);
+  }
+  EXPECT_NE(lines[0].process, lines[1].process);
+  EXPECT_EQ(lines[1].process, lines[2].process);
+}
+
+TEST_F(LogTest, ServesTheLastDestructors) {
+  LogTo("debug:" + m_file);
+  ASSERT_EQ(RunInChild([] {
+              static const struct AtExit {
+                ~AtExit() { platform_log_print(0, INFO, "T", "last words"); }
+              } atExit;
+              platform_log_print(0, INFO, "T", "first words");
+              std::exit(0);
+            }),
+            0);
+  EXPECT_EQ(Parse(ReadFile(m_file)).size(), 2U);
+}
+
+TEST_F(LogTest, OpensItsFileAgainWhenTheHostClosedIt) {
+  LogTo("debug:" + m_file);
+  const std::string other = m_directory / "other";
+  ASSERT_EQ(RunInChild([&] {
+              platform_log_print(0, INFO, "T", "one");
+              for (int descriptor = 3; descriptor < 1024; ++descriptor) {
+                close(descriptor);
+              }
+              open(other.c_str(), O_WRONLY | O_CREAT, 0600);
+              platform_log_print(0, INFO, "T", "two");
+            }),
+            0);
+  EXPECT_EQ(Parse(ReadFile(m_file)).size(), 2U);
+  EXPECT_EQ(ReadFile(other), "") << "a line in a file of the host";
+}
+
+TEST_F(LogTest, DropsWhatTheSinkDoesNotTake) {
+  struct Case {
+    const char* name;
+    std::string settings;
+    std::function<void()> makeSink;
+  };
+  const auto fileAtItsLimit = [] {
+    const rlimit limit{100, 100};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  };
+  const auto pipeToNobody = [] {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[0]);
+  };
+  const auto pipeNobodyReads = [] {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    dup2(ends[1], STDERR_FILENO);
+  };
+  const auto pipeOfAnotherUser = [] {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    dup2(ends[1], STDERR_FILENO);
+    ASSERT_EQ(fchmod(STDERR_FILENO, 0), 0);
+    if (geteuid() == 0) {
+      constexpr uid_t NOBODY = 65534;
+      ASSERT_EQ(setuid(NOBODY), 0);
+    }
+  };
+  const auto socketNobodyReads = [] {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    dup2(ends[1], STDERR_FILENO);
+  };
+  const auto socketToNobody = [] {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[0]);
+  };
+  const std::vector<Case> cases = {
+      {"file at its limit", "info:" + m_file, fileAtItsLimit},
+      {"pipe without reader", "info", pipeToNobody},
+      {"full pipe", "info", pipeNobodyReads},
+      {"full pipe of another user", "info", pipeOfAnotherUser},
+      {"full socket", "info", socketNobodyReads},
+      {"socket without reader", "info", socketToNobody},
+      {"full disk", "info:/dev/full", [] {}},
+      {"full disk on standard error", "info",
+       [] { dup2(open("/dev/full", O_WRONLY), STDERR_FILENO); }},
+      {"closed standard error", "info", [] { close(STDERR_FILENO); }},
+  };
+  for (const Case& sink : cases) {
+    std::filesystem::remove(m_file);
+    LogTo(sink.settings);
+    EXPECT_EQ(RunInChild([&] {
+                sink.makeSink();
+                const int flags = fcntl(STDERR_FILENO, F_GETFL);
+                errno = 1234;
+                int dropped = 0;
+                for (int i = 0; i < 5000; ++i) {
+                  dropped += platform_log_print(0, INFO, "T", "%100d", i) != 0 ? 1 : 0;
+                }
+                const bool errnoKept = errno == 1234;
+                sigset_t blocked;
+                sigset_t pending;
+                pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+                sigpending(&pending);
+                const bool signalsKept =
+                    sigisemptyset(&blocked) == 1 && sigisemptyset(&pending) == 1;
+                const bool flagsKept = fcntl(STDERR_FILENO, F_GETFL) == flags;
+                _exit(errnoKept && signalsKept && flagsKept && dropped > 0 ? 0 : 1);
+              }),
+              0)
+        << sink.name;
+  }
+}
+
+TEST_F(LogTest, LeavesTheHostsOwnPendingSignalAlone) {
+  LogTo("info");
+  ASSERT_EQ(RunInChild([] {
+              int ends[2];
+              if (pipe(ends) != 0) {
+                _exit(1);
+              }
+              dup2(ends[1], STDERR_FILENO);
+              close(ends[0]);
+              sigset_t pipeSignal;
+              sigemptyset(&pipeSignal);
+              sigaddset(&pipeSignal, SIGPIPE);
+              pthread_sigmask(SIG_BLOCK, &pipeSignal, nullptr);
+              raise(SIGPIPE);
+              platform_log_print(0, INFO, "T", "message");
+              sigset_t pending;
+              sigpending(&pending);
+              _exit(sigismember(&pending, SIGPIPE) == 1 ? 0 : 1);
+            }),
+            0);
+}
+
+TEST_F(LogTest, StartsANewLineAfterOneThatTheDiskCut) {
+  LogTo("info:" + m_file);
+  ASSERT_EQ(RunInChild([] {
+              rlimit limit{100, RLIM_INFINITY};
+              setrlimit(RLIMIT_FSIZE, &limit);
+              platform_log_print(0, INFO, "T", "%s", std::string(200, 'x').c_str());
+              limit.rlim_cur = RLIM_INFINITY;
+              setrlimit(RLIMIT_FSIZE, &limit);
+              platform_log_print(0, INFO, "T", "next");
+              platform_log_print(0, INFO, "T", "last");
+            }),
+            0);
+  const std::vector<Line> lines = Parse(ReadFile(m_file));
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_EQ(lines[1].message, "next");
+  EXPECT_EQ(lines[2].message, "last");
+}
+
+TEST_F(LogTest, DoesNotFormatAFilteredMessage) {
+  LogTo("error:" + m_file);
+  ASSERT_EQ(RunInChild([] {
+              const auto* const nowhere = reinterpret_cast<const char*>(8);
+              platform_log_print(0, DEBUG, nowhere, "%s", nowhere);
+            }),
+            0);
+}
+
+}  // namespace
