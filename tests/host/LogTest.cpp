@@ -9,10 +9,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <optional>
-#include <regex>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -72,19 +73,25 @@ std::string Unescape(const std::string& text, std::size_t& omitted) {
 }
 
 std::optional<Line> ParseLine(const std::string& text) {
-  static const std::regex FORM(R"( *(\d+\.\d{6}) +(\d+) +(\d+) ([VDIWEF]) ([^ :]*): )");
-  std::smatch match;
-  if (!std::regex_search(text, match, FORM, std::regex_constants::match_continuous)) {
+  Line line;
+  char micros[7] = {};
+  int seconds = 0;
+  int length = 0;
+  // NOLINTNEXTLINE(cert-err34-c): numbers this small do not overflow
+  if (std::sscanf(text.c_str(), "%d.%6[0-9] %d %d %c %n", &seconds, micros, &line.process,
+                  &line.thread, &line.priority, &length) != 5) {
     return std::nullopt;
   }
-  Line line;
-  line.time = std::stod(match[1]);
-  line.process = std::stoi(match[2]);
-  line.thread = std::stoi(match[3]);
-  line.priority = match[4].str()[0];
+  const std::string rest = text.substr(static_cast<std::size_t>(length));
+  const std::size_t end = rest.find_first_of(" :");
+  if (std::strlen(micros) != 6 || std::strchr("VDIWEF", line.priority) == nullptr ||
+      end == std::string::npos || rest.compare(end, 2, ": ") != 0) {
+    return std::nullopt;
+  }
   std::size_t none = 0;
-  line.tag = Unescape(match[5], none);
-  line.message = Unescape(match.suffix(), line.omitted);
+  line.time = seconds + std::stoi(micros) / 1e6;
+  line.tag = Unescape(rest.substr(0, end), none);
+  line.message = Unescape(rest.substr(end + 2), line.omitted);
   return line;
 }
 
