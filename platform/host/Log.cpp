@@ -41,9 +41,9 @@
 #include <cstring>
 #include <string_view>
 
+#include "HostLog.h"
 #include "LogLine.h"
 #include "LogSink.h"
-#include "Seam.h"
 
 namespace ondaro::host {
 namespace {

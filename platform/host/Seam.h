@@ -7,14 +7,11 @@
 #include <optional>
 #include <string>
 
+#include "HostLog.h"
 #include "platform/Log.h"
 #include "platform/SettingsStore.h"
 
 namespace ondaro::host {
-
-inline constexpr char LOG_TAG[] = "ONDARO_HOST";
-inline constexpr int LOG_MAIN_BUFFER = 0;
-inline constexpr int LOG_PRIORITY_ERROR = 6;
 
 /// The body of a function of the seam: nothing thrown leaves it.
 template <typename Result, typename Body>

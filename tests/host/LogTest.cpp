@@ -459,3 +459,8 @@ TEST_F(LogTest, DoesNotFormatAFilteredMessage) {
 }
 
 }  // namespace
+
+int main(int argc, char** argv) {
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
