@@ -103,7 +103,7 @@ void AddExtension(X509& certificate, X509& issuer, int id, const char* value) {
 /// A certificate without name and extensions. It holds from a day ago on, since sets that share a
 /// development root do not share a clock.
 Certificate Blank(EVP_PKEY& key, int days) {
-  constexpr long DAY = 24 * 60 * 60;
+  constexpr long DAY = 86'400;
   Certificate certificate = Required(Certificate(X509_new()), "memory");
   SetSerial(*certificate);
   Require(X509_set_version(certificate.get(), X509_VERSION_3) == 1 &&

@@ -20,7 +20,7 @@ namespace fs = std::filesystem;
 
 constexpr char LOCK_FILE[] = "lock";
 constexpr char UNFINISHED_SUFFIX[] = ".new";
-constexpr std::size_t MAX_FILE_SIZE = 64 * 1024;
+constexpr std::size_t MAX_FILE_SIZE = 65'536;
 
 [[noreturn]] void ThrowErrno(const fs::path& path) {
   throw std::system_error(errno, std::generic_category(), path.string());
@@ -115,7 +115,7 @@ class Lock {
 
 fs::path Directory() {
   const std::string state = StateDirectory();
-  const fs::path directory = fs::path(state) / ROOT_DIRECTORY;
+  fs::path directory = fs::path(state) / ROOT_DIRECTORY;
   if (state.empty() || (mkdir(directory.c_str(), S_IRWXU) != 0 && errno != EEXIST)) {
     ThrowErrno(directory);
   }

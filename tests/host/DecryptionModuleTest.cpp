@@ -21,6 +21,7 @@ namespace {
 using namespace ondaro::test;
 
 constexpr char WIDEVINE[] = "com.widevine.alpha";
+constexpr char ROOT_DIRECTORY[] = "cdm";
 constexpr char ROOT_KEY[] = "cdm/development-root-key.pem";
 constexpr char ROOT_CERTIFICATE[] = "cdm/development-root-cert.pem";
 
@@ -109,14 +110,18 @@ std::string KeyPem(const Key& key, const EVP_CIPHER* cipher = nullptr) {
   return {data, static_cast<std::size_t>(size)};
 }
 
-/// Each test has a state directory of its own.
+/// Each test begins without a root.
 class DecryptionModule : public testing::Test {
  protected:
-  DecryptionModule() { setenv("ONDARO_HOST_STATE", m_state.Path().c_str(), 1); }
+  DecryptionModule() {
+    setenv("ONDARO_HOST_LOG", "off", 0);
+    RemoveRoot();
+  }
 
+  void RemoveRoot() const { std::filesystem::remove_all(m_state / ROOT_DIRECTORY); }
   Certificate Root() const { return ReadCertificate(ReadFile(m_state / ROOT_CERTIFICATE)); }
 
-  TemporaryDirectory m_state;
+  const TemporaryDirectory& m_state = StateDirectory();
 };
 
 TEST_F(DecryptionModule, SupportsOneKeySystem) {
@@ -182,8 +187,7 @@ TEST_F(DecryptionModule, IssuesNothingThatCanBeChanged) {
   OPENSSL_free(der);
   EXPECT_EQ(accepted, 0);
 
-  const TemporaryDirectory elsewhere;
-  setenv("ONDARO_HOST_STATE", elsewhere.Path().c_str(), 1);
+  RemoveRoot();
   Device stranger;
   ASSERT_EQ(Generate(Open(), stranger), 0);
   EXPECT_FALSE(IsIssuedBy(root.get(), ReadCertificate(stranger.cert).get()));
@@ -333,9 +337,8 @@ TEST_F(DecryptionModule, FailsOnADamagedRootAndLeavesItAlone) {
   EXPECT_TRUE(IsIssuedBy(Root().get(), ReadCertificate(device.cert).get()));
 }
 
-TEST_F(DecryptionModule, FailsWithoutAStateDirectory) {
-  WriteFile(m_state / "file", "");
-  setenv("ONDARO_HOST_STATE", (m_state / "file/state").c_str(), 1);
+TEST_F(DecryptionModule, FailsWhereNoRootCanBeKept) {
+  WriteFile(m_state / ROOT_DIRECTORY, "");
   Device none;
   EXPECT_NE(Generate(Open(), none), 0);
 }
@@ -446,9 +449,3 @@ TEST_F(DecryptionModule, SimulatesFaultsOfOperations) {
 }
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  testing::InitGoogleTest(&argc, argv);
-  setenv("ONDARO_HOST_LOG", "off", 0);
-  return RUN_ALL_TESTS();
-}

@@ -36,6 +36,13 @@ class TemporaryDirectory {
   std::filesystem::path m_path;
 };
 
+/// The process's own state directory, from the first call on. The settings in it outlast a test.
+inline const TemporaryDirectory& StateDirectory() {
+  static const TemporaryDirectory directory;
+  setenv("ONDARO_HOST_STATE", directory.Path().c_str(), 1);
+  return directory;
+}
+
 /// A forked process that runs `body` and leaves without destructors. One that hangs is ended by
 /// SIGALRM.
 class Child {

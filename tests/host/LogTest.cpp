@@ -170,7 +170,7 @@ TEST_F(LogTest, CountsWhatALongMessageLost) {
       messages.push_back(message);
     }
   }
-  messages.push_back(std::string(1 << 20, 'y'));
+  messages.emplace_back(1 << 20, 'y');
   LogTo("debug:" + m_file);
   ASSERT_EQ(RunInChild([&] {
               for (const std::string& message : messages) {
@@ -459,8 +459,3 @@ TEST_F(LogTest, DoesNotFormatAFilteredMessage) {
 }
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  testing::InitGoogleTest(&argc, argv);
-  return RUN_ALL_TESTS();
-}

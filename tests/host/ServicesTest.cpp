@@ -17,6 +17,8 @@ namespace {
 
 using namespace ondaro::test;
 
+[[maybe_unused]] const TemporaryDirectory& g_state = StateDirectory();
+
 TEST(SystemInfo, IsReadFromTheSettings) {
   constexpr char FEATURE[] = "com.halvex/featureconf/product.tv_year";
   int value = 77;
@@ -150,10 +152,3 @@ TEST_F(AppManager, PutsTheCallerIntoTheApplicationsGroup) {
 }
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  testing::InitGoogleTest(&argc, argv);
-  const TemporaryDirectory state;
-  setenv("ONDARO_HOST_STATE", state.Path().c_str(), 1);
-  return RUN_ALL_TESTS();
-}
