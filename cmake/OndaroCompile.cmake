@@ -21,4 +21,6 @@ if(ONDARO_SANITIZE)
   add_compile_options(-fsanitize=${ONDARO_SANITIZE} -fno-omit-frame-pointer
                       -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${ONDARO_SANITIZE})
+  # Instrumented code hides from the compiler what initialises a variable.
+  add_compile_options(-Wno-maybe-uninitialized)
 endif()
