@@ -1,0 +1,66 @@
+#include "Bus.h"
+
+#include <memory>
+
+#include "ExitCode.h"
+
+namespace ondaro::ctl {
+namespace {
+
+GDBusConnection* Connect() {
+  GError* error = nullptr;
+  GDBusConnection* const connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+  if (connection == nullptr) {
+    const GLibError owned(error);
+    throw Failure(ExitCode::BusAbsent,
+                  std::string("the system bus cannot be reached: ") + error->message +
+                      "; is it running, and does DBUS_SYSTEM_BUS_ADDRESS, if set, name it?");
+  }
+  return connection;
+}
+
+struct RoundTrip {
+  MainLoop& loop;
+  std::function<void()> then;
+};
+
+void OnRoundTrip(GObject* connection, GAsyncResult* result, gpointer userData) {
+  const std::unique_ptr<RoundTrip> trip(static_cast<RoundTrip*>(userData));
+  GVariant* const reply =
+      g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, nullptr);
+  // A bus that does not answer is gone, which OnClosed() reports.
+  if (reply != nullptr) {
+    g_variant_unref(reply);
+    trip->loop.Protect(trip->then);
+  }
+}
+
+}  // namespace
+
+Bus::Bus(MainLoop& loop) : m_loop(loop), m_pConnection(Connect()) {
+  g_dbus_connection_set_exit_on_close(m_pConnection, FALSE);
+  m_nClosedHandler = g_signal_connect(m_pConnection, "closed", G_CALLBACK(OnClosed), this);
+}
+
+Bus::~Bus() {
+  g_signal_handler_disconnect(m_pConnection, m_nClosedHandler);
+  g_dbus_connection_flush_sync(m_pConnection, nullptr, nullptr);
+  g_object_unref(m_pConnection);
+}
+
+std::string Bus::OwnName() const { return g_dbus_connection_get_unique_name(m_pConnection); }
+
+void Bus::AfterRoundTrip(std::function<void()> then) {
+  auto trip = std::make_unique<RoundTrip>(RoundTrip{m_loop, std::move(then)});
+  g_dbus_connection_call(m_pConnection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                         "org.freedesktop.DBus", "GetId", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE,
+                         -1, nullptr, OnRoundTrip, trip.release());
+}
+
+void Bus::OnClosed(GDBusConnection* /*connection*/, gboolean /*remote*/, GError* /*error*/,
+                   gpointer userData) {
+  static_cast<Bus*>(userData)->m_loop.Protect(
+      [] { throw Failure(ExitCode::BusAbsent, "the system bus went away; start again with it"); });
+}
+
+}  // namespace ondaro::ctl

@@ -1,0 +1,46 @@
+#ifndef ONDARO_CTL_BUS_H
+#define ONDARO_CTL_BUS_H
+
+#include <gio/gio.h>
+
+#include <functional>
+#include <string>
+
+#include "MainLoop.h"
+
+namespace ondaro::ctl {
+
+/// The daemon's bus name and the method by which applications reach it.
+inline constexpr char DAEMON_NAME[] = "com.halvex.tv.ondaro";
+inline constexpr char DAEMON_METHOD[] = "sendDataToServer";
+
+/// The process's connection to the system bus, which the library uses as well. While it lives, a
+/// bus that goes away ends the loop with a Failure; when it goes, all that was sent is out.
+class Bus {
+ public:
+  /// A Failure when the bus cannot be reached.
+  explicit Bus(MainLoop& loop);
+  ~Bus();
+
+  Bus(const Bus&) = delete;
+  Bus& operator=(const Bus&) = delete;
+
+  GDBusConnection* Connection() const { return m_pConnection; }
+  std::string OwnName() const;
+
+  /// Calls `then` when the bus has dealt with all that was sent up to now, and the loop with what
+  /// the bus answered to it.
+  void AfterRoundTrip(std::function<void()> then);
+
+ private:
+  static void OnClosed(GDBusConnection* connection, gboolean remote, GError* error,
+                       gpointer userData);
+
+  MainLoop& m_loop;
+  GDBusConnection* m_pConnection;
+  gulong m_nClosedHandler;
+};
+
+}  // namespace ondaro::ctl
+
+#endif

@@ -1,0 +1,52 @@
+#include <charconv>
+#include <cmath>
+
+#include "Verbs.h"
+
+namespace ondaro::ctl {
+namespace {
+
+constexpr double LONGEST_TIMEOUT = 1'000'000.0;
+
+template <class Number>
+bool Parse(const std::string& text, Number& number) {
+  const char* const end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, number);
+  return error == std::errc() && rest == end;
+}
+
+std::string CheckSeconds(const std::string& text) {
+  double seconds = 0;
+  const bool isFine = Parse(text, seconds) && seconds >= 0 && seconds <= LONGEST_TIMEOUT;
+  return isFine ? "" : "'" + text + "' is not a number of seconds from 0 to 1000000";
+}
+
+std::string CheckCount(const std::string& text) {
+  std::uint64_t count = 0;
+  return Parse(text, count) && count > 0 ? "" : "'" + text + "' is not a number from 1";
+}
+
+}  // namespace
+
+void AddTimeout(CLI::App& verb, std::optional<double>& seconds) {
+  verb.add_option("--timeout", seconds, "Give up after SECONDS, with exit code 5")
+      ->type_name("SECONDS")
+      ->check(CheckSeconds);
+}
+
+void AddLimits(CLI::App& verb, Limits& limits) {
+  verb.add_option("-n,--count", limits.count, "End after that many")
+      ->type_name("COUNT")
+      ->check(CheckCount);
+  AddTimeout(verb, limits.seconds);
+}
+
+CLI::Option* AddWords(CLI::App& verb, const std::string& name, std::vector<std::string>& words,
+                      const std::string& description) {
+  return verb
+      .add_option_function<std::vector<std::string>>(
+          name, [&words](const std::vector<std::string>& given) { words = given; }, description)
+      ->allow_extra_args(false);
+}
+
+}  // namespace ondaro::ctl

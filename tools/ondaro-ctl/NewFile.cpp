@@ -1,0 +1,88 @@
+#include "NewFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "ExitCode.h"
+#include "GLibOwner.h"
+
+namespace ondaro::ctl {
+namespace {
+
+[[noreturn]] void Fail(const std::string& path, const std::string& reason) {
+  throw Failure(ExitCode::Failed, path + " cannot be written: " + reason);
+}
+
+[[noreturn]] void FailWithErrno(const std::string& path) { Fail(path, std::strerror(errno)); }
+
+void RequireReplaceable(const std::string& path) {
+  struct stat present {};
+  if (lstat(path.c_str(), &present) == 0 && !S_ISREG(present.st_mode)) {
+    Fail(path, "it is there and no regular file");
+  }
+}
+
+}  // namespace
+
+NewFile::NewFile(const std::string& path, mode_t mode, bool replace)
+    : m_path(path), m_written(replace ? path + ".new" : path), m_descriptor(-1) {
+  if (replace) {
+    RequireReplaceable(path);
+  }
+  m_descriptor = open(m_written.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  if (m_descriptor >= 0) {
+    return;
+  }
+  if (errno == EEXIST) {
+    Fail(m_written,
+         replace ? "it is left over; remove it first" : "it is there already; --force replaces it");
+  }
+  FailWithErrno(m_written);
+}
+
+NewFile::~NewFile() {
+  close(m_descriptor);
+  if (!m_written.empty()) {
+    unlink(m_written.c_str());
+  }
+}
+
+void NewFile::Write(std::string_view bytes) const {
+  while (!bytes.empty()) {
+    const ssize_t written = write(m_descriptor, bytes.data(), bytes.size());
+    if (written >= 0) {
+      bytes.remove_prefix(static_cast<std::size_t>(written));
+    } else if (errno != EINTR) {
+      FailWithErrno(m_path);
+    }
+  }
+}
+
+void NewFile::Commit() {
+  if (fsync(m_descriptor) != 0) {
+    FailWithErrno(m_path);
+  }
+  if (m_written != m_path && std::rename(m_written.c_str(), m_path.c_str()) != 0) {
+    FailWithErrno(m_path);
+  }
+  m_written.clear();
+}
+
+std::string ReadFile(const std::string& path) {
+  char* contents = nullptr;
+  gsize length = 0;
+  GError* error = nullptr;
+  if (g_file_get_contents(path.c_str(), &contents, &length, &error) == FALSE) {
+    const GLibError owned(error);
+    throw Failure(ExitCode::Failed, error->message);
+  }
+  const GLibText owned(contents);
+  return {contents, length};
+}
+
+}  // namespace ondaro::ctl

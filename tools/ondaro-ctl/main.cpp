@@ -1,0 +1,138 @@
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <sstream>
+
+#include "Catalogue.h"
+#include "Verbs.h"
+
+namespace ondaro::ctl {
+namespace {
+
+constexpr char LOG_VARIABLE[] = "ONDARO_HOST_LOG";
+
+constexpr char EXIT_CODES[] =
+    "A value that begins with '-' goes after '--'.\n"
+    "\n"
+    "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 no such property,\n"
+    "            4 bus or daemon absent, 5 timeout";
+
+void AddGlobalOptions(CLI::App& app, Session& session, std::string& log) {
+  app.add_flag_callback(
+      "--json", [&session] { session.output.UseJson(); }, "Print JSON, one object a line");
+  app.add_option("--log", log,
+                 "Platform log: verbose, debug, info, warning, error, fatal or off, and where to: "
+                 "stderr or a file (default: off, or what ONDARO_HOST_LOG says). For the backend "
+                 "of an ordinary Linux machine; of no effect on other sets")
+      ->type_name("LEVEL[:SINK]");
+  app.set_version_flag("--version", "ondaro-ctl " ONDARO_CTL_VERSION);
+}
+
+void AddVerbs(CLI::App& app, Session& session) {
+  AddPropertyVerbs(app, session);
+  AddDumpVerbs(app, session);
+  AddWatchVerbs(app, session);
+  AddStoreVerbs(app, session);
+  AddDeviceVerbs(app, session);
+  AddAuthVerbs(app, session);
+  AddMessageVerbs(app, session);
+}
+
+/// The innermost verb given, for "ondaro-ctl store get --help".
+const CLI::App& VerbOf(const CLI::App& app) {
+  const auto given = app.get_subcommands();
+  return given.empty() ? app : VerbOf(*given.front());
+}
+
+std::string FullName(const CLI::App& verb) {
+  const CLI::App* const parent = verb.get_parent();
+  return parent == nullptr ? "ondaro-ctl" : FullName(*parent) + " " + verb.get_name();
+}
+
+std::string DescribeMissingVerb(const CLI::App& verb) {
+  const std::vector<std::string> words = verb.remaining();
+  if (words.empty()) {
+    return "a verb is missing";
+  }
+  if (words.front().rfind('-', 0) == 0) {
+    return "there is no option '" + words.front() + "'";
+  }
+  std::vector<std::string> names;
+  for (const CLI::App* known : verb.get_subcommands({})) {
+    names.push_back(known->get_name());
+  }
+  return "there is no verb '" + words.front() + "'" + Suggest(words.front(), names);
+}
+
+std::string DescribeWrongUsage(const CLI::App& app, const CLI::ParseError& error) {
+  const CLI::App& verb = VerbOf(app);
+  const bool needsVerb = verb.get_require_subcommand_min() > 0;
+  return (needsVerb ? DescribeMissingVerb(verb) : std::string(error.what())) + "\nSee '" +
+         FullName(verb) + " --help'";
+}
+
+/// Parses; true when a verb is to be run. Help and version are printed.
+bool Parse(CLI::App& app, const Session& session, int argc, char** argv) {
+  try {
+    app.parse(argc, argv);
+    return true;
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() != 0) {
+      throw Failure(ExitCode::Usage, DescribeWrongUsage(app, error));
+    }
+    std::ostringstream text;
+    app.exit(error, text, text);
+    std::string lines = text.str();
+    lines.erase(lines.find_last_not_of('\n') + 1);
+    session.output.Line(lines);
+    return false;
+  }
+}
+
+/// The library writes ordinary calls at error priority, so the log is quiet unless asked for.
+void ChooseLog(const std::string& log) {
+  const bool isGiven = !log.empty();
+  setenv(LOG_VARIABLE, isGiven ? log.c_str() : "off", isGiven ? 1 : 0);
+}
+
+void Run(Session& session, int argc, char** argv) {
+  std::string log;
+  CLI::App app("Reads, changes and watches a media-sharing receiver's set.", "ondaro-ctl");
+  app.require_subcommand(1);
+  app.fallthrough();
+  app.footer(EXIT_CODES);
+  AddGlobalOptions(app, session, log);
+  AddVerbs(app, session);
+  if (Parse(app, session, argc, argv)) {
+    ChooseLog(log);
+    session.verb();
+  }
+}
+
+/// The one place where everything thrown ends.
+ExitCode Main(int argc, char** argv) {
+  Session session;
+  try {
+    Run(session, argc, argv);
+    return ExitCode::Done;
+  } catch (const Failure& failure) {
+    session.output.Error(failure.what());
+    return failure.Code();
+  } catch (const OutputClosed&) {
+    return ExitCode::Done;
+  } catch (const std::bad_alloc&) {
+    session.output.Error("out of memory");
+  } catch (...) {
+    session.output.Error("the library failed; '--log error' shows why");
+  }
+  return ExitCode::Failed;
+}
+
+}  // namespace
+}  // namespace ondaro::ctl
+
+int main(int argc, char** argv) {
+  // A reader that goes away shows when writing.
+  std::signal(SIGPIPE, SIG_IGN);
+  return static_cast<int>(ondaro::ctl::Main(argc, argv));
+}
