@@ -19,19 +19,21 @@ GDBusConnection* Connect() {
   return connection;
 }
 
-struct RoundTrip {
+struct Answer {
   MainLoop& loop;
   std::function<void()> then;
 };
 
-void OnRoundTrip(GObject* connection, GAsyncResult* result, gpointer userData) {
-  const std::unique_ptr<RoundTrip> trip(static_cast<RoundTrip*>(userData));
+void OnAnswer(GObject* connection, GAsyncResult* result, gpointer userData) {
+  const std::unique_ptr<Answer> answer(static_cast<Answer*>(userData));
   GVariant* const reply =
       g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, nullptr);
-  // A bus that does not answer is gone, which OnClosed() reports.
   if (reply != nullptr) {
     g_variant_unref(reply);
-    trip->loop.Protect(trip->then);
+  }
+  // A bus that is gone answers nothing; OnClosed() reports it.
+  if (g_dbus_connection_is_closed(G_DBUS_CONNECTION(connection)) == FALSE) {
+    answer->loop.Protect(answer->then);
   }
 }
 
@@ -51,10 +53,23 @@ Bus::~Bus() {
 std::string Bus::OwnName() const { return g_dbus_connection_get_unique_name(m_pConnection); }
 
 void Bus::AfterRoundTrip(std::function<void()> then) {
-  auto trip = std::make_unique<RoundTrip>(RoundTrip{m_loop, std::move(then)});
-  g_dbus_connection_call(m_pConnection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                         "org.freedesktop.DBus", "GetId", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE,
-                         -1, nullptr, OnRoundTrip, trip.release());
+  AfterAnswer(
+      {"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId", nullptr},
+      std::move(then));
+}
+
+void Bus::WhenDaemonAnswers(std::function<void()> then) {
+  AfterAnswer({DAEMON_NAME, DAEMON_PATH, "org.freedesktop.DBus.Properties", "GetAll",
+               g_variant_new("(s)", DAEMON_NAME)},
+              std::move(then));
+}
+
+void Bus::AfterAnswer(const Call& call, std::function<void()> then) {
+  constexpr int WITHOUT_TIMEOUT = G_MAXINT;
+  auto answer = std::make_unique<Answer>(Answer{m_loop, std::move(then)});
+  g_dbus_connection_call(m_pConnection, call.destination, call.path, call.interface, call.method,
+                         call.parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, WITHOUT_TIMEOUT, nullptr,
+                         OnAnswer, answer.release());
 }
 
 void Bus::OnClosed(GDBusConnection* /*connection*/, gboolean /*remote*/, GError* /*error*/,

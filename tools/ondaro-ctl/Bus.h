@@ -10,8 +10,10 @@
 
 namespace ondaro::ctl {
 
-/// The daemon's bus name and the method by which applications reach it.
+/// The daemon's bus name, which is its interface's as well, its object, and the method by which
+/// applications reach it.
 inline constexpr char DAEMON_NAME[] = "com.halvex.tv.ondaro";
+inline constexpr char DAEMON_PATH[] = "/com/halvex/tv/ondaro";
 inline constexpr char DAEMON_METHOD[] = "sendDataToServer";
 
 /// The process's connection to the system bus, which the library uses as well. While it lives, a
@@ -32,7 +34,20 @@ class Bus {
   /// the bus answered to it.
   void AfterRoundTrip(std::function<void()> then);
 
+  /// Calls `then` when there is no daemon or one that answers: the library asks it the same before
+  /// it hands out the application's end, and does not return from that to the loop.
+  void WhenDaemonAnswers(std::function<void()> then);
+
  private:
+  struct Call {
+    const char* destination;
+    const char* path;
+    const char* interface;
+    const char* method;
+    GVariant* parameters;
+  };
+
+  void AfterAnswer(const Call& call, std::function<void()> then);
   static void OnClosed(GDBusConnection* connection, gboolean remote, GError* error,
                        gpointer userData);
 

@@ -41,12 +41,4 @@ void AddLimits(CLI::App& verb, Limits& limits) {
   AddTimeout(verb, limits.seconds);
 }
 
-CLI::Option* AddWords(CLI::App& verb, const std::string& name, std::vector<std::string>& words,
-                      const std::string& description) {
-  return verb
-      .add_option_function<std::vector<std::string>>(
-          name, [&words](const std::vector<std::string>& given) { words = given; }, description)
-      ->allow_extra_args(false);
-}
-
 }  // namespace ondaro::ctl

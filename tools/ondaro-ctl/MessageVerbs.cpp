@@ -196,8 +196,11 @@ void Listen(const Output& output, const EventOptions& options) {
   MainLoop loop;
   Bus bus(loop);
   EventPrinter printer(output, loop, options);
-  const ClientRegistrations registrations(Client(), printer.Events());
-  bus.AfterRoundTrip([&] { output.Ready(); });
+  std::optional<ClientRegistrations> registrations;
+  bus.WhenDaemonAnswers([&] {
+    registrations.emplace(Client(), printer.Events());
+    bus.AfterRoundTrip([&] { output.Ready(); });
+  });
   loop.Run(options.limits.seconds, "the time is over");
 }
 
@@ -213,22 +216,25 @@ void RequireSuccess(const Reply& reply) {
   throw Failure(ExitCode::Failed, "the daemon's end refused the event: " + reply.errorMessage);
 }
 
+void StartSending(const SendOptions& options) {
+  if (OndaroApi_IpcClient_SendDataToServer(Client(), options.event.c_str(), options.data.c_str()) !=
+      0) {
+    throw Failure(ExitCode::Failed,
+                  "the event was not sent: event and data must be UTF-8 and "
+                  "together shorter than 32 MiB; '--log error' shows more");
+  }
+}
+
 void Send(const Output& /*output*/, const SendOptions& options) {
   MainLoop loop;
   Bus bus(loop);
-  const OndaroApi_IpcClient_h client = Client();
   std::optional<Reply> answer;
   const ReplyWatch watch(bus, loop, DAEMON_METHOD, [&](const Reply& reply) {
     answer = reply;
     // The library gets to see the reply before the tool ends.
     bus.AfterRoundTrip([&] { loop.Stop(); });
   });
-  if (OndaroApi_IpcClient_SendDataToServer(client, options.event.c_str(), options.data.c_str()) !=
-      0) {
-    throw Failure(ExitCode::Failed,
-                  "the event was not sent: event and data must be UTF-8 and "
-                  "together shorter than 32 MiB; '--log error' shows more");
-  }
+  bus.WhenDaemonAnswers([&] { StartSending(options); });
   loop.Run(options.seconds, "the daemon did not answer in time");
   if (!answer) {
     throw Failure(ExitCode::Failed, "interrupted before the daemon answered");
@@ -241,15 +247,13 @@ void Send(const Output& /*output*/, const SendOptions& options) {
 void AddMessageVerbs(CLI::App& app, Session& session) {
   auto options = std::make_shared<EventOptions>();
   CLI::App& serve = *app.add_subcommand(
-      "serve",
-      "Be the daemon: print the events of applications, send lines of standard input, "
-      "'EVENT DATA' each, to them");
-  AddWords(serve, "EVENT", options->names, "Names of the events to print")->required();
+      "serve", "Be the daemon: print events, send lines 'EVENT DATA' of standard input");
+  serve.add_option("EVENT", options->names, "Names of the events to print")->required();
   AddLimits(serve, options->limits);
   OnVerb(serve, session, options, Serve);
 
-  CLI::App& listen = *app.add_subcommand("listen", "Be an application: print the daemon's events");
-  AddWords(listen, "EVENT", options->names, "Names of the events to print")->required();
+  CLI::App& listen = *app.add_subcommand("listen", "Be an application: print events of the daemon");
+  listen.add_option("EVENT", options->names, "Names of the events to print")->required();
   AddLimits(listen, options->limits);
   OnVerb(listen, session, options, Listen);
 

@@ -155,7 +155,7 @@ void AddStoreVerbs(CLI::App& app, Session& session) {
 
   auto watched = std::make_shared<StoreWatchOptions>();
   CLI::App& watch = *store.add_subcommand("watch", "Print every write to keys as it happens");
-  AddWords(watch, "KEY", watched->keys, "The settings keys")->required();
+  watch.add_option("KEY", watched->keys, "The settings keys")->required();
   AddLimits(watch, watched->limits);
   OnVerb(watch, session, watched, RunStoreWatch);
 }

@@ -41,10 +41,6 @@ struct Limits {
 void AddLimits(CLI::App& verb, Limits& limits);
 void AddTimeout(CLI::App& verb, std::optional<double>& seconds);
 
-/// Positional words, taken as they are.
-CLI::Option* AddWords(CLI::App& verb, const std::string& name, std::vector<std::string>& words,
-                      const std::string& description);
-
 /// Makes `run` what happens when the verb is given. It gets the options, which live until then.
 template <class Options, class Run>
 void OnVerb(CLI::App& verb, Session& session, std::shared_ptr<Options> options, Run run) {

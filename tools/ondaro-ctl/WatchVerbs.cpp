@@ -144,7 +144,7 @@ void RunWait(const Output& output, const WaitOptions& options) {
 void AddWatchVerbs(CLI::App& app, Session& session) {
   auto watched = std::make_shared<WatchOptions>();
   CLI::App& watch = *app.add_subcommand("watch", "Print changes of properties as they happen");
-  AddWords(watch, "NAME", watched->names, "Properties; all that have change events when left out");
+  watch.add_option("NAME", watched->names, "Properties; all that have change events when left out");
   AddLimits(watch, watched->limits);
   OnVerb(watch, session, watched, RunWatch);
 

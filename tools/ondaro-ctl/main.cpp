@@ -1,7 +1,10 @@
+#include <algorithm>
+#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <sstream>
+#include <string_view>
 
 #include "Catalogue.h"
 #include "Verbs.h"
@@ -11,21 +14,44 @@ namespace {
 
 constexpr char LOG_VARIABLE[] = "ONDARO_HOST_LOG";
 
+constexpr std::array<std::string_view, 7> LOG_LEVELS = {"verbose", "debug", "info", "warning",
+                                                        "error",   "fatal", "off"};
+
+constexpr char LOG_HELP[] =
+    "Show the platform log from LEVEL on: verbose, debug, info, warning,\n"
+    "error, fatal or off; SINK is stderr or a file. Default: what\n"
+    "ONDARO_HOST_LOG says, else off. Only for the backend of an\n"
+    "ordinary Linux machine; of no effect on other sets";
+
+constexpr std::size_t HELP_COLUMN = 24;
+
 constexpr char EXIT_CODES[] =
-    "A value that begins with '-' goes after '--'.\n"
+    "--json and --log go with every verb. A word that begins with '-' goes after '--'.\n"
     "\n"
     "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 no such property,\n"
     "            4 bus or daemon absent, 5 timeout";
 
+std::string CheckLog(const std::string& log) {
+  const auto isLevel = [level = log.substr(0, log.find(':'))](std::string_view known) {
+    return level == known;
+  };
+  return std::any_of(LOG_LEVELS.begin(), LOG_LEVELS.end(), isLevel)
+             ? ""
+             : "'" + log + "' begins with no level that the log has";
+}
+
 void AddGlobalOptions(CLI::App& app, Session& session, std::string& log) {
   app.add_flag_callback(
       "--json", [&session] { session.output.UseJson(); }, "Print JSON, one object a line");
-  app.add_option("--log", log,
-                 "Platform log: verbose, debug, info, warning, error, fatal or off, and where to: "
-                 "stderr or a file (default: off, or what ONDARO_HOST_LOG says). For the backend "
-                 "of an ordinary Linux machine; of no effect on other sets")
-      ->type_name("LEVEL[:SINK]");
+  app.add_option("--log", log, LOG_HELP)->type_name("LEVEL[:SINK]")->check(CheckLog);
   app.set_version_flag("--version", "ondaro-ctl " ONDARO_CTL_VERSION);
+}
+
+void CallThemVerbs(CLI::App& app) {
+  for (CLI::App* verb : app.get_subcommands({})) {
+    verb->group("Verbs");
+    CallThemVerbs(*verb);
+  }
 }
 
 void AddVerbs(CLI::App& app, Session& session) {
@@ -36,6 +62,7 @@ void AddVerbs(CLI::App& app, Session& session) {
   AddDeviceVerbs(app, session);
   AddAuthVerbs(app, session);
   AddMessageVerbs(app, session);
+  CallThemVerbs(app);
 }
 
 /// The innermost verb given, for "ondaro-ctl store get --help".
@@ -67,8 +94,8 @@ std::string DescribeMissingVerb(const CLI::App& verb) {
 std::string DescribeWrongUsage(const CLI::App& app, const CLI::ParseError& error) {
   const CLI::App& verb = VerbOf(app);
   const bool needsVerb = verb.get_require_subcommand_min() > 0;
-  return (needsVerb ? DescribeMissingVerb(verb) : std::string(error.what())) + "\nSee '" +
-         FullName(verb) + " --help'";
+  const std::string reason = needsVerb ? DescribeMissingVerb(verb) : error.what();
+  return reason + "\nSee '" + FullName(verb) + " --help'";
 }
 
 /// Parses; true when a verb is to be run. Help and version are printed.
@@ -101,6 +128,9 @@ void Run(Session& session, int argc, char** argv) {
   app.require_subcommand(1);
   app.fallthrough();
   app.footer(EXIT_CODES);
+  app.get_formatter()->column_width(HELP_COLUMN);
+  app.get_formatter()->label("SUBCOMMAND", "VERB");
+  app.get_formatter()->label("TEXT", "");
   AddGlobalOptions(app, session, log);
   AddVerbs(app, session);
   if (Parse(app, session, argc, argv)) {

@@ -1,0 +1,109 @@
+#include "Tool.h"
+
+#include <json/reader.h>
+#include <stdlib.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <system_error>
+
+namespace ondaro::test {
+namespace {
+
+std::string MakeDirectory() {
+  std::string path = std::filesystem::temp_directory_path() / "ondaro-ctl-XXXXXX";
+  if (mkdtemp(path.data()) == nullptr) {
+    throw std::system_error(errno, std::generic_category(), path);
+  }
+  return path;
+}
+
+Words Prepend(const Words& front, const Words& back) {
+  Words all = front;
+  all.insert(all.end(), back.begin(), back.end());
+  return all;
+}
+
+}  // namespace
+
+ToolTest::ToolTest() : m_directory(MakeDirectory()) {
+  setenv("CTL", ONDARO_CTL, 1);
+  unsetenv("ONDARO_HOST_LOG");
+  unsetenv("NO_COLOR");
+  UseSet("set");
+}
+
+ToolTest::~ToolTest() {
+  std::error_code ignored;
+  std::filesystem::remove_all(m_directory, ignored);
+}
+
+void ToolTest::UseSet(const std::string& name) const {
+  std::filesystem::create_directory(Path(name));
+  setenv("ONDARO_HOST_STATE", Path(name).c_str(), 1);
+}
+
+Outcome ToolTest::Run(const Words& arguments, const std::string& input) const {
+  return RunProgram(Prepend({ONDARO_CTL}, arguments), input);
+}
+
+Outcome ToolTest::RunShell(const std::string& script) const {
+  return RunProgram({"sh", "-c", script}, {});
+}
+
+Outcome ToolTest::RunProgram(const Words& program, const std::string& input) const {
+  const std::string error = Path("stderr of run");
+  std::filesystem::remove(error);
+  ChildProcess child(program, {std::nullopt, false, error});
+  child.Write(input);
+  child.CloseInput();
+  const std::string out = child.ReadAll();
+  return {child.Wait(), out, ReadWholeFile(error)};
+}
+
+std::unique_ptr<ChildProcess> ToolTest::Start(const Words& arguments) const {
+  std::filesystem::remove(Path("stderr"));
+  return std::make_unique<ChildProcess>(Prepend({ONDARO_CTL}, arguments),
+                                        ChildProcess::Options{std::nullopt, false, Path("stderr")});
+}
+
+std::unique_ptr<ChildProcess> ToolTest::StartReady(const Words& arguments) const {
+  auto child = Start(arguments);
+  EXPECT_EQ(child->ReadLine(), "ready") << StandardError();
+  return child;
+}
+
+std::string ToolTest::StandardError() const { return ReadWholeFile(Path("stderr")); }
+
+void ToolTest::Set(const std::string& name, const std::string& value) const {
+  const Outcome outcome = Run({"set", name, "--", value});
+  EXPECT_EQ(outcome.code, 0) << outcome.err;
+}
+
+std::string ReadWholeFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+Json::Value ParseObject(const std::string& line) {
+  Json::Value object;
+  std::istringstream text(line);
+  std::string errors;
+  EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), text, &object, &errors)) << line << errors;
+  EXPECT_TRUE(object.isObject()) << line;
+  return object;
+}
+
+std::vector<Json::Value> ParseObjects(const std::string& text) {
+  std::vector<Json::Value> objects;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    objects.push_back(ParseObject(line));
+  }
+  return objects;
+}
+
+}  // namespace ondaro::test
