@@ -76,8 +76,7 @@ std::string FullName(const CLI::App& verb) {
   return parent == nullptr ? "ondaro-ctl" : FullName(*parent) + " " + verb.get_name();
 }
 
-std::string DescribeMissingVerb(const CLI::App& verb) {
-  const std::vector<std::string> words = verb.remaining();
+std::string DescribeMissingVerb(const CLI::App& verb, const std::vector<std::string>& words) {
   if (words.empty()) {
     return "a verb is missing";
   }
@@ -94,7 +93,8 @@ std::string DescribeMissingVerb(const CLI::App& verb) {
 std::string DescribeWrongUsage(const CLI::App& app, const CLI::ParseError& error) {
   const CLI::App& verb = VerbOf(app);
   const bool needsVerb = verb.get_require_subcommand_min() > 0;
-  const std::string reason = needsVerb ? DescribeMissingVerb(verb) : error.what();
+  const std::string reason =
+      needsVerb ? DescribeMissingVerb(verb, app.remaining(true)) : error.what();
   return reason + "\nSee '" + FullName(verb) + " --help'";
 }
 
