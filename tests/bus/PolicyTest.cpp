@@ -94,8 +94,7 @@ std::string OwnerMayBeTheTest() {
 std::string RunTool(std::vector<std::string> arguments) {
   arguments.insert(arguments.begin(), "gdbus");
   ChildProcess tool(arguments, {geteuid() == 0 ? std::optional(Player()) : std::nullopt, true, {}});
-  WaitUntil([&] { return tool.HasLine(); });
-  return tool.ReadAll();
+  return ReadAllWhileServing(tool);
 }
 
 class Policy : public testing::TestWithParam<Role> {
