@@ -21,6 +21,10 @@ CIpcClientImpl::CIpcClientImpl() {
   if (connection == nullptr) {
     throw CInvalidCaseException(std::string("g_bus_get_sync failed: ") + error.Message());
   }
+  // GLib takes any use of a closed connection for a mistake of the program.
+  if (g_dbus_connection_is_closed(connection.get()) != FALSE) {
+    throw CInvalidCaseException("g_bus_get_sync failed: the connection is closed");
+  }
   m_pGDBusProxy =
       g_dbus_proxy_new_sync(connection.get(), G_DBUS_PROXY_FLAGS_NONE, nullptr, BusContract::NAME,
                             BusContract::OBJECT_PATH, BusContract::INTERFACE, nullptr, error.Out());
@@ -48,10 +52,12 @@ void CIpcClientImpl::RegisterEventHandler(const std::string& appEvt,
   }
   // One subscription serves all names: a second one would deliver every signal twice.
   if (m_nSubscriptionId == 0) {
-    m_nSubscriptionId = g_dbus_connection_signal_subscribe(
-        m_pGDBusConnection, nullptr, BusContract::INTERFACE, BusContract::SIGNAL_TO_CLIENT,
-        BusContract::OBJECT_PATH, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, _DbusSignalCallback, this,
-        nullptr);
+    if (g_dbus_connection_is_closed(m_pGDBusConnection) == FALSE) {
+      m_nSubscriptionId = g_dbus_connection_signal_subscribe(
+          m_pGDBusConnection, nullptr, BusContract::INTERFACE, BusContract::SIGNAL_TO_CLIENT,
+          BusContract::OBJECT_PATH, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, _DbusSignalCallback, this,
+          nullptr);
+    }
     if (m_nSubscriptionId == 0) {
       throw CInvalidCaseException("g_dbus_connection_signal_subscribe failed");
     }
