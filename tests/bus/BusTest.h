@@ -17,15 +17,6 @@
 
 namespace ondaro::test {
 
-/// Asks the bus over `connection` without iterating a main context. When it returns, everything
-/// that the bus sent to the connection before has arrived and waits in the main contexts.
-inline void SyncWithBus(GDBusConnection* connection) {
-  GVariant* reply = g_dbus_connection_call_sync(
-      connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId",
-      nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-  if (reply != nullptr) g_variant_unref(reply);
-}
-
 /// A bus and the process's shared connection to it, which is held to see what is left of it.
 class BusTest : public testing::Test {
  protected:

@@ -31,6 +31,13 @@ void Record(gpointer events, GVariant* body) {
 
 }  // namespace
 
+void SyncWithBus(GDBusConnection* connection) {
+  GVariant* reply = g_dbus_connection_call_sync(
+      connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId",
+      nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+  if (reply != nullptr) g_variant_unref(reply);
+}
+
 PlainPeer::PlainPeer() {
   GError* error = nullptr;
   m_connection = g_dbus_connection_new_for_address_sync(
@@ -86,7 +93,7 @@ void PlainPeer::Listen() {
       [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* body,
          gpointer events) { Record(events, body); },
       &m_heard, nullptr);
-  CallBus("GetId", nullptr);  // the bus has handled the subscription when it answers
+  SyncWithBus(m_connection);
 }
 
 void PlainPeer::Emit(GVariant* body, const char* member, const char* interface) {
@@ -94,7 +101,7 @@ void PlainPeer::Emit(GVariant* body, const char* member, const char* interface) 
   g_dbus_connection_emit_signal(m_connection, nullptr, OBJECT_PATH, interface, member, body,
                                 &error);
   ThrowOn(error);
-  CallBus("GetId", nullptr);
+  SyncWithBus(m_connection);
 }
 
 void PlainPeer::EmitEvent(const std::string& name, const std::string& data) {

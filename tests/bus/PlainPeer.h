@@ -19,6 +19,10 @@ constexpr const char* SIGNAL = "sendDataToClient";
 /// An event's name and data.
 using Event = std::pair<std::string, std::string>;
 
+/// Asks the bus over `connection` without iterating a main context. When it returns, everything
+/// that the bus sent to the connection before has arrived and waits in the main contexts.
+void SyncWithBus(GDBusConnection* connection);
+
 /// A bus connection of its own that speaks plain GDBus, on the thread's main context: the other
 /// end for whatever is tested. The library never sees it but over the bus.
 class PlainPeer {
