@@ -109,7 +109,7 @@ void PlainPeer::EmitEvent(const std::string& name, const std::string& data) {
 }
 
 std::string PlainPeer::Call(GVariant* body, const char* member, const char* interface,
-                            const char* path, const char* destination) {
+                            const char* path, const char* destination, int timeoutMilliseconds) {
   std::string result;
   g_dbus_connection_call(
       m_connection, destination, path, interface, member, body, nullptr, G_DBUS_CALL_FLAGS_NONE, -1,

@@ -56,7 +56,8 @@ class PlainPeer {
 
   /// Calls the daemon while iterating the main context: the reply, or "error: " and the message.
   std::string Call(GVariant* body, const char* member = METHOD, const char* interface = INTERFACE,
-                   const char* path = OBJECT_PATH, const char* destination = BUS_NAME);
+                   const char* path = OBJECT_PATH, const char* destination = BUS_NAME,
+                   int timeoutMilliseconds = -1);
   std::string CallEvent(const std::string& name, const std::string& data);
 
  private:
