@@ -112,8 +112,8 @@ std::string PlainPeer::Call(GVariant* body, const char* member, const char* inte
                             const char* path, const char* destination, int timeoutMilliseconds) {
   std::string result;
   g_dbus_connection_call(
-      m_connection, destination, path, interface, member, body, nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
-      nullptr,
+      m_connection, destination, path, interface, member, body, nullptr, G_DBUS_CALL_FLAGS_NONE,
+      timeoutMilliseconds, nullptr,
       [](GObject* source, GAsyncResult* ready, gpointer text) {
         GError* error = nullptr;
         GVariant* reply = g_dbus_connection_call_finish(reinterpret_cast<GDBusConnection*>(source),
