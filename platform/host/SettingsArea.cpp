@@ -85,6 +85,7 @@ void SettingsArea::Write(std::string_view key, const SettingsValue& value) {
 
 bool SettingsArea::TryWrite(SettingsDatabase& database, std::string_view key,
                             const SettingsValue& value) {
+  m_bell->GiveWay();
   SettingsDatabase::Write write(database);
   const std::int64_t sequence = write.Append(key, value, m_bell->LastSequence());
   if (sequence % SETTINGS_TRIM_BATCH == 0) {
@@ -145,7 +146,7 @@ void SettingsArea::OpenBell(const std::string& path, Access access) {
 void SettingsArea::OpenDatabase(const std::string& path) {
   if (!m_bell) {
     // Nothing may be written here, so there is nothing to number or to set aside.
-    m_database = std::make_unique<SettingsDatabase>(path, m_durability, 0);
+    m_database = std::make_unique<SettingsDatabase>(path, m_durability, 0, [] {});
     return;
   }
   const SettingsBell::OpeningLock lock(*m_bell);
@@ -155,7 +156,8 @@ void SettingsArea::OpenDatabase(const std::string& path) {
   m_damaged = false;
   for (int attempt = 1; !m_database; ++attempt) {
     try {
-      m_database = std::make_unique<SettingsDatabase>(path, m_durability, m_bell->LastSequence());
+      m_database = std::make_unique<SettingsDatabase>(path, m_durability, m_bell->LastSequence(),
+                                                      [this] { m_bell->AskForWay(); });
     } catch (const SettingsError& error) {
       if (error.What() != SettingsError::Kind::DAMAGED || attempt == ATTEMPTS) {
         throw;

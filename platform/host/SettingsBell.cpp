@@ -21,6 +21,11 @@ constexpr off_t FIRST_PLACE = 1;
 
 constexpr off_t ByteOfPlace(std::size_t place) { return FIRST_PLACE + static_cast<off_t>(place); }
 
+/// The same clock for all processes.
+std::int64_t Now() noexcept {
+  return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
 struct flock LockOf(off_t byte, short type) {
   struct flock lock = {};
   lock.l_type = type;
@@ -99,7 +104,20 @@ bool SettingsBell::Announce(std::int64_t sequence) noexcept {
 
 bool SettingsBell::Settle(std::int64_t sequence) noexcept {
   std::uint64_t announced = SettledState(sequence) - 1;
+  m_ownState = SettledState(sequence);
   return m_page->state.compare_exchange_strong(announced, announced + 1);
+}
+
+void SettingsBell::AskForWay() noexcept {
+  constexpr std::chrono::nanoseconds MOMENT = std::chrono::milliseconds(2);
+  m_page->awaited.store(Now() + MOMENT.count());
+}
+
+void SettingsBell::GiveWay() const noexcept {
+  constexpr std::chrono::microseconds PAUSE{50};
+  while (m_page->awaited.load() != 0 && State() == m_ownState && Now() < m_page->awaited.load()) {
+    std::this_thread::sleep_for(PAUSE);
+  }
 }
 
 void SettingsBell::Ring() noexcept {

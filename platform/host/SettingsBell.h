@@ -18,6 +18,7 @@ struct SettingsBellPage {
   std::atomic<std::uint64_t> state;       ///< see SettingsBell
   std::atomic<std::uint64_t> generation;  ///< how often the database has been replaced
   std::uint64_t rung;                     ///< written only to be noticed
+  std::atomic<std::int64_t> awaited;      ///< a writer waits, and asks again before this time
   std::array<std::atomic<std::int64_t>, PLACES> places;  ///< position + 1 of a following process
 };
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
@@ -58,6 +59,13 @@ class SettingsBell {
   /// After that commit, or its failure; false when another writer has gone on already.
   bool Settle(std::int64_t sequence) noexcept;
 
+  /// Asks the writer of another process to let this one go first, for a moment.
+  void AskForWay() noexcept;
+
+  /// Grants that, where the last write was this process's own. The lock alone goes to whoever comes
+  /// back first, and one that waits for the disk in between comes back too late each time.
+  void GiveWay() const noexcept;
+
   /// Wakes those who watch the file.
   void Ring() noexcept;
 
@@ -95,6 +103,7 @@ class SettingsBell {
   int m_fd = -1;
   SettingsBellPage* m_page = nullptr;
   std::optional<std::size_t> m_place;
+  std::uint64_t m_ownState = 0;
 };
 
 }  // namespace ondaro::host

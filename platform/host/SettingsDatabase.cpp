@@ -26,12 +26,12 @@ std::optional<SettingsValue> ValueOf(sqlite3_stmt* statement, int column) {
     case SQLITE_TEXT: {
       const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
       const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement, column));
-      return SettingsValue(std::in_place_type<std::string>, text, size);
+      return std::string(text, size);
     }
     case SQLITE_INTEGER: {
       const sqlite3_int64 number = sqlite3_column_int64(statement, column);
       if (number >= std::numeric_limits<int>::min() && number <= std::numeric_limits<int>::max()) {
-        return SettingsValue(static_cast<int>(number));
+        return static_cast<int>(number);
       }
       return std::nullopt;
     }
@@ -105,8 +105,8 @@ class SettingsDatabase::Query {
 };
 
 SettingsDatabase::SettingsDatabase(const std::string& path, Durability durability,
-                                   std::int64_t floor)
-    : m_path(path) {
+                                   std::int64_t floor, std::function<void()> onWait)
+    : m_path(path), m_onWait(std::move(onWait)) {
   sqlite3* connection = nullptr;
   const int code =
       sqlite3_open_v2(path.c_str(), &connection,
@@ -144,14 +144,15 @@ void SettingsDatabase::Fail(int code) const {
 int SettingsDatabase::OnBusy(void* self, int count) noexcept {
   // Short even pauses: with growing ones a writer starves beside one that writes in a row.
   constexpr std::chrono::microseconds PAUSE{200};
-  auto& deadline = static_cast<SettingsDatabase*>(self)->m_busyDeadline;
+  auto& database = *static_cast<SettingsDatabase*>(self);
   const auto now = std::chrono::steady_clock::now();
   if (count == 0) {
-    deadline = now + SETTINGS_LONGEST_WAIT;
+    database.m_busyDeadline = now + SETTINGS_LONGEST_WAIT;
   }
-  if (now > deadline) {
+  if (now > database.m_busyDeadline) {
     return 0;
   }
+  database.m_onWait();
   std::this_thread::sleep_for(PAUSE);
   return 1;
 }

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -26,8 +27,10 @@ class SettingsDatabase {
     UNSYNCED,  ///< what is committed outlives the process
   };
 
-  /// Opens the file or makes it; a new log begins after `floor`.
-  SettingsDatabase(const std::string& path, Durability durability, std::int64_t floor);
+  /// Opens the file or makes it; a new log begins after `floor`. While a call waits for another
+  /// process, `onWait` is called again and again.
+  SettingsDatabase(const std::string& path, Durability durability, std::int64_t floor,
+                   std::function<void()> onWait);
   SettingsDatabase(const SettingsDatabase&) = delete;
   SettingsDatabase& operator=(const SettingsDatabase&) = delete;
 
@@ -85,6 +88,7 @@ class SettingsDatabase {
   [[noreturn]] void Fail(int code) const;
 
   std::string m_path;
+  std::function<void()> m_onWait;
   std::chrono::steady_clock::time_point m_busyDeadline;
   Connection m_connection;  // before its statements, so that they go first
   Statement m_get;

@@ -3,7 +3,6 @@
 
 #include <stdlib.h>
 
-#include <algorithm>
 #include <deque>
 #include <filesystem>
 #include <map>
@@ -55,13 +54,13 @@ class StoreProcess {
   /// The next change called back, as "key=value".
   std::string Change() { return Next("* "); }
 
-  bool HasLogged(const std::string& part) const {
-    const auto contains = [&](const std::string& line) {
-      return line.find(part) != std::string::npos;
-    };
-    const auto lines = m_lines.find("! ");
-    return lines != m_lines.end() &&
-           std::any_of(lines->second.begin(), lines->second.end(), contains);
+  bool HasLogged(const std::string& part) { return Log().find(part) != std::string::npos; }
+
+  /// The error lines so far, to be shown when a test fails.
+  std::string Log() {
+    std::string log;
+    for (const std::string& line : m_lines["! "]) log += line + "\n";
+    return log;
   }
 
   ChildProcess& Process() { return m_process; }

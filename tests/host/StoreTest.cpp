@@ -225,8 +225,8 @@ TEST_P(Store, WritesInARowFromTwoProcessesReachAThirdCompleteAndInOrder) {
   one.Begin("burst " + Key("shared") + " " + std::to_string(count) + " one");
   two.Begin("burst " + Key("shared") + " " + std::to_string(count) + " two");
   EXPECT_TRUE(WaitUntil([&] { return shared.values.size() >= expected; }));
-  EXPECT_EQ(one.Reply(), "0");
-  EXPECT_EQ(two.Reply(), "0");
+  EXPECT_EQ(one.Reply(), "0") << one.Log();
+  EXPECT_EQ(two.Reply(), "0") << two.Log();
   Settle();
   EXPECT_EQ(shared.values.size(), expected);
   std::map<std::string, int> next;
@@ -238,6 +238,16 @@ TEST_P(Store, WritesInARowFromTwoProcessesReachAThirdCompleteAndInOrder) {
   EXPECT_EQ(next["two"], count);
   EXPECT_EQ(GetString(Key("shared")), shared.values.back());
   EXPECT_EQ(own.values, Values());
+}
+
+TEST_P(Store, WriterBesideOneThatWritesInARowIsLetThrough) {
+  StoreProcess other(g_directory->Path());
+  Recorder recorder;
+  ASSERT_EQ(Subscribe(Key("key"), recorder), 0);
+  other.Begin("burst " + Key("key") + " 1000000 other");
+  EXPECT_TRUE(WaitUntil([&] { return !recorder.values.empty(); }));
+  for (int write = 0; write < 20; ++write) EXPECT_EQ(SetString(Key("between"), "value"), 0);
+  other.Process().Kill();
 }
 
 TEST_P(Store, EveryWriteIsOneCallAlsoOfTheSameValue) {
