@@ -92,7 +92,8 @@ Json::Value ParseObject(const std::string& line) {
   Json::Value object;
   std::istringstream text(line);
   std::string errors;
-  EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), text, &object, &errors)) << line << errors;
+  EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), text, &object, &errors))
+      << line << errors;
   EXPECT_TRUE(object.isObject()) << line;
   return object;
 }

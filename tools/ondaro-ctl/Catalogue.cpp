@@ -59,6 +59,7 @@ const Property& FindProperty(std::string_view name) {
     return *found;
   }
   std::vector<std::string> names;
+  names.reserve(CATALOGUE.size());
   for (const Property& property : CATALOGUE) {
     names.emplace_back(property.name);
   }

@@ -30,7 +30,7 @@ void RequireReplaceable(const std::string& path) {
 }  // namespace
 
 NewFile::NewFile(const std::string& path, mode_t mode, bool replace)
-    : m_path(path), m_written(replace ? path + ".new" : path), m_descriptor(-1) {
+    : m_path(path), m_written(replace ? path + ".new" : path) {
   if (replace) {
     RequireReplaceable(path);
   }

@@ -26,7 +26,7 @@ class NewFile {
  private:
   std::string m_path;
   std::string m_written;  // until Commit(); empty afterwards
-  int m_descriptor;
+  int m_descriptor = -1;
 };
 
 /// The whole contents.
