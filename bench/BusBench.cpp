@@ -62,9 +62,13 @@ Pair Alternate(int blocks, const std::function<double()>& library,
   plain();
   for (int i = 0; i < blocks; ++i) {
     // Neither is always the one that comes after the other.
-    if (i % 2 == 0) libraryTimes.push_back(library());
+    if (i % 2 == 0) {
+      libraryTimes.push_back(library());
+    }
     plainTimes.push_back(plain());
-    if (i % 2 != 0) libraryTimes.push_back(library());
+    if (i % 2 != 0) {
+      libraryTimes.push_back(library());
+    }
   }
   return {Median(libraryTimes), Median(plainTimes)};
 }
@@ -215,7 +219,9 @@ double TimeDispatch(test::PlainPeer& daemon, GDBusConnection* shared, int names)
   test::SyncWithBus(daemon.Connection());
   test::SyncWithBus(shared);
   const auto start = Clock::now();
-  while (heard < SIGNALS) g_main_context_iteration(nullptr, TRUE);
+  while (heard < SIGNALS) {
+    g_main_context_iteration(nullptr, TRUE);
+  }
   return Microseconds(Clock::now() - start) / SIGNALS;
 }
 
@@ -237,7 +243,9 @@ Start TimeStart(test::PlainPeer& observer, const char* program, const char* name
   test::Drain();
   const auto start = Clock::now();
   const ChildProcess daemon({program});
-  while (!owned) g_main_context_iteration(nullptr, TRUE);
+  while (!owned) {
+    g_main_context_iteration(nullptr, TRUE);
+  }
   const double time = Microseconds(Clock::now() - start) / 1000;
   std::ifstream statm("/proc/" + std::to_string(daemon.Pid()) + "/statm");
   double total = 0;
@@ -291,14 +299,22 @@ void Run(int blocks) {
   for (const bool toFile : {false, true}) {
     std::printf("%s\n", toFile ? "every line of the log written to a file:" : "log discarded:");
     std::vector<std::string> command = {ONDARO_BENCH_LIBRARY_DAEMON};
-    if (toFile) command.push_back(directory + "/daemon.log");
-    if (toFile) LogToFile((directory + "/application.log").c_str());
+    if (toFile) {
+      command.push_back(directory + "/daemon.log");
+    }
+    if (toFile) {
+      LogToFile((directory + "/application.log").c_str());
+    }
     ChildProcess libraryDaemon(command);
     ChildProcess plainDaemon({ONDARO_BENCH_PLAIN_DAEMON});
     WaitForOwner(observer, test::BUS_NAME);
     WaitForOwner(observer, PLAIN_NAME);
-    if (!library) library = std::make_unique<LibraryEnd>();
-    if (!plain) plain = std::make_unique<PlainEnd>();
+    if (!library) {
+      library = std::make_unique<LibraryEnd>();
+    }
+    if (!plain) {
+      plain = std::make_unique<PlainEnd>();
+    }
     MeasureTraffic(blocks, library->AsEnd(&libraryDaemon), plain->AsEnd(&plainDaemon));
     LogNowhere();
     libraryDaemon.Kill();

@@ -19,7 +19,9 @@ gboolean OnInput(GIOChannel*, GIOCondition, gpointer userData) {
   auto* daemon = static_cast<Daemon*>(userData);
   char letters[64];
   const ssize_t size = read(STDIN_FILENO, letters, sizeof letters);
-  if (size <= 0) std::exit(EXIT_SUCCESS);
+  if (size <= 0) {
+    std::exit(EXIT_SUCCESS);
+  }
   for (ssize_t i = 0; i < size; ++i) {
     if (letters[i] == 's') {
       OndaroApi_IpcServer_SendDataToClient(daemon->ipc, "event", daemon->payload.c_str());
@@ -33,7 +35,9 @@ gboolean OnInput(GIOChannel*, GIOCondition, gpointer userData) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc > 1) ondaro::bench::LogToFile(argv[1]);
+  if (argc > 1) {
+    ondaro::bench::LogToFile(argv[1]);
+  }
   static Daemon daemon{OndaroFactory_GetIpcServerHandle(), {}};
   OndaroApi_IpcServer_RegisterEventHandler(
       daemon.ipc, "event", [](const char*, void*) {}, nullptr);

@@ -35,7 +35,9 @@ void LogToFile(const char* path) {
 }
 
 void LogNowhere() {
-  if (theFile >= 0) close(theFile);
+  if (theFile >= 0) {
+    close(theFile);
+  }
   theFile = -1;
 }
 
@@ -45,8 +47,12 @@ long AnsweredCalls() { return theAnswers; }
 
 int platform_log_print(int, int priority, const char* tag, const char* format, ...) {
   using namespace ondaro::bench;
-  if (TellsOfAnAnswer(format)) ++theAnswers;
-  if (theFile < 0) return 0;
+  if (TellsOfAnAnswer(format)) {
+    ++theAnswers;
+  }
+  if (theFile < 0) {
+    return 0;
+  }
   std::array<char, 4096> line{};
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
@@ -54,6 +60,7 @@ int platform_log_print(int, int priority, const char* tag, const char* format, .
                                  now.tv_nsec / 1000, priority, tag);
   std::va_list arguments;
   va_start(arguments, format);
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it is; a known misjudgement
   const int body = std::vsnprintf(line.data() + head, line.size() - static_cast<std::size_t>(head),
                                   format, arguments);
   va_end(arguments);

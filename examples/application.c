@@ -29,7 +29,9 @@ static void Ask(const Application* application, const char* event, const char* d
 
 /* Event and property come by different ways, in either order. */
 static void Proceed(Application* application) {
-  if (!application->answered || !application->changed) return;
+  if (!application->answered || !application->changed) {
+    return;
+  }
   application->answered = application->changed = false;
   if (!application->stopping) {
     application->stopping = true;

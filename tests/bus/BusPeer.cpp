@@ -156,14 +156,18 @@ class Peer {
       std::exit(EXIT_FAILURE);
     }
     ++m_answered;
-    if (m_answered == m_count) Say("volley ok");
+    if (m_answered == m_count) {
+      Say("volley ok");
+    }
     SendOn();
   }
 
   void Flood(std::istringstream& words) {
     const std::string name = Word(words);
     const int count = std::stoi(Word(words));
-    for (int i = 0; i < count; ++i) SendEvent(name, std::to_string(i));
+    for (int i = 0; i < count; ++i) {
+      SendEvent(name, std::to_string(i));
+    }
   }
 
   void Memory(std::istringstream&) {
@@ -197,8 +201,12 @@ gboolean OnInput(GIOChannel* channel, GIOCondition, gpointer peer) {
   gchar* text = nullptr;
   gsize end = 0;
   const GIOStatus status = g_io_channel_read_line(channel, &text, nullptr, &end, nullptr);
-  if (status == G_IO_STATUS_AGAIN) return G_SOURCE_CONTINUE;
-  if (status != G_IO_STATUS_NORMAL) std::exit(EXIT_SUCCESS);
+  if (status == G_IO_STATUS_AGAIN) {
+    return G_SOURCE_CONTINUE;
+  }
+  if (status != G_IO_STATUS_NORMAL) {
+    std::exit(EXIT_SUCCESS);
+  }
   const std::string line(text, end);
   g_free(text);
   static_cast<Peer*>(peer)->Run(line);

@@ -22,7 +22,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 int Checked(int result, const char* what) {
-  if (result < 0) throw std::system_error(errno, std::generic_category(), what);
+  if (result < 0) {
+    throw std::system_error(errno, std::generic_category(), what);
+  }
   return result;
 }
 
@@ -34,9 +36,13 @@ struct Identity {
 };
 
 std::optional<Identity> Lookup(const std::optional<std::string>& user) {
-  if (!user) return std::nullopt;
+  if (!user) {
+    return std::nullopt;
+  }
   const passwd* entry = getpwnam(user->c_str());
-  if (entry == nullptr) throw std::runtime_error("no such user: " + *user);
+  if (entry == nullptr) {
+    throw std::runtime_error("no such user: " + *user);
+  }
   Identity identity{entry->pw_uid, entry->pw_gid, std::vector<gid_t>(256)};
   int count = static_cast<int>(identity.groups.size());
   Checked(getgrouplist(user->c_str(), entry->pw_gid, identity.groups.data(), &count), "groups");
@@ -54,7 +60,9 @@ bool Become(const Identity& identity) {
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const Options& options) {
   const std::optional<Identity> identity = Lookup(options.user);
   std::vector<char*> argv;
-  for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+  for (const std::string& argument : arguments) {
+    argv.push_back(const_cast<char*>(argument.c_str()));
+  }
   argv.push_back(nullptr);
 
   std::array<int, 2> input{};
@@ -65,12 +73,16 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const Opti
   if (m_pid == 0) {
     dup2(input[0], STDIN_FILENO);
     dup2(output[1], STDOUT_FILENO);
-    if (options.mergeError) dup2(output[1], STDERR_FILENO);
+    if (options.mergeError) {
+      dup2(output[1], STDERR_FILENO);
+    }
     if (!options.errorFile.empty()) {
       dup2(open(options.errorFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644),
            STDERR_FILENO);
     }
-    if (identity && !Become(*identity)) _exit(126);
+    if (identity && !Become(*identity)) {
+      _exit(126);
+    }
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // after the change of identity, which clears it
     signal(SIGPIPE, SIG_DFL);
     execvp(argv[0], argv.data());
@@ -88,7 +100,7 @@ ChildProcess::~ChildProcess() {
   close(m_output);
 }
 
-void ChildProcess::Write(const std::string& text) {
+void ChildProcess::Write(const std::string& text) const {
   std::size_t done = 0;
   while (done < text.size()) {
     done += static_cast<std::size_t>(
@@ -97,17 +109,23 @@ void ChildProcess::Write(const std::string& text) {
 }
 
 void ChildProcess::CloseInput() {
-  if (m_input >= 0) close(m_input);
+  if (m_input >= 0) {
+    close(m_input);
+  }
   m_input = -1;
 }
 
 bool ChildProcess::Fill(std::chrono::milliseconds limit) {
   pollfd ready{m_output, POLLIN, 0};
-  if (m_ended || poll(&ready, 1, static_cast<int>(limit.count())) <= 0) return false;
+  if (m_ended || poll(&ready, 1, static_cast<int>(limit.count())) <= 0) {
+    return false;
+  }
   std::array<char, 4096> chunk{};
   const ssize_t size = read(m_output, chunk.data(), chunk.size());
   m_ended = size <= 0;
-  if (!m_ended) m_buffer.append(chunk.data(), static_cast<std::size_t>(size));
+  if (!m_ended) {
+    m_buffer.append(chunk.data(), static_cast<std::size_t>(size));
+  }
   return !m_ended;
 }
 
@@ -122,7 +140,9 @@ std::optional<std::string> ChildProcess::ReadLine(std::chrono::milliseconds limi
   std::size_t end = m_buffer.find('\n');
   while (end == std::string::npos) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    if (left.count() <= 0 || !Fill(left)) return std::nullopt;
+    if (left.count() <= 0 || !Fill(left)) {
+      return std::nullopt;
+    }
     end = m_buffer.find('\n');
   }
   std::string line = m_buffer.substr(0, end);
@@ -132,7 +152,9 @@ std::optional<std::string> ChildProcess::ReadLine(std::chrono::milliseconds limi
 
 std::optional<std::string> ChildProcess::ReadLineWith(const std::string& part) {
   std::optional<std::string> line = ReadLine();
-  while (line && line->find(part) == std::string::npos) line = ReadLine();
+  while (line && line->find(part) == std::string::npos) {
+    line = ReadLine();
+  }
   return line;
 }
 
@@ -143,10 +165,12 @@ std::string ChildProcess::ReadAll() {
 }
 
 void ChildProcess::Signal(int number) const {
-  if (m_pid > 0) kill(m_pid, number);
+  if (m_pid > 0) {
+    kill(m_pid, number);
+  }
 }
 
-void ChildProcess::Freeze() {
+void ChildProcess::Freeze() const {
   Signal(SIGSTOP);
   Checked(waitpid(m_pid, nullptr, WUNTRACED), "waitpid");
 }
@@ -159,9 +183,12 @@ int ChildProcess::Wait() {
 }
 
 void ChildProcess::Kill() {
-  if (m_pid <= 0) return;
+  if (m_pid <= 0) {
+    return;
+  }
   Signal(SIGKILL);
-  Wait();
+  waitpid(m_pid, nullptr, 0);
+  m_pid = -1;
 }
 
 }  // namespace ondaro::test

@@ -32,7 +32,7 @@ class ChildProcess {
 
   pid_t Pid() const { return m_pid; }
 
-  void Write(const std::string& text);
+  void Write(const std::string& text) const;
   void CloseInput();
 
   /// The next line of the output without its line feed; nothing at its end or after `limit`.
@@ -46,7 +46,7 @@ class ChildProcess {
 
   void Signal(int number) const;
   /// Sends SIGSTOP and returns when the process stands still.
-  void Freeze();
+  void Freeze() const;
   /// The exit code, or minus the number of the signal that ended it.
   int Wait();
   /// Ends it at once, whatever it does.

@@ -49,7 +49,9 @@ TEST_F(Client, HearsEachEventOnceHoweverManyNamesItListensTo) {
   m_client->RegisterEventHandler("", Recorder(""));
   m_client->RegisterEventHandler("ä", Recorder("ä"));
   const std::vector<Event> sent = {{"7", "seven"}, {"", ""}, {"ä", "ö"}, {"49", ""}, {"7", "7"}};
-  for (const auto& [name, data] : sent) m_daemon.EmitEvent(name, data);
+  for (const auto& [name, data] : sent) {
+    m_daemon.EmitEvent(name, data);
+  }
   m_daemon.EmitEvent("Ä", "nobody listens");
   Deliver();
   EXPECT_EQ(m_events, sent);
@@ -82,7 +84,9 @@ TEST_F(Client, StopsAndStartsListeningAgain) {
 
 TEST_F(Client, LosesNothingThatIsQueuedWhenItRegisters) {
   m_client->RegisterEventHandler("a", Recorder("a"));
-  for (int i = 0; i < 20; ++i) m_daemon.EmitEvent("a", std::to_string(i));
+  for (int i = 0; i < 20; ++i) {
+    m_daemon.EmitEvent("a", std::to_string(i));
+  }
   SyncWithBus(m_shared);
   m_client->RegisterEventHandler("b", Recorder("b"));
   m_daemon.EmitEvent("b", "");
@@ -205,7 +209,9 @@ TEST_F(Client, LogsTheCallsThatTheBusRefuses) {
   ASSERT_TRUE(Completed(1, 0));
   LogRecorder::Clear();
   // The daemon answers nothing before the main context is iterated.
-  for (std::size_t i = 0; i < SENT; ++i) m_client->SendDataToServer("event", std::to_string(i));
+  for (std::size_t i = 0; i < SENT; ++i) {
+    m_client->SendDataToServer("event", std::to_string(i));
+  }
   SyncWithBus(m_shared);
   EXPECT_TRUE(Completed(GRANTED, SENT - GRANTED));
   EXPECT_EQ(m_daemon.Received().size(), GRANTED + 1);
@@ -242,11 +248,15 @@ TEST_F(Client, LeavesNothingBehindInWhateverStateItIsDestroyed) {
     m_client->RegisterEventHandler("other", Recorder("other"));
   };
   const auto burst = [this] {
-    for (int i = 0; i < BURST; ++i) m_daemon.EmitEvent("event", "data");
+    for (int i = 0; i < BURST; ++i) {
+      m_daemon.EmitEvent("event", "data");
+    }
     SyncWithBus(m_shared);  // now they wait in the main context
   };
   const auto send = [this] {
-    for (int i = 0; i < BURST; ++i) m_client->SendDataToServer("event", "data");
+    for (int i = 0; i < BURST; ++i) {
+      m_client->SendDataToServer("event", "data");
+    }
   };
   const struct {
     const char* state;
@@ -267,7 +277,9 @@ TEST_F(Client, LeavesNothingBehindInWhateverStateItIsDestroyed) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.state);
-    if (!m_client) Create();
+    if (!m_client) {
+      Create();
+    }
     row.reach();
     m_client.reset();
     LogRecorder::Clear();

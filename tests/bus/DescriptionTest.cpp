@@ -35,7 +35,9 @@ const std::string ARGUMENTS =
 class Description : public BusTest {
  protected:
   Description() {
-    if (mkdtemp(m_directory.data()) == nullptr) throw std::runtime_error("no directory");
+    if (mkdtemp(m_directory.data()) == nullptr) {
+      throw std::runtime_error("no directory");
+    }
     std::filesystem::current_path(m_directory);
   }
   ~Description() override {
@@ -70,7 +72,9 @@ TEST_F(Description, ThatCannotBeUsedGivesNoServer) {
       Node(PATH, Interface("<arg type='mi' direction='out'/>")),
       Node(PATH, Interface("<arg type='(s' direction='out'/>")),
   };
-  for (std::size_t size = 1; size < whole.size(); size += 5) texts.push_back(whole.substr(0, size));
+  for (std::size_t size = 1; size < whole.size(); size += 5) {
+    texts.push_back(whole.substr(0, size));
+  }
   for (const std::string& text : texts) {
     Write(text);
     LogRecorder::Clear();

@@ -21,7 +21,9 @@ TEST(Examples, CompleteTheirExchange) {
   for (int run = 0; run < 2; ++run) {
     ChildProcess application({ONDARO_EXAMPLE_APPLICATION});
     std::vector<std::string> lines;
-    while (const auto line = application.ReadLine()) lines.push_back(*line);
+    while (const auto line = application.ReadLine()) {
+      lines.push_back(*line);
+    }
     EXPECT_EQ(application.Wait(), 0);
     EXPECT_EQ(daemon.ReadLine(), "daemon: play trailer");
     EXPECT_EQ(daemon.ReadLine(), "daemon: stop trailer");

@@ -44,7 +44,9 @@ class Exchange : public testing::Test {
  protected:
   /// The host backend's state is the test's own.
   Exchange() {
-    if (mkdtemp(m_state.data()) == nullptr) throw std::runtime_error("no directory for the state");
+    if (mkdtemp(m_state.data()) == nullptr) {
+      throw std::runtime_error("no directory for the state");
+    }
     setenv("ONDARO_HOST_STATE", m_state.c_str(), 1);
     setenv("ONDARO_HOST_LOG", "verbose:/dev/null", 1);
   }
@@ -135,7 +137,9 @@ TEST_F(Exchange, ReachesEveryApplicationOnce) {
   EXPECT_EQ(daemon.Do("expect arrived"), "expecting arrived");
   ASSERT_TRUE(daemon.SendSoon("nobody listens"));
   std::vector<std::unique_ptr<Peer>> applications;
-  for (int i = 0; i < APPLICATIONS; ++i) applications.push_back(std::make_unique<Peer>());
+  for (int i = 0; i < APPLICATIONS; ++i) {
+    applications.push_back(std::make_unique<Peer>());
+  }
   for (const auto& application : applications) {
     EXPECT_EQ(application->Do("client"), "client ok");
     EXPECT_EQ(application->Do("expect event"), "expecting event");
@@ -193,7 +197,9 @@ TEST_F(Exchange, EndsCleanlyInTheMiddleOfTraffic) {
     for (const std::string& handle : order) {
       peer.Write(handle + "\n");
       EXPECT_TRUE(peer.ReadLineWith(handle + " ok"));
-      if (handle != "client" && handle != "server") continue;
+      if (handle != "client" && handle != "server") {
+        continue;
+      }
       peer.Write("expect down\n");
       EXPECT_TRUE(peer.ReadLineWith("expecting down"));
     }

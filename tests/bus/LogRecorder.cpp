@@ -32,7 +32,9 @@ std::vector<LogLine> LogRecorder::Lines(const std::string& start) {
   const std::lock_guard lock(TheRecord().mutex);
   std::vector<LogLine> found;
   for (const LogLine& line : TheRecord().lines) {
-    if (line.body.compare(0, start.size(), start) == 0) found.push_back(line);
+    if (line.body.compare(0, start.size(), start) == 0) {
+      found.push_back(line);
+    }
   }
   return found;
 }

@@ -12,7 +12,9 @@ namespace ondaro::test {
 namespace {
 
 void ThrowOn(GError* error) {
-  if (error == nullptr) return;
+  if (error == nullptr) {
+    return;
+  }
   const std::string message = error->message;
   g_error_free(error);
   throw std::runtime_error(message);
@@ -35,7 +37,9 @@ void SyncWithBus(GDBusConnection* connection) {
   GVariant* reply = g_dbus_connection_call_sync(
       connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId",
       nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-  if (reply != nullptr) g_variant_unref(reply);
+  if (reply != nullptr) {
+    g_variant_unref(reply);
+  }
 }
 
 PlainPeer::PlainPeer() {
@@ -123,11 +127,15 @@ std::string PlainPeer::Call(GVariant* body, const char* member, const char* inte
         *static_cast<std::string*>(text) = printed;
         g_free(printed);
         g_clear_error(&error);
-        if (reply != nullptr) g_variant_unref(reply);
+        if (reply != nullptr) {
+          g_variant_unref(reply);
+        }
       },
       &result);
   // Bounded by the call's own timeout, after which `result` is not written any more.
-  while (result.empty()) g_main_context_iteration(g_main_context_get_thread_default(), TRUE);
+  while (result.empty()) {
+    g_main_context_iteration(g_main_context_get_thread_default(), TRUE);
+  }
   return result;
 }
 

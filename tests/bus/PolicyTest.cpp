@@ -58,11 +58,15 @@ const Role ROLES[] = {
 std::string PolicyFor(const Role& role, const std::string& user, const std::string& group) {
   std::ifstream file(ONDARO_TEST_POLICY);
   std::string text{std::istreambuf_iterator<char>(file), {}};
-  if (role.rule == nullptr) return text;
+  if (role.rule == nullptr) {
+    return text;
+  }
   const std::string rule = role.rule;
   const bool byGroup = rule.compare(0, 5, "group") == 0;
   const std::size_t place = text.find(rule);
-  if (place == std::string::npos) throw std::runtime_error("the policy has no rule " + rule);
+  if (place == std::string::npos) {
+    throw std::runtime_error("the policy has no rule " + rule);
+  }
   return text.replace(place, rule.size(),
                       byGroup ? "group=\"" + group + "\"" : "user=\"" + user + "\"");
 }
@@ -171,7 +175,9 @@ TEST(PolicyAsShipped, NamesADestinationInEverySendRule) {
   int rules = 0;
   for (std::size_t at = text.find('<'); at != std::string::npos; at = text.find('<', at + 1)) {
     const std::string element = text.substr(at, text.find('>', at) - at);
-    if (element.find(" send_") == std::string::npos) continue;
+    if (element.find(" send_") == std::string::npos) {
+      continue;
+    }
     ++rules;
     EXPECT_NE(element.find("send_destination=\"com.halvex.tv.ondaro\""), std::string::npos)
         << element;

@@ -45,7 +45,9 @@ PrivateBus::PrivateBus(const std::string& policy)
          " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
          "<busconfig>\n  <type>system</type>\n  <auth>EXTERNAL</auth>\n  <listen>"
       << m_address << "</listen>" << policy << "\n</busconfig>\n";
-  if (const char* before = getenv(ADDRESS_VARIABLE)) m_addressBefore = before;
+  if (const char* before = getenv(ADDRESS_VARIABLE)) {
+    m_addressBefore = before;
+  }
   Start();
   setenv(ADDRESS_VARIABLE, m_address.c_str(), 1);
 }
@@ -73,7 +75,9 @@ void PrivateBus::Start() {
       std::vector<std::string>{"dbus-daemon", "--config-file=" + m_directory + "/bus.conf",
                                "--nofork", "--nopidfile", "--nosyslog", "--print-address"},
       ChildProcess::Options{std::nullopt, false, log});
-  if (m_daemon->ReadLine()) return;
+  if (m_daemon->ReadLine()) {
+    return;
+  }
   std::ifstream file(log);
   throw std::runtime_error("the private bus did not start: " +
                            std::string{std::istreambuf_iterator<char>(file), {}});

@@ -183,7 +183,9 @@ TEST_F(Server, LetsHandlersDoEverything) {
   const std::string captured = "a text too long for the handler object itself";
   m_server->RegisterEventHandler("clear", [this, captured](const std::string& data) {
     m_server->UnregisterEventHandler();
-    for (int i = 0; i < 100; ++i) m_server->RegisterEventHandler(std::to_string(i), {});
+    for (int i = 0; i < 100; ++i) {
+      m_server->RegisterEventHandler(std::to_string(i), {});
+    }
     m_events.emplace_back(captured, data);
   });
   m_server->RegisterEventHandler(
@@ -278,7 +280,9 @@ TEST_F(Server, LeavesNothingBehindInWhateverStateItIsDestroyed) {
   constexpr int BURST = 100;
   const auto called = [](const char* start) { return [start] { return LogRecorder::Has(start); }; };
   const auto burst = [this] {
-    for (int i = 0; i < BURST; ++i) BeginCall(m_peer, SharedName());
+    for (int i = 0; i < BURST; ++i) {
+      BeginCall(m_peer, SharedName());
+    }
     SyncWithBus(m_peer.Connection());
     SyncWithBus(m_shared);  // now the calls wait in the main context
   };
@@ -343,7 +347,9 @@ TEST_F(Server, LeavesNothingBehindOnceTheNameIsLost) {
     m_server.reset();
     EXPECT_EQ(LogRecorder::Has("unregister_object() result:FAILED"), again);
     LogRecorder::Clear();
-    if (!again) m_peer.Release();
+    if (!again) {
+      m_peer.Release();
+    }
     EXPECT_TRUE(WaitUntil([this] { return m_peer.Owner().empty(); }));
     EXPECT_FALSE(LogRecorder::Has(""));
     ASSERT_TRUE(m_peer.Own());

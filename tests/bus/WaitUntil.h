@@ -30,7 +30,9 @@ bool WaitUntil(Predicate predicate, std::chrono::milliseconds limit = PATIENCE) 
 
   const auto deadline = std::chrono::steady_clock::now() + limit;
   while (!predicate()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
+    if (std::chrono::steady_clock::now() >= deadline) {
+      return false;
+    }
     g_main_context_iteration(context, TRUE);
   }
   return true;
@@ -47,7 +49,9 @@ inline std::string ReadAllWhileServing(ChildProcess& program) {
   std::string text;
   while (WaitUntil([&] { return program.HasLine(); })) {
     const std::optional<std::string> line = program.ReadLine();
-    if (!line) break;
+    if (!line) {
+      break;
+    }
     text += *line + "\n";
   }
   return text;
