@@ -11,11 +11,23 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bin")
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/lib")
+# In the build tree libraries are found relative to the executable; installed files have no run
+# path at all. Either way no path of the build gets into a binary.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   add_compile_options(-Wno-gnu-zero-variadic-macro-arguments)
 endif()
+
+# What is shipped: Debian's hardening, symbols bound at start (the table is read-only afterwards),
+# and the same binary whatever directory it was built in.
+add_compile_options(
+  "$<$<CONFIG:Release>:-O2;-fstack-protector-strong;-Wformat;-Werror=format-security>"
+  "$<$<CONFIG:Release>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>"
+  "$<$<CONFIG:Release>:-ffile-prefix-map=${PROJECT_BINARY_DIR}=build>")
+add_compile_definitions($<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
+add_link_options("$<$<CONFIG:Release>:LINKER:-O1,--as-needed,-z,relro,-z,now>")
 
 if(ONDARO_SANITIZE)
   add_compile_options(-fsanitize=${ONDARO_SANITIZE} -fno-omit-frame-pointer

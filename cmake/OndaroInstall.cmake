@@ -1,0 +1,75 @@
+# What `cmake --install` puts where, in four components:
+#   runtime  library, backend, interface description, bus policy
+#   dev      headers, link names, pkg-config file, CMake package, example sources
+#   tools    ondaro-ctl with manual page and completion
+#   kit      ondaro-platform-check
+# A relative CMAKE_INSTALL_BINDIR, ...LIBDIR and so on below the prefix keep the result relocatable.
+
+include(CMakePackageConfigHelpers)
+
+set(ONDARO_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/OndaroPlatformTv")
+set(ONDARO_PKGCONFIG_DIR "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+set(ONDARO_EXAMPLES_DIR "${CMAKE_INSTALL_DATADIR}/doc/lib-ondaro-platform-tv-dev/examples")
+
+# Runtime, and the link names for dev. A port may bring its backend as an imported library, which
+# is then its own business.
+set(libraries ondaro-platform-tv ondaro-platform-contract)
+get_target_property(backend_is_imported ondaro-platform IMPORTED)
+if(NOT backend_is_imported)
+  list(APPEND libraries ondaro-platform)
+endif()
+install(
+  TARGETS ${libraries}
+  EXPORT OndaroPlatformTvTargets
+  LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT runtime NAMELINK_COMPONENT dev
+  ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT dev)
+install(FILES "${PROJECT_SOURCE_DIR}/data/com.halvex.tv.ondaro.interface.xml"
+        DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT runtime)
+install(FILES "${PROJECT_SOURCE_DIR}/data/com.halvex.tv.ondaro.conf"
+        DESTINATION "${CMAKE_INSTALL_DATADIR}/dbus-1/system.d" COMPONENT runtime)
+
+# Development.
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/ondaro"
+                  "${PROJECT_SOURCE_DIR}/platform/include/platform"
+        DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT dev FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/examples/"
+        DESTINATION "${ONDARO_EXAMPLES_DIR}" COMPONENT dev FILES_MATCHING PATTERN "*.c")
+install(EXPORT OndaroPlatformTvTargets NAMESPACE OndaroPlatformTv::
+        DESTINATION "${ONDARO_CMAKE_DIR}" COMPONENT dev)
+configure_package_config_file(
+  "${PROJECT_SOURCE_DIR}/data/OndaroPlatformTvConfig.cmake.in"
+  "${PROJECT_BINARY_DIR}/OndaroPlatformTvConfig.cmake"
+  INSTALL_DESTINATION "${ONDARO_CMAKE_DIR}" NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/OndaroPlatformTvConfigVersion.cmake"
+                                 COMPATIBILITY SameMajorVersion)
+install(FILES "${PROJECT_BINARY_DIR}/OndaroPlatformTvConfig.cmake"
+              "${PROJECT_BINARY_DIR}/OndaroPlatformTvConfigVersion.cmake"
+        DESTINATION "${ONDARO_CMAKE_DIR}" COMPONENT dev)
+
+file(RELATIVE_PATH pkgconfig_to_prefix "/${ONDARO_PKGCONFIG_DIR}" "/")
+string(REGEX REPLACE "/$" "" pkgconfig_to_prefix "${pkgconfig_to_prefix}")
+configure_file("${PROJECT_SOURCE_DIR}/data/ondaro-platform-tv.pc.in"
+               "${PROJECT_BINARY_DIR}/ondaro-platform-tv.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/ondaro-platform-tv.pc"
+        DESTINATION "${ONDARO_PKGCONFIG_DIR}" COMPONENT dev)
+
+# The executables, those that this build has, each with its manual page <name>.1 and its
+# completion <name>.bash beside its sources.
+function(ondaro_install_program name component sources)
+  if(NOT TARGET ${name})
+    return()
+  endif()
+  install(TARGETS ${name} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT ${component})
+  set(sources "${PROJECT_SOURCE_DIR}/${sources}")
+  if(EXISTS "${sources}/${name}.1")
+    install(FILES "${sources}/${name}.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
+            COMPONENT ${component})
+  endif()
+  if(EXISTS "${sources}/${name}.bash")
+    install(FILES "${sources}/${name}.bash"
+            DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME ${name}
+            COMPONENT ${component})
+  endif()
+endfunction()
+ondaro_install_program(ondaro-ctl tools tools/ondaro-ctl)
+ondaro_install_program(ondaro-platform-check kit platform/conformance)
