@@ -5,7 +5,8 @@
  *
  * CDM-01  isKeySystemSupported() returns 11 for a key system that is supported, another number
  *         for one that is not.
- * CDM-02  create() returns a new instance, or null on failure.
+ * CDM-02  create() returns a new instance, or null on failure; a key system that is not supported
+ *         is a failure.
  * CDM-03  destroy() returns 0 on success and releases the instance.
  * CDM-04  getStringProperty() returns 0 on success with `result` filled.
  * CDM-05  getStringProperty() with query "getSystemId" and parameter " " gives the system
@@ -14,8 +15,10 @@
  * CDM-07  generateDeviceKeyAndCert() returns 0 on success with both strings filled.
  * CDM-08  ondaroSign() returns 0 on success with `sign` filled with a signature of `hash`.
  * CDM-09  A failing operation returns non-zero and throws nothing.
- * CDM-10  The listener may be called on any thread between create() and the end of destroy().
+ * CDM-10  The listener may be called, on any thread, between create() and the end of destroy(),
+ *         and at no other time.
  * CDM-11  Every function may be called from any thread.
+ * CDM-12  The module defines IEventListener::onHostNetwork(), with an empty body.
  */
 #ifndef ONDARO_PLATFORM_CONTENT_DECRYPTION_MODULE_H
 #define ONDARO_PLATFORM_CONTENT_DECRYPTION_MODULE_H

@@ -4,10 +4,10 @@
  * Contract (each clause is checked against a port by the conformance kit):
  *
  * LOG-01  One call is one message.
- * LOG-02  Buffer 0 is the main buffer.
- * LOG-03  Priority 3 is debug, 4 is info, 6 is error.
+ * LOG-02  A message for buffer 0 goes to the main buffer.
+ * LOG-03  A message keeps its priority: 3 is debug, 4 is info, 6 is error.
  * LOG-04  `format` and the arguments follow printf; the text logged is the formatted text.
- * LOG-05  A call never blocks for long.
+ * LOG-05  A call never blocks for long, whatever the sink does.
  * LOG-06  A call never fails the caller: no signal, no exit, no exception, whatever the sink does.
  * LOG-07  Calls may come from any thread at the same time; messages are not mixed.
  *

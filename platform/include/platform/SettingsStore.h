@@ -8,12 +8,12 @@
  * SET-02  The caller releases a string read with free().
  * SET-03  A string read of a missing key returns null.
  * SET-04  A string read of a key that holds no string returns null.
- * SET-05  A string write returns 0 on success, after which every process reads the value whole.
+ * SET-05  A string write returns 0 on success, after which the key holds the whole value.
  * SET-06  An integer read returns 0 on success and fills `*value`.
  * SET-07  An integer read that fails returns non-zero and leaves `*value` untouched.
- * SET-08  An integer write returns 0 on success, after which every process reads the value.
- * SET-09  A boolean read returns 0 on success and fills `*value` with the stored integer,
- * unchanged. SET-10  A boolean write returns 0 on success and stores the integer given, unchanged.
+ * SET-08  An integer write returns 0 on success, after which the key holds the value.
+ * SET-09  A boolean read returns 0 on success and fills `*value` with the stored integer as it is.
+ * SET-10  A boolean write returns 0 on success and stores the integer given as it is.
  * SET-11  A node's name is the changed key.
  * SET-12  A node's string is the new value, byte for byte.
  * SET-13  A node's string is null when the new value is no string.
@@ -28,6 +28,11 @@
  * SET-21  Unsubscribing a pair that is not subscribed returns non-zero.
  * SET-22  Once an unsubscription returned, the callback is not called again for that key.
  * SET-23  Every function may be called from any thread.
+ *
+ * Where processes share the store, as they do on a set:
+ *
+ * SET-24  What one process has written, every other process reads.
+ * SET-25  A change calls back the subscribers of every process.
  */
 #ifndef ONDARO_PLATFORM_SETTINGS_STORE_H
 #define ONDARO_PLATFORM_SETTINGS_STORE_H

@@ -3,7 +3,7 @@
  *
  * Contract (each clause is checked against a port by the conformance kit):
  *
- * SYS-01  A feature the set has: returns 0 and fills `*value`.
+ * SYS-01  A feature the set has, by its key: returns 0 and fills `*value`.
  * SYS-02  A feature the set does not have: returns non-zero.
  * SYS-03  May be called from any thread.
  */
