@@ -1,0 +1,126 @@
+// Random sequences against the model, each in a process of its own; one that fails, also by
+// crashing, shrinks itself and is kept.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+
+#include "Tier.h"
+#include "bus/ChildProcess.h"
+#include "model/Model.h"
+#include "model/Step.h"
+
+namespace ondaro::model {
+
+namespace {
+
+using Steps = std::vector<Step>;
+
+constexpr unsigned STEPS_PER_RUN = 1000;
+
+struct Failure {
+  std::string report;
+  std::size_t done;  // steps that went well before it, if known
+};
+
+std::optional<Failure> Replay(Mutation mutation, const std::string& file) {
+  test::ChildProcess child({ONDARO_MODEL_RUN, std::to_string(static_cast<int>(mutation)), file},
+                           {std::nullopt, true, ""});
+  const std::string report = child.ReadAll();
+  const int exit = child.Wait();
+  if (exit == 0) return std::nullopt;
+  if (exit != 1) return Failure{"exit " + std::to_string(exit) + "\n" + report, STEPS_PER_RUN};
+  const std::size_t lastLine = report.rfind('\n', report.size() - 2) + 1;
+  return Failure{report, static_cast<std::size_t>(std::atoi(report.c_str() + lastLine))};
+}
+
+std::string ToText(const Steps& steps) {
+  std::ostringstream text;
+  for (const Step& step : steps) text << step << '\n';
+  return text.str();
+}
+
+std::optional<Failure> Replay(Mutation mutation, const Steps& steps) {
+  const std::string file = testing::TempDir() + "model-" + std::to_string(getpid()) + ".steps";
+  std::ofstream(file) << ToText(steps);
+  const auto failure = Replay(mutation, file);
+  std::filesystem::remove(file);
+  return failure;
+}
+
+/// Leaves out ever smaller parts, and then makes numbers zero, as long as it still fails.
+Steps Shrink(Mutation mutation, Steps steps, std::size_t done) {
+  steps.resize(std::min(steps.size(), done + 1));
+  const auto keepIfFailing = [&](const Steps& candidate) {
+    const bool isFailing = !candidate.empty() && Replay(mutation, candidate).has_value();
+    if (isFailing) steps = candidate;
+    return isFailing;
+  };
+  for (std::size_t part = steps.size() / 2; part > 0;) {
+    bool hasShrunk = false;
+    for (std::size_t end = steps.size(); end > 0; end -= std::min(end, part)) {
+      Steps candidate = steps;
+      const auto last = candidate.begin() + static_cast<std::ptrdiff_t>(end);
+      candidate.erase(last - static_cast<std::ptrdiff_t>(std::min(end, part)), last);
+      hasShrunk = keepIfFailing(candidate) || hasShrunk;
+    }
+    if (part > 1 || !hasShrunk) part /= 2;
+  }
+  for (std::size_t index = 0; index < steps.size(); ++index) {
+    for (unsigned Step::*number : {&Step::a, &Step::b, &Step::c}) {
+      Steps candidate = steps;
+      candidate[index].*number = 0;
+      keepIfFailing(candidate);
+    }
+  }
+  return steps;
+}
+
+TEST(Model, TheCorpusHolds) {
+  int files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(ONDARO_MODEL_CORPUS)) {
+    const auto failure = Replay(Mutation::NONE, entry.path().string());
+    EXPECT_FALSE(failure) << entry.path() << '\n' << failure->report;
+    ++files;
+  }
+  EXPECT_GT(files, 0);
+}
+
+TEST(Model, RandomSequencesHold) {
+  const unsigned runs = test::ByTier(5U, 30U, 100U);
+  for (unsigned seed = 1; seed <= runs; ++seed) {
+    const Steps sequence = RandomSteps(seed, STEPS_PER_RUN);
+    const auto failure = Replay(Mutation::NONE, sequence);
+    if (!failure) continue;
+    const Steps steps = Shrink(Mutation::NONE, sequence, failure->done);
+    const std::string name = "seed-" + std::to_string(seed) + ".steps";
+    std::ofstream(std::string(ONDARO_MODEL_CORPUS) + "/" + name) << ToText(steps);
+    ADD_FAILURE() << failure->report << "kept in the corpus as " << name << ":\n" << ToText(steps);
+  }
+}
+
+// A model that is wrong in one place is found out, and a few steps are left of the sequence.
+TEST(Model, AWrongModelIsFoundAndTheSequenceShrinks) {
+  for (int number = 1; number < static_cast<int>(Mutation::COUNT); ++number) {
+    const auto mutation = static_cast<Mutation>(number);
+    std::optional<Failure> failure;
+    unsigned seed = 0;
+    while (!failure && seed < 20) {
+      failure = Replay(mutation, RandomSteps(++seed, STEPS_PER_RUN));
+    }
+    ASSERT_TRUE(failure) << "mutation " << number;
+    if (number > test::ByTier(1, 2, number)) continue;
+    const Steps steps = Shrink(mutation, RandomSteps(seed, STEPS_PER_RUN), failure->done);
+    EXPECT_LE(steps.size(), 8U) << "mutation " << number << '\n' << ToText(steps);
+    EXPECT_FALSE(Replay(Mutation::NONE, steps)) << ToText(steps);
+  }
+}
+
+}  // namespace
+
+}  // namespace ondaro::model
