@@ -74,7 +74,11 @@ std::string Objection(const std::string& key, const std::string& value) {
     return "'" + key + "' is no integer";
   }
   if (known->form == Form::ACTION) {
-    const Action checked(value);
+    try {
+      const Action checked(value);
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
   }
   return "";
 }

@@ -24,6 +24,8 @@ constexpr struct {
                 {Status::UNDECLARED, "undeclared", "UNDECLARED"},
                 {Status::BLOCKED, "blocked", "BLOCKED"}};
 
+constexpr char INDENT[] = "            ";
+
 struct FreeText {
   void operator()(char* text) const { g_free(text); }
 };
@@ -50,11 +52,19 @@ void WriteFile(const std::string& path, const std::string& text) {
   }
 }
 
+/// For the eye; the files have all of it.
 std::string Indented(const std::string& text) {
+  constexpr int MOST = 12;
   std::string indented;
   std::istringstream lines(text);
+  int count = 0;
   for (std::string line; std::getline(lines, line);) {
-    indented += "            " + line + "\n";
+    if (++count <= MOST) {
+      indented += INDENT + line + "\n";
+    }
+  }
+  if (count > MOST) {
+    indented += INDENT + std::string("... and ") + std::to_string(count - MOST) + " lines more\n";
   }
   return indented;
 }

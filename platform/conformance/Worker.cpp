@@ -5,6 +5,7 @@
 
 #include <cctype>
 #include <memory>
+#include <regex>
 
 #include "Judging.h"
 #include "Probes.h"
@@ -35,11 +36,12 @@ std::string InWords(const std::string& name) {
 
 /// The report is read by others than those who have the sources.
 std::string FailureText(const testing::TestResult& result) {
+  static const std::regex sourceLine("Google Test trace:\\n.*\\.cpp:[0-9]+: ");
   std::string text;
   for (int i = 0; i < result.total_part_count(); ++i) {
     const testing::TestPartResult& part = result.GetTestPartResult(i);
     if (part.failed()) {
-      text += std::string(part.message()) + "\n";
+      text += std::regex_replace(part.message(), sourceLine, "in ") + "\n";
     }
   }
   return text;

@@ -2,6 +2,7 @@
 # Every clause of the seam's headers has one test that names it, and every test names a clause.
 # usage: check-clauses.sh HEADER-DIRECTORY TEST-DIRECTORY
 set -eu
+export LC_ALL=C
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 

@@ -1,6 +1,6 @@
 // Ports that each break one clause, over the port this is linked with: the functions of the seam
 // are defined here, for the kit and for the port itself, and pass on to the port's own but for
-// the one fault that ONDARO_BROKEN names. BrokenTest.cmake says which clause each must fail.
+// the one fault that ONDARO_BROKEN names. CMakeLists.txt says which clause each must fail.
 #include <dlfcn.h>
 #include <poll.h>
 #include <unistd.h>
@@ -159,6 +159,9 @@ int platform_settings_get_int(const char* key, int* value) {
 int platform_settings_get_bool(const char* key, int* value) {
   if (Has("crashing-read")) {
     std::abort();
+  }
+  while (Has("endless-read")) {
+    pause();
   }
   return REAL(platform_settings_get_bool)(key, value);
 }

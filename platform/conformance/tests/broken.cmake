@@ -1,7 +1,7 @@
 # A broken port is caught: it fails the clauses named and no other, and what the kit could not
 # judge for it says that it needs one of them.
 # usage: cmake -D CHECK=... -D DECLARATION=... -D FAULT=... -D CLAUSES=A,B -D SCRATCH=...
-#              -P BrokenTest.cmake
+#              -P broken.cmake
 cmake_minimum_required(VERSION 3.25)
 
 string(REPLACE "," ";" expected "${CLAUSES}")

@@ -1,0 +1,3 @@
+#include "platform/DevicePower.h"
+
+int platform_power_get_state(void) { return -1; }
