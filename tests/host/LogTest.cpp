@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <time.h>
 
 #include <algorithm>
@@ -118,6 +117,14 @@ double Now() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
+std::string Repeated(const std::string& unit, std::size_t times) {
+  std::string text;
+  for (std::size_t i = 0; i < times; ++i) {
+    text += unit;
+  }
+  return text;
+}
+
 class LogTest : public testing::Test {
  protected:
   void LogTo(const std::string& settings) { setenv("ONDARO_HOST_LOG", settings.c_str(), 1); }
@@ -135,6 +142,8 @@ TEST_F(LogTest, KeepsOneMessageOnOneLineThatAReaderCanUndo) {
       {"a b:c\\d\n", "a\nb\r\tc\x1b[31m\x7f\x01 \\n \\ \\x41 \\+7"},
       {"T", "gr\xc3\xbc\xc3\x9f\x65 \xe2\x82\xac \xff\xfe"},
       {"T", std::string(MAX_LINE * 3 / 4, 'x') + "\n"},
+      {"T", "x" + Repeated("\xe2\x82\xac", MAX_LINE)},
+      {"T", Repeated("\x01", MAX_LINE)},
   };
   LogTo("debug:" + m_file);
   const double before = Now();
@@ -150,49 +159,16 @@ TEST_F(LogTest, KeepsOneMessageOnOneLineThatAReaderCanUndo) {
   ASSERT_EQ(lines.size(), messages.size());
   for (std::size_t i = 0; i < lines.size(); ++i) {
     EXPECT_EQ(lines[i].tag, messages[i].first);
-    EXPECT_EQ(lines[i].message, messages[i].second);
-    EXPECT_EQ(lines[i].omitted, 0U);
+    // What a long message lost is counted, and never half a character.
+    const std::string& whole = messages[i].second;
+    EXPECT_EQ(whole.substr(0, lines[i].message.size()), lines[i].message);
+    EXPECT_EQ(whole.size(), lines[i].message.size() + lines[i].omitted);
+    EXPECT_EQ(lines[i].omitted == 0, whole.size() < MAX_LINE);
+    EXPECT_NE(static_cast<unsigned char>(whole.c_str()[lines[i].message.size()]) & 0xc0U, 0x80U);
     EXPECT_EQ(lines[i].process, pid);
     EXPECT_EQ(lines[i].thread, pid);
     EXPECT_GE(lines[i].time + 1e-6, before);
     EXPECT_LE(lines[i].time, Now());
-  }
-}
-
-TEST_F(LogTest, CountsWhatALongMessageLost) {
-  std::vector<std::string> messages;
-  for (const std::string unit : {"x", "\n", "\x01", "\xe2\x82\xac"}) {
-    for (std::size_t size = 900; size < 4200; size += 7) {
-      std::string message;
-      while (message.size() < size) {
-        message += unit;
-      }
-      messages.push_back(message);
-    }
-  }
-  for (std::size_t shift = 0; shift < 3; ++shift) {
-    std::string message(shift, 'x');
-    while (message.size() < 2 * MAX_LINE) {
-      message += "\xe2\x82\xac";
-    }
-    messages.push_back(message);
-  }
-  messages.emplace_back(1 << 20, 'y');
-  LogTo("debug:" + m_file);
-  ASSERT_EQ(RunInChild([&] {
-              for (const std::string& message : messages) {
-                platform_log_print(0, INFO, "T", "%s", message.c_str());
-              }
-            }),
-            0);
-
-  const std::vector<Line> lines = Parse(ReadFile(m_file));
-  ASSERT_EQ(lines.size(), messages.size());
-  for (std::size_t i = 0; i < lines.size(); ++i) {
-    EXPECT_EQ(lines[i].message.size() + lines[i].omitted, messages[i].size());
-    EXPECT_EQ(messages[i].compare(0, lines[i].message.size(), lines[i].message), 0);
-    const char next = messages[i].c_str()[lines[i].message.size()];
-    EXPECT_NE(static_cast<unsigned char>(next) & 0xc0U, 0x80U) << "half a character";
   }
 }
 
@@ -234,19 +210,6 @@ TEST_F(LogTest, WritesErrorsToStandardErrorUnlessTold) {
     ASSERT_EQ(lines.size(), 1U) << settings;
     EXPECT_EQ(lines[0].message, "this");
   }
-}
-
-TEST_F(LogTest, ReportsAFileItCannotOpenOnStandardError) {
-  LogTo("info:" + m_directory.Path());
-  ASSERT_EQ(RunInChild([&] {
-              dup2(open(m_file.c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
-              platform_log_print(0, INFO, "T", "message");
-            }),
-            0);
-  const std::vector<Line> lines = Parse(ReadFile(m_file));
-  ASSERT_EQ(lines.size(), 2U);
-  EXPECT_NE(lines[0].message.find(m_directory.Path()), std::string::npos);
-  EXPECT_EQ(lines[1].message, "message");
 }
 
 TEST_F(LogTest, DoesNotMixLinesOfThreadsAndProcesses) {
@@ -358,37 +321,17 @@ TEST_F(LogTest, DropsWhatTheSinkDoesNotTake) {
     ASSERT_EQ(pipe(ends), 0);
     dup2(ends[1], STDERR_FILENO);
   };
-  const auto pipeOfAnotherUser = [] {
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    dup2(ends[1], STDERR_FILENO);
-    ASSERT_EQ(fchmod(STDERR_FILENO, 0), 0);
-    if (geteuid() == 0) {
-      constexpr uid_t NOBODY = 65534;
-      ASSERT_EQ(setuid(NOBODY), 0);
-    }
-  };
   const auto socketNobodyReads = [] {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
     dup2(ends[1], STDERR_FILENO);
   };
-  const auto socketToNobody = [] {
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    dup2(ends[1], STDERR_FILENO);
-    close(ends[0]);
-  };
   const std::vector<Case> cases = {
       {"file at its limit", "info:" + m_file, fileAtItsLimit},
       {"pipe without reader", "info", pipeToNobody},
       {"full pipe", "info", pipeNobodyReads},
-      {"full pipe of another user", "info", pipeOfAnotherUser},
       {"full socket", "info", socketNobodyReads},
-      {"socket without reader", "info", socketToNobody},
       {"full disk", "info:/dev/full", [] {}},
-      {"full disk on standard error", "info",
-       [] { dup2(open("/dev/full", O_WRONLY), STDERR_FILENO); }},
       {"closed standard error", "info", [] { close(STDERR_FILENO); }},
   };
   for (const Case& sink : cases) {
@@ -415,46 +358,6 @@ TEST_F(LogTest, DropsWhatTheSinkDoesNotTake) {
               0)
         << sink.name;
   }
-}
-
-TEST_F(LogTest, LeavesTheHostsOwnPendingSignalAlone) {
-  LogTo("info");
-  ASSERT_EQ(RunInChild([] {
-              int ends[2];
-              if (pipe(ends) != 0) {
-                _exit(1);
-              }
-              dup2(ends[1], STDERR_FILENO);
-              close(ends[0]);
-              sigset_t pipeSignal;
-              sigemptyset(&pipeSignal);
-              sigaddset(&pipeSignal, SIGPIPE);
-              pthread_sigmask(SIG_BLOCK, &pipeSignal, nullptr);
-              raise(SIGPIPE);
-              platform_log_print(0, INFO, "T", "message");
-              sigset_t pending;
-              sigpending(&pending);
-              _exit(sigismember(&pending, SIGPIPE) == 1 ? 0 : 1);
-            }),
-            0);
-}
-
-TEST_F(LogTest, StartsANewLineAfterOneThatTheDiskCut) {
-  LogTo("info:" + m_file);
-  ASSERT_EQ(RunInChild([] {
-              rlimit limit{100, RLIM_INFINITY};
-              setrlimit(RLIMIT_FSIZE, &limit);
-              platform_log_print(0, INFO, "T", "%s", std::string(200, 'x').c_str());
-              limit.rlim_cur = RLIM_INFINITY;
-              setrlimit(RLIMIT_FSIZE, &limit);
-              platform_log_print(0, INFO, "T", "next");
-              platform_log_print(0, INFO, "T", "last");
-            }),
-            0);
-  const std::vector<Line> lines = Parse(ReadFile(m_file));
-  ASSERT_EQ(lines.size(), 3U);
-  EXPECT_EQ(lines[1].message, "next");
-  EXPECT_EQ(lines[2].message, "last");
 }
 
 TEST_F(LogTest, DoesNotFormatAFilteredMessage) {
