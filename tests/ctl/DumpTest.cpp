@@ -84,8 +84,13 @@ TEST_F(DumpTest, ABadLineKeepsTheWholeDumpOut) {
   const struct {
     std::string line;
     int code;
-  } cases[] = {{"NOPE x", 3},           {" ONDARO_INIT true", 3}, {"ONDARO_INIT \\q", 1},
-               {"ONDARO_INIT \\", 1},   {"ONDARO_INIT \\x4", 1},  {"ONDARO_INIT \\xg0", 1},
+  } cases[] = {{"NOPE x", 3},
+               {" ONDARO_INIT true", 3},
+               {"ONDARO_INIT true\r", 1},
+               {"ONDARO_INIT \\q", 1},
+               {"ONDARO_INIT \\", 1},
+               {"ONDARO_INIT \\x4", 1},
+               {"ONDARO_INIT \\xg0", 1},
                {"ONDARO_INIT \\x00", 1}};
   for (const auto& [line, code] : cases) {
     SCOPED_TRACE(line);

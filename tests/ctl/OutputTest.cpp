@@ -24,10 +24,14 @@ TEST_F(OutputTest, AReaderThatGoesAwayEndsTheToolQuietly) {
   EXPECT_EQ(ReadWholeFile(Path("code.err")), "");
 }
 
-TEST_F(OutputTest, AFullDeviceIsAFailure) {
-  const Outcome outcome = RunShell("$CTL list >/dev/full");
-  EXPECT_EQ(outcome.code, 1);
-  EXPECT_THAT(outcome.err, HasSubstr("No space left"));
+TEST_F(OutputTest, WhatCannotBePrintedIsAFailure) {
+  const Outcome full = RunShell("$CTL list >/dev/full");
+  EXPECT_EQ(full.code, 1);
+  EXPECT_THAT(full.err, HasSubstr("No space left"));
+  // Else the settings store's files would take its place.
+  EXPECT_EQ(RunShell("$CTL list >&-").code, 1);
+  EXPECT_EQ(RunShell("$CTL set ONDARO_STATUS x <&- >&- 2>&-").code, 0);
+  EXPECT_EQ(Run({"get", "ONDARO_STATUS"}).out, "x\n");
 }
 
 TEST_F(OutputTest, ColourOnATerminalOnly) {

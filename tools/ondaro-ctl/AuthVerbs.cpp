@@ -60,6 +60,9 @@ OndaroApi_CoreAuth_h CoreAuth() {
 }
 
 void Generate(const Output& output, const GenerateOptions& options) {
+  if (options.keyFile == options.certFile) {
+    throw Failure(ExitCode::Usage, "key and certificate go into two files");
+  }
   NewFile keyFile(options.keyFile, ONLY_OWNER, options.force);
   NewFile certFile(options.certFile, EVERYBODY_READS, options.force);
   Record key;
@@ -148,16 +151,16 @@ void AddAuthVerbs(CLI::App& app, Session& session) {
   AddForce(generate, generated->force);
   OnVerb(generate, session, generated, Generate);
 
-  auto signed_ = std::make_shared<SignOptions>();
+  auto signing = std::make_shared<SignOptions>();
   CLI::App& sign = *auth.add_subcommand("sign", "Sign a hash, print the signature in hexadecimal");
-  sign.add_option("--key", signed_->keyFile, "The device key")->required()->type_name("FILE");
-  sign.add_option("--hash", signed_->hash, "The hash in hexadecimal")->type_name("HEX");
-  sign.add_option("--hash-file", signed_->hashFile, "The hash as it is, in a file")
+  sign.add_option("--key", signing->keyFile, "The device key")->required()->type_name("FILE");
+  sign.add_option("--hash", signing->hash, "The hash in hexadecimal")->type_name("HEX");
+  sign.add_option("--hash-file", signing->hashFile, "The hash as it is, in a file")
       ->type_name("FILE");
-  sign.add_option("--out", signed_->outFile, "Write the signature as it is into a file instead")
+  sign.add_option("--out", signing->outFile, "Write the signature as it is into a file instead")
       ->type_name("FILE");
-  AddForce(sign, signed_->force);
-  OnVerb(sign, session, signed_, Sign);
+  AddForce(sign, signing->force);
+  OnVerb(sign, session, signing, Sign);
 
   CLI::App& systemId = *auth.add_subcommand("system-id", "Print the DRM system identifier");
   OnVerb(systemId, session, std::make_shared<NoOptions>(), SystemId);

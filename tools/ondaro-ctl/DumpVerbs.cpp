@@ -56,7 +56,9 @@ std::optional<Assignment> ParseLine(const std::string& line, const std::string& 
   const std::optional<std::string> value = Decode(encoded);
   if (!value) {
     throw Failure(ExitCode::Failed,
-                  place + ": a backslash begins \\\\, \\n, \\r, \\t or \\xHH; nothing was written");
+                  place +
+                      ": control characters and backslashes are written as \\n, \\r, \\t, \\xHH "
+                      "and \\\\; nothing was written");
   }
   try {
     return Assignment{&FindProperty(line.substr(0, space)), *value};

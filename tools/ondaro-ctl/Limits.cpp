@@ -22,8 +22,10 @@ std::string CheckSeconds(const std::string& text) {
 }
 
 std::string CheckCount(const std::string& text) {
+  // A leading zero would be read as octal.
   std::uint64_t count = 0;
-  return Parse(text, count) && count > 0 ? "" : "'" + text + "' is not a number from 1";
+  const bool isFine = Parse(text, count) && text.front() != '0';
+  return isFine ? "" : "'" + text + "' is not a number from 1";
 }
 
 }  // namespace

@@ -58,7 +58,7 @@ std::optional<std::string> Decode(std::string_view text) {
   std::string value;
   while (!text.empty()) {
     std::size_t used = 1;
-    std::optional<char> c = text[0];
+    std::optional<char> c = IsControl(text[0]) ? std::nullopt : std::optional(text[0]);
     if (text[0] == '\\') {
       const std::size_t known = text.size() > 1 ? LETTERS.find(text[1]) : std::string_view::npos;
       if (known != std::string_view::npos) {

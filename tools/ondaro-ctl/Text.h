@@ -11,7 +11,7 @@ namespace ondaro::ctl {
 /// \xHH for the other control characters and for a space at the end. Decode() restores it.
 std::string Encode(std::string_view value);
 
-/// Nothing when `text` holds an escape that is none, or one that stands for the byte 0.
+/// Nothing when `text` holds a control character, an escape that is none, or the escape of byte 0.
 std::optional<std::string> Decode(std::string_view text);
 
 /// The value on one line for reading: as Encode(), but backslashes and spaces stay as they are.

@@ -1,3 +1,6 @@
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <csignal>
@@ -158,10 +161,20 @@ ExitCode Main(int argc, char** argv) {
   return ExitCode::Failed;
 }
 
+/// Keeps files opened later from taking the place of a standard stream that came closed.
+void OccupyStandardStreams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(stream, F_GETFD) == -1) {
+      open("/dev/null", O_RDONLY);  // takes the lowest free number; writing to it fails
+    }
+  }
+}
+
 }  // namespace
 }  // namespace ondaro::ctl
 
 int main(int argc, char** argv) {
+  ondaro::ctl::OccupyStandardStreams();
   // A reader that goes away shows when writing.
   std::signal(SIGPIPE, SIG_IGN);
   return static_cast<int>(ondaro::ctl::Main(argc, argv));
