@@ -13,9 +13,10 @@ namespace {
 constexpr int LAYOUT = 1;
 
 // A value has no declared type, so that it keeps the one it is given. `item.seq` is the number of
-// the key's last write, by which one that fell behind finds out what it has missed.
+// the key's last write, by which one that fell behind finds out what it has missed. `item` has row
+// numbers, since without them the engine reads the long values that it passes on its way to a key.
 constexpr char TABLES[] = R"(
-CREATE TABLE item(key TEXT NOT NULL PRIMARY KEY, value NOT NULL, seq INTEGER NOT NULL) WITHOUT ROWID;
+CREATE TABLE item(key TEXT NOT NULL PRIMARY KEY, seq INTEGER NOT NULL, value NOT NULL);
 CREATE TABLE change(seq INTEGER PRIMARY KEY, key TEXT NOT NULL, value NOT NULL);
 CREATE TABLE log_floor(seq INTEGER NOT NULL);
 )";
@@ -128,7 +129,9 @@ SettingsDatabase::SettingsDatabase(const std::string& path, Durability durabilit
   m_append = Prepare(
       "INSERT INTO change(seq,key,value)"
       " VALUES(1+max(?1,(SELECT ifnull(max(seq),0) FROM change)),?2,?3)");
-  m_put = Prepare("REPLACE INTO item(key,value,seq) VALUES(?1,?2,?3)");
+  m_put = Prepare(
+      "INSERT INTO item(key,value,seq) VALUES(?1,?2,?3)"
+      " ON CONFLICT(key) DO UPDATE SET value=excluded.value,seq=excluded.seq");
   m_trim = Prepare("DELETE FROM change WHERE seq<=?1");
   m_setFloor = Prepare("UPDATE log_floor SET seq=?1");
   m_commit = Prepare("COMMIT");

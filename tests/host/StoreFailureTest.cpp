@@ -22,7 +22,7 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto BOUND = 2 * host::SETTINGS_LONGEST_WAIT;
+constexpr auto BOUND = 5 * host::SETTINGS_LONGEST_WAIT;
 
 class StoreFailure : public testing::Test {
  protected:
