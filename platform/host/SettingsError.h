@@ -6,6 +6,7 @@
 #include <string>
 #include <system_error>
 
+#include "HostLog.h"
 #include "platform/Log.h"
 
 namespace ondaro::host {
@@ -34,9 +35,7 @@ inline SettingsError SystemFailure(const std::string& what) {
 }
 
 inline void LogSettingsError(const std::string& what) noexcept {
-  constexpr int MAIN_BUFFER = 0;
-  constexpr int PRIORITY_ERROR = 6;
-  platform_log_print(MAIN_BUFFER, PRIORITY_ERROR, "ONDARO_HOST", "settings: %s", what.c_str());
+  platform_log_print(LOG_MAIN_BUFFER, LOG_PRIORITY_ERROR, LOG_TAG, "settings: %s", what.c_str());
 }
 
 }  // namespace ondaro::host
