@@ -11,6 +11,9 @@ set(ONDARO_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/OndaroPlatformTv")
 set(ONDARO_PKGCONFIG_DIR "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 set(ONDARO_EXAMPLES_DIR "${CMAKE_INSTALL_DATADIR}/doc/lib-ondaro-platform-tv-dev/examples")
 
+# All that is built to be installed, and nothing else.
+add_custom_target(ondaro-shipped DEPENDS ondaro-platform-tv ondaro-platform)
+
 # Runtime, and the link names for dev. A port may bring its backend as an imported library, which
 # is then its own business.
 set(libraries ondaro-platform-tv ondaro-platform-contract)
@@ -59,6 +62,7 @@ function(ondaro_install_program name component sources)
   if(NOT TARGET ${name})
     return()
   endif()
+  add_dependencies(ondaro-shipped ${name})
   install(TARGETS ${name} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT ${component})
   set(sources "${PROJECT_SOURCE_DIR}/${sources}")
   if(EXISTS "${sources}/${name}.1")
@@ -73,3 +77,11 @@ function(ondaro_install_program name component sources)
 endfunction()
 ondaro_install_program(ondaro-ctl tools tools/ondaro-ctl)
 ondaro_install_program(ondaro-platform-check kit platform/conformance)
+if(TARGET ondaro-platform-check)
+  install(FILES "${PROJECT_SOURCE_DIR}/docs/porting.md"
+          DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/ondaro-platform-check" COMPONENT kit)
+  if(EXISTS "${ONDARO_PLATFORM}/conformance.conf")
+    install(FILES "${ONDARO_PLATFORM}/conformance.conf"
+            DESTINATION "${CMAKE_INSTALL_DATADIR}/ondaro-platform-check" COMPONENT kit)
+  endif()
+endif()

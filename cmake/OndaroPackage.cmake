@@ -90,6 +90,6 @@ cpack_add_component(
   DESCRIPTION
     "check that a port of a receiver's platform layer conforms
 ondaro-platform-check runs against the platform layer of a set, clause by
-clause of its contract, and ends with a verdict; reports as text, JUnit and
+clause of its contract, and ends with a verdict, as text, JUnit and
 JSON. It works under settings keys of its own and restores what it changed,
 so it is safe on a live set.")
