@@ -5,7 +5,6 @@
 #include <charconv>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,9 +25,13 @@ const char* const PROCESSES = "/proc";
 // What the kernel keeps of a process's name in `comm`.
 constexpr std::size_t COMM_LENGTH = 15;
 
+/// Up to the first NUL. Empty for a process that ended, which on Linux can also fail the read; the
+/// stream's own functions keep that failure, an iterator over its buffer would throw it.
 std::string ReadProcessFile(int pid, const char* file) {
   std::ifstream stream(fs::path(PROCESSES) / std::to_string(pid) / file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+  std::string text;
+  std::getline(stream, text, '\0');
+  return text;
 }
 
 /// A process that ended but was not yet waited for no longer runs.
@@ -45,8 +48,8 @@ bool IsRunning(int pid) {
 std::string_view FileName(std::string_view path) { return path.substr(path.rfind('/') + 1); }
 
 bool IsNamed(int pid, std::string_view name) {
-  const std::string command = ReadProcessFile(pid, "cmdline");
-  if (FileName(command.c_str()) == name) {
+  const std::string firstArgument = ReadProcessFile(pid, "cmdline");
+  if (FileName(firstArgument) == name) {
     return true;
   }
   const std::string comm = ReadProcessFile(pid, "comm");

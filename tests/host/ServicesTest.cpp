@@ -4,7 +4,9 @@
 #include <signal.h>
 #include <sys/prctl.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "HostSupport.h"
@@ -59,6 +61,7 @@ class Sleeper {
     char nothing;
     EXPECT_EQ(read(m_ready.read, &nothing, 1), 0);
     close(m_ready.read);
+    WaitForArguments();
   }
 
   pid_t Pid() const { return m_child.Pid(); }
@@ -68,6 +71,16 @@ class Sleeper {
     int read;
     int write;
   };
+
+  /// An exec closes the pipe before the new program has its arguments.
+  void WaitForArguments() const {
+    const std::string file = "/proc/" + std::to_string(Pid()) + "/cmdline";
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (ReadFile(file).empty()) {
+      ASSERT_LT(std::chrono::steady_clock::now(), deadline);
+      std::this_thread::yield();
+    }
+  }
 
   static Ends MakePipe() {
     int ends[2] = {-1, -1};
