@@ -36,8 +36,15 @@ class Store {
  public:
   /// Made by the first call and never destroyed: other libraries call until the process has ended.
   static Store& Instance() {
-    static Store* const store = Make();
+    static Store* const store = new Store;
     return *store;
+  }
+
+  /// A fork waits for a first call under way in another thread: its child would find the store
+  /// half made, with nobody left to finish it. So the handlers are there before any call.
+  static int FollowForks() {
+    return pthread_atfork([] { Instance().BeforeFork(); }, [] { Instance().AfterForkInParent(); },
+                          [] { Instance().AfterForkInChild(); });
   }
 
   SettingsArea& AreaOf(std::string_view key) { return *m_areas[PlaceOf(key)]; }
@@ -51,13 +58,6 @@ class Store {
 
  private:
   static std::size_t PlaceOf(std::string_view key) { return LivesUntilReboot(key) ? 1 : 0; }
-
-  static Store* Make() {
-    auto* store = new Store;
-    pthread_atfork([] { Instance().BeforeFork(); }, [] { Instance().AfterForkInParent(); },
-                   [] { Instance().AfterForkInChild(); });
-    return store;
-  }
 
   void BeforeFork() {
     m_subscriptions.BeforeFork();
@@ -80,6 +80,8 @@ class Store {
   const SettingsSubscriptions::Areas m_areas = {&m_kept, &m_memory};
   SettingsSubscriptions m_subscriptions{m_areas};
 };
+
+[[maybe_unused]] const int g_forksFollowed = Store::FollowForks();
 
 /// Runs the body of an exported function; what is thrown becomes an error line and the failure.
 template <typename Result, typename Body>
