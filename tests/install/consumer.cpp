@@ -1,8 +1,7 @@
 // A user of the exported classes: what they include must be found, too.
-#include "ondaro/api/CSystemConfig.h"
-
 #include <string>
 
+#include "ondaro/api/CSystemConfig.h"
 #include "ondaro/pal/CPALFactory.h"
 
 int main() {
