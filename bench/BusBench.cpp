@@ -5,6 +5,9 @@
 // same connection in this process. A daemon sends signals as told by letters on its standard
 // input: 's' sends one, 'A' + n makes their data 2^n bytes long. The pipe is the same for both.
 //
+// Beside the time that passes stands the processor time of all three processes, the bus's too: it
+// says much the same on an idle machine and can still be trusted on a busy one.
+//
 // usage: ondaro-bench-bus [BLOCKS]     (40 at least for figures to be quoted)
 #include <gio/gio.h>
 #include <unistd.h>
@@ -13,6 +16,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -71,6 +75,19 @@ Pair Alternate(int blocks, const std::function<double()>& library,
     }
   }
   return {Median(libraryTimes), Median(plainTimes)};
+}
+
+/// Microseconds of processor time that the processes have used so far.
+double ProcessorTime(const std::vector<pid_t>& processes) {
+  double sum = 0;
+  for (const pid_t process : processes) {
+    clockid_t clock{};
+    timespec time{};
+    clock_getcpuclockid(process, &clock);
+    clock_gettime(clock, &time);
+    sum += static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_nsec) / 1e3;
+  }
+  return sum;
 }
 
 /// Microseconds an operation, with `window` of them begun and not complete at most.
@@ -167,39 +184,53 @@ struct Load {
 };
 constexpr Load LOADS[] = {{4, 128}, {10, 128}, {16, 64}};
 
-void Report(const char* what, int payloadBits, int window, const Pair& pair) {
-  std::printf("%-12s %6d B  %2d outstanding  library %8.1f us  plain %8.1f us  ratio %.3f\n", what,
-              1 << payloadBits, window, pair.library, pair.plain, pair.Ratio());
+void Report(const char* what, const Load& load, int window, const Pair& time,
+            const Pair& processor) {
+  std::printf(
+      "%-10s %6d B %3d outstanding  library %8.1f us  plain %8.1f us  ratio %.3f"
+      "  processor %7.1f us %7.1f us  ratio %.3f\n",
+      what, 1 << load.payloadBits, window, time.library, time.plain, time.Ratio(),
+      processor.library, processor.plain, processor.Ratio());
 }
 
-void MeasureTraffic(int blocks, const End& library, const End& plain) {
+/// Both kinds of time of one kind of traffic, from the same blocks.
+void Compare(const char* what, int blocks, const Load& load, int window, pid_t bus,
+             const End& library, const End& plain,
+             const std::function<double(const End&)>& measure) {
+  std::vector<double> processor[2];
+  const auto block = [&](const End& end, int which) {
+    return [&, which] {
+      const std::vector<pid_t> processes = {getpid(), end.daemon->Pid(), bus};
+      const double before = ProcessorTime(processes);
+      const double time = measure(end);
+      processor[which].push_back((ProcessorTime(processes) - before) / load.count);
+      return time;
+    };
+  };
+  const Pair time = Alternate(blocks, block(library, 0), block(plain, 1));
+  Report(what, load, window, time, {Median(processor[0]), Median(processor[1])});
+}
+
+void MeasureTraffic(int blocks, pid_t bus, const End& library, const End& plain) {
   for (const Load& load : LOADS) {
     const std::string data(std::size_t{1} << load.payloadBits, 'x');
     const std::string size(1, static_cast<char>('A' + load.payloadBits));
     library.daemon->Write(size);
     plain.daemon->Write(size);
     for (const int window : {1, 64}) {
-      const auto calls = [&](const End& end) {
-        return [&end, &data, &load, window] {
-          return TimeWindow(
-              load.count, window, [&] { end.call(data); }, end.answered);
-        };
-      };
-      const auto signals = [&](const End& end) {
-        return [&end, &load, window] {
-          return TimeWindow(
-              load.count, window, [&] { end.daemon->Write("s"); }, end.heard);
-        };
-      };
-      Report("round trip", load.payloadBits, window,
-             Alternate(blocks, calls(library), calls(plain)));
-      Report("signal", load.payloadBits, window,
-             Alternate(blocks, signals(library), signals(plain)));
+      Compare("round trip", blocks, load, window, bus, library, plain, [&](const End& end) {
+        return TimeWindow(
+            load.count, window, [&] { end.call(data); }, end.answered);
+      });
+      Compare("signal", blocks, load, window, bus, library, plain, [&](const End& end) {
+        return TimeWindow(
+            load.count, window, [&] { end.daemon->Write("s"); }, end.heard);
+      });
     }
   }
 }
 
-/// Microseconds to dispatch one queued signal with `names` of them registered.
+/// Microseconds of processor time to dispatch one queued signal with `names` of them registered.
 double TimeDispatch(test::PlainPeer& daemon, GDBusConnection* shared, int names) {
   constexpr int SIGNALS = 500;
   const std::unique_ptr<NOndaroAPI::IIpcClientImpl> client(
@@ -218,15 +249,16 @@ double TimeDispatch(test::PlainPeer& daemon, GDBusConnection* shared, int names)
   }
   test::SyncWithBus(daemon.Connection());
   test::SyncWithBus(shared);
-  const auto start = Clock::now();
+  const double before = ProcessorTime({getpid()});
   while (heard < SIGNALS) {
     g_main_context_iteration(nullptr, TRUE);
   }
-  return Microseconds(Clock::now() - start) / SIGNALS;
+  return (ProcessorTime({getpid()}) - before) / SIGNALS;
 }
 
 struct Start {
   double milliseconds;
+  double processorMilliseconds;
   double residentMiB;
 };
 
@@ -247,20 +279,23 @@ Start TimeStart(test::PlainPeer& observer, const char* program, const char* name
     g_main_context_iteration(nullptr, TRUE);
   }
   const double time = Microseconds(Clock::now() - start) / 1000;
+  const double processor = ProcessorTime({daemon.Pid()}) / 1000;
   std::ifstream statm("/proc/" + std::to_string(daemon.Pid()) + "/statm");
   double total = 0;
   double resident = 0;
   statm >> total >> resident;
   g_bus_unwatch_name(watch);
-  return {time, resident * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1U << 20U)};
+  return {time, processor, resident * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1U << 20U)};
 }
 
 void MeasureStart(int blocks, test::PlainPeer& observer) {
   std::vector<double> memory[2];
+  std::vector<double> processor[2];
   const auto measure = [&](const char* program, const char* name, int which) {
-    return [&observer, &memory, program, name, which] {
+    return [&observer, &memory, &processor, program, name, which] {
       const Start start = TimeStart(observer, program, name);
       memory[which].push_back(start.residentMiB);
+      processor[which].push_back(start.processorMilliseconds);
       // The next one finds the name free.
       test::WaitUntil([&] {
         return observer.Call(g_variant_new("(s)", name), "NameHasOwner", "org.freedesktop.DBus",
@@ -273,6 +308,9 @@ void MeasureStart(int blocks, test::PlainPeer& observer) {
                               measure(ONDARO_BENCH_PLAIN_DAEMON, PLAIN_NAME, 1));
   std::printf("start to name owned   library %.2f ms  plain %.2f ms  ratio %.3f\n", time.library,
               time.plain, time.Ratio());
+  const Pair used{Median(processor[0]), Median(processor[1])};
+  std::printf("  processor           library %.2f ms  plain %.2f ms  ratio %.3f\n", used.library,
+              used.plain, used.Ratio());
   std::printf("resident              library %.2f MiB  plain %.2f MiB  difference %.2f MiB\n",
               Median(memory[0]), Median(memory[1]), Median(memory[0]) - Median(memory[1]));
 }
@@ -315,7 +353,7 @@ void Run(int blocks) {
     if (!plain) {
       plain = std::make_unique<PlainEnd>();
     }
-    MeasureTraffic(blocks, library->AsEnd(&libraryDaemon), plain->AsEnd(&plainDaemon));
+    MeasureTraffic(blocks, bus.Pid(), library->AsEnd(&libraryDaemon), plain->AsEnd(&plainDaemon));
     LogNowhere();
     libraryDaemon.Kill();
     plainDaemon.Kill();

@@ -27,6 +27,7 @@ class PrivateBus {
   PrivateBus& operator=(const PrivateBus&) = delete;
 
   const std::string& Address() const { return m_address; }
+  pid_t Pid() const { return m_daemon->Pid(); }
 
   /// Ends the daemon; every connection closes.
   void Kill();
