@@ -16,6 +16,7 @@ namespace ondaro::host {
 namespace {
 
 constexpr std::uint64_t MAGIC = 0x31304c4c45425253;  // "SRBELL01" in memory
+constexpr std::int64_t MOMENT = std::chrono::nanoseconds(std::chrono::milliseconds(2)).count();
 constexpr off_t OPENING = 0;
 constexpr off_t FIRST_PLACE = 1;
 
@@ -108,14 +109,13 @@ bool SettingsBell::Settle(std::int64_t sequence) noexcept {
   return m_page->state.compare_exchange_strong(announced, announced + 1);
 }
 
-void SettingsBell::AskForWay() noexcept {
-  constexpr std::chrono::nanoseconds MOMENT = std::chrono::milliseconds(2);
-  m_page->awaited.store(Now() + MOMENT.count());
-}
+void SettingsBell::AskForWay() noexcept { m_page->awaited.store(Now() + MOMENT); }
 
 void SettingsBell::GiveWay() const noexcept {
   constexpr std::chrono::microseconds PAUSE{50};
-  while (m_page->awaited.load() != 0 && State() == m_ownState && Now() < m_page->awaited.load()) {
+  const std::int64_t start = Now();
+  for (std::int64_t now = start;
+       now < start + MOMENT && now < m_page->awaited.load() && State() == m_ownState; now = Now()) {
     std::this_thread::sleep_for(PAUSE);
   }
 }
