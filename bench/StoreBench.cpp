@@ -243,7 +243,7 @@ void CompareSamples(benchmark::State& state, const std::function<Nanoseconds()>&
                     const std::function<Nanoseconds()>& plain) {
   std::vector<double> subjectTimes;
   std::vector<double> plainTimes;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     for (int i = 0; i < SAMPLES_A_BLOCK; ++i) {
       subjectTimes.push_back(static_cast<double>(subject()));
     }

@@ -120,7 +120,7 @@ void SettingsBell::GiveWay() const noexcept {
   }
 }
 
-void SettingsBell::Ring() noexcept {
+void SettingsBell::Ring() const noexcept {
   // A store to mapped memory is nothing that a watcher is told of.
   const std::uint64_t state = State();
   [[maybe_unused]] const ssize_t written =

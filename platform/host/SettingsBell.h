@@ -67,7 +67,7 @@ class SettingsBell {
   void GiveWay() const noexcept;
 
   /// Wakes those who watch the file.
-  void Ring() noexcept;
+  void Ring() const noexcept;
 
   /// Tells all processes to open the database anew, and ends what they know of its values.
   void MarkReplaced() noexcept;
