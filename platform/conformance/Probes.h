@@ -18,17 +18,18 @@ inline constexpr char LOG_MESSAGES[] = "log-messages";      // mark, count
 inline constexpr char LOG_PRIORITIES[] = "log-priorities";  // mark
 inline constexpr char LOG_FORMATS[] = "log-formats";        // mark
 inline constexpr char LOG_THREADS[] = "log-threads";        // mark
-inline constexpr char LOG_TIMED[] = "log-timed";            // mark; answers the slowest call's ms
-inline constexpr char RELEASE_TEXT[] = "release-text";      // key
-inline constexpr char READ_TEXT[] = "read-text";            // key; answers the text
-inline constexpr char READ_INT[] = "read-int";              // key; answers the integer
-inline constexpr char WRITE_TEXT[] = "write-text";          // key, value
-inline constexpr char WRITE_INT[] = "write-int";            // key, value
-inline constexpr char APPLICATION[] = "application";  // answers, then lives as long as its input
-inline constexpr char JOIN_GROUP[] = "join-group";    // process id; answers status and group
-inline constexpr char SYSTEM_ID[] = "system-id";      // answers the identifier
-inline constexpr char SAVE[] = "save";                // file
-inline constexpr char RESTORE[] = "restore";          // file
+inline constexpr char LOG_TIMED[] =
+    "log-timed";  // mark; answers that it begins, then the slowest call's ms
+inline constexpr char RELEASE_TEXT[] = "release-text";  // key
+inline constexpr char READ_TEXT[] = "read-text";        // key; answers the text
+inline constexpr char READ_INT[] = "read-int";          // key; answers the integer
+inline constexpr char WRITE_TEXT[] = "write-text";      // key, value
+inline constexpr char WRITE_INT[] = "write-int";        // key, value
+inline constexpr char APPLICATION[] = "application";    // answers, then lives as long as its input
+inline constexpr char JOIN_GROUP[] = "join-group";      // process id; answers status and group
+inline constexpr char SYSTEM_ID[] = "system-id";        // answers the identifier
+inline constexpr char SAVE[] = "save";                  // file
+inline constexpr char RESTORE[] = "restore";            // file
 
 bool LogMessages(const Arguments& arguments);
 bool LogPriorities(const Arguments& arguments);

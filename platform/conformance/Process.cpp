@@ -18,8 +18,6 @@ extern char** environ;
 namespace conformance {
 namespace {
 
-constexpr std::chrono::seconds LONGEST_RUN{20};
-
 using Clock = std::chrono::steady_clock;
 
 int MillisecondsLeft(Clock::time_point deadline) {

@@ -52,6 +52,9 @@ struct Outcome {
   std::string Describe() const;
 };
 
+/// What a process of the kit that is not stuck never takes, not even on a slow set.
+constexpr std::chrono::seconds LONGEST_RUN{20};
+
 constexpr int KEEP_ERROR = -1;
 constexpr int CLOSE_ERROR = -2;
 

@@ -33,10 +33,11 @@ grep -qx 'memory/conformance/first' "$scratch/removed" || die 'a key was not rem
 # The port never ends the read of SET-09, so the signal comes while the tests run.
 for signal in INT TERM; do
   prepare
+  rm "$scratch/output"
   ONDARO_BROKEN=endless-read "$check" "$scratch/conf" --only POW-02 --only SET-05 --only SET-09 \
     --only SET-20 --patience 60000 >"$scratch/output" 2>&1 &
   kit=$!
-  until grep -q '^SET-05' "$scratch/output"; do kill -0 $kit || die 'ended early'; sleep 0.01; done
+  until grep -qs '^SET-05' "$scratch/output"; do kill -0 $kit || die 'ended early'; sleep 0.01; done
   kill -$signal $kit
   status=0
   wait $kit || status=$?
