@@ -45,6 +45,27 @@ void _RequireRegistrable(const GDBusNodeInfo& node) {
   }
 }
 
+void _RefuseNodeInOther(GMarkupParseContext* context, const gchar* element, const gchar**,
+                        const gchar**, gpointer, GError** error) {
+  const GSList* parent = g_markup_parse_context_get_element_stack(context)->next;
+  if (g_strcmp0(element, "node") == 0 && parent != nullptr &&
+      g_strcmp0(static_cast<const gchar*>(parent->data), "node") != 0) {
+    g_set_error_literal(error, G_MARKUP_ERROR, G_MARKUP_ERROR_INVALID_CONTENT,
+                        "a node stands in an element other than a node");
+  }
+}
+
+/// GLib's parser of descriptions crashes on such a node.
+void _RequireNodesInNodes(const gchar* text) {
+  static constexpr GMarkupParser PARSER = {_RefuseNodeInOther, nullptr, nullptr, nullptr, nullptr};
+  const GLibPtr<GMarkupParseContext> context(
+      g_markup_parse_context_new(&PARSER, G_MARKUP_DEFAULT_FLAGS, nullptr, nullptr));
+  CGErrorOut error;
+  if (g_markup_parse_context_parse(context.get(), text, -1, error.Out()) == FALSE) {
+    _RefuseDescription(error.Message());
+  }
+}
+
 GLibPtr<GDBusNodeInfo> _LoadDescription() {
   CGErrorOut error;
   gchar* contents = nullptr;
@@ -52,6 +73,7 @@ GLibPtr<GDBusNodeInfo> _LoadDescription() {
     _RefuseDescription(error.Message());
   }
   const GLibPtr<gchar> text(contents);
+  _RequireNodesInNodes(text.get());
   GLibPtr<GDBusNodeInfo> node(g_dbus_node_info_new_for_xml(text.get(), error.Out()));
   if (node == nullptr) {
     _RefuseDescription(error.Message());

@@ -9,6 +9,9 @@
 struct SGLibRelease {
   void operator()(gchar* text) const noexcept { g_free(text); }
   void operator()(GVariant* variant) const noexcept { g_variant_unref(variant); }
+  void operator()(GMarkupParseContext* context) const noexcept {
+    g_markup_parse_context_free(context);
+  }
   void operator()(GDBusNodeInfo* info) const noexcept { g_dbus_node_info_unref(info); }
   void operator()(GDBusConnection* connection) const noexcept { g_object_unref(connection); }
 };

@@ -71,6 +71,7 @@ TEST_F(Description, ThatCannotBeUsedGivesNoServer) {
       Node(PATH, Interface("<arg type='a' direction='in'/>")),
       Node(PATH, Interface("<arg type='mi' direction='out'/>")),
       Node(PATH, Interface("<arg type='(s' direction='out'/>")),
+      Node(PATH, Interface("<arg type='s'/><node><interface name='c.d'/></node>")),
   };
   for (std::size_t size = 1; size < whole.size(); size += 5) {
     texts.push_back(whole.substr(0, size));
