@@ -293,6 +293,8 @@ TEST_F(Client, LeavesNothingBehindInWhateverStateItIsDestroyed) {
 
 TEST_F(Client, IsOfNoUseOnAClosedConnectionAndSaysSo) {
   g_dbus_connection_close_sync(m_shared, nullptr, nullptr);
+  // GLib's worker notices the end of the connection on its own.
+  ASSERT_TRUE(WaitUntil([this] { return g_dbus_connection_is_closed(m_shared) != FALSE; }));
   EXPECT_THROW(m_client->RegisterEventHandler("event", Recorder("event")), CInvalidCaseException);
   m_client->SendDataToServer("event", "data");
   EXPECT_TRUE(Completed(0, 1));
