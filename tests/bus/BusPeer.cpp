@@ -6,6 +6,7 @@
 //   echo NAME REPLY                     server: answer NAME's data with the event REPLY
 //   send NAME DATA                      from the end whose handle was got last -> "sent CODE"
 //   clear                               unregister everything       -> "cleared"
+//   sync                                wait for what the bus has sent so far -> "synced"
 //   volley COUNT WINDOW                 client: COUNT events "ping" with WINDOW unanswered at most;
 //                                       each must come back as "pong", in order -> "volley ok"
 //   flood NAME COUNT                    send COUNT events and say nothing
@@ -134,6 +135,16 @@ class Peer {
     Say("cleared");
   }
 
+  void Sync(std::istringstream&) {
+    GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    GVariant* reply = g_dbus_connection_call_sync(
+        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "GetId", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    g_variant_unref(reply);
+    g_object_unref(connection);
+    Say("synced");
+  }
+
   void Volley(std::istringstream& words) {
     words >> m_count >> m_window;
     m_sent = m_answered = 0;
@@ -193,8 +204,9 @@ class Peer {
 const std::map<std::string, Peer::Command> Peer::COMMANDS = {
     {"server", &Peer::GetServer}, {"client", &Peer::GetClient}, {"config", &Peer::GetConfig},
     {"auth", &Peer::GetAuth},     {"expect", &Peer::Expect},    {"echo", &Peer::Echo},
-    {"send", &Peer::Send},        {"clear", &Peer::Clear},      {"volley", &Peer::Volley},
-    {"flood", &Peer::Flood},      {"memory", &Peer::Memory},    {"quit", &Peer::Quit},
+    {"send", &Peer::Send},        {"clear", &Peer::Clear},      {"sync", &Peer::Sync},
+    {"volley", &Peer::Volley},    {"flood", &Peer::Flood},      {"memory", &Peer::Memory},
+    {"quit", &Peer::Quit},
 };
 
 gboolean OnInput(GIOChannel* channel, GIOCondition, gpointer peer) {

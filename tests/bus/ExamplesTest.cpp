@@ -27,6 +27,10 @@ TEST(Examples, CompleteTheirExchange) {
     EXPECT_EQ(application.Wait(), 0);
     EXPECT_EQ(daemon.ReadLine(), "daemon: play trailer");
     EXPECT_EQ(daemon.ReadLine(), "daemon: stop trailer");
+    // The daemon's first status comes to an application that was there before it.
+    if (lines.size() == 7) {
+      lines.erase(std::find(lines.begin(), lines.begin() + 2, "application: status idle"));
+    }
     // Event and property come in either order.
     ASSERT_EQ(lines.size(), 6U);
     std::sort(lines.begin() + 1, lines.begin() + 3);
