@@ -34,5 +34,7 @@ if(ONDARO_SANITIZE)
                       -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${ONDARO_SANITIZE})
   # Instrumented code hides from the compiler what initialises a variable.
-  add_compile_options(-Wno-maybe-uninitialized)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    add_compile_options(-Wno-maybe-uninitialized)
+  endif()
 endif()

@@ -1,0 +1,98 @@
+// Damaged files of the host's settings store: each is opened, or set aside and replaced, and in
+// either case takes writes again. The input is what happens to the files of a sound store.
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "Fuzz.h"
+#include "SettingsArea.h"
+#include "SettingsError.h"
+#include "host/HostSupport.h"
+
+using namespace ondaro::fuzz;
+using ondaro::host::SettingsArea;
+using ondaro::host::SettingsValue;
+
+namespace {
+
+using Durability = ondaro::host::SettingsDatabase::Durability;
+
+const char* const FILES[] = {"/settings.db", "/settings.db-wal", "/settings.bell"};
+
+std::string ReadWhole(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void WriteWhole(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary)
+      .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+/// A store with values of both kinds and a log of changes, as files.
+const std::vector<std::string>& Sound() {
+  static const std::vector<std::string> contents = [] {
+    const ondaro::test::TemporaryDirectory directory;
+    SettingsArea area([&] { return directory.Path(); }, "settings", Durability::UNSYNCED);
+    for (int number = 0; number < 20; ++number) {
+      area.Write("db/key" + std::to_string(number % 7),
+                 number % 2 == 0 ? SettingsValue(number) : SettingsValue(std::string(50, 'x')));
+    }
+    std::vector<std::string> files;
+    for (const char* file : FILES) files.push_back(ReadWhole(directory.Path() + file));
+    return files;
+  }();
+  return contents;
+}
+
+void Damage(std::string& bytes, Input& input) {
+  const std::size_t at = (input.Number(256) << 8U) + input.Number(256);
+  const unsigned kind = input.Number(8);
+  if (bytes.empty()) return;
+  char* const place = &bytes[at % bytes.size()];
+  if (kind == 0)
+    bytes.resize(at % bytes.size());
+  else if (kind == 1)
+    std::fill(place, place + std::min<std::ptrdiff_t>(512, &*bytes.end() - place), '\0');
+  else
+    *place = static_cast<char>(*place ^ static_cast<char>(input.Number(256)));
+}
+
+template <typename Operation>
+bool Succeeds(Operation operation) {
+  try {
+    operation();
+    return true;
+  } catch (const ondaro::host::SettingsError&) {
+    return false;
+  }
+}
+
+}  // namespace
+
+// What is fuzzed is reading, not the disk.
+extern "C" int fsync(int) { return 0; }
+extern "C" int fdatasync(int) { return 0; }
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  std::vector<std::string> files = Sound();
+  Input input(data, size);
+  while (!input.IsEmpty()) Damage(files[input.Number(3)], input);
+  const ondaro::test::TemporaryDirectory directory;
+  for (std::size_t index = 0; index < files.size(); ++index) {
+    WriteWhole(directory.Path() + FILES[index], files[index]);
+  }
+
+  SettingsArea area([&] { return directory.Path(); }, "settings", Durability::UNSYNCED);
+  for (int number = 0; number < 7; ++number) {
+    Succeeds([&] { area.Read("db/key" + std::to_string(number), [](const auto&) {}); });
+  }
+  Succeeds([&] { area.ChangesAfter(0); });
+  const bool isWritten = Succeeds([&] { area.Write("db/new", SettingsValue(5)); });
+  Expect(isWritten, "it takes writes");
+  area.Read("db/new", [](const auto& value) {
+    Expect(value && *value == SettingsValue(5), "and keeps them");
+  });
+  return 0;
+}
