@@ -32,7 +32,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const bool isWorking = fake.m_operationStatus == 0;
   const bool isGenerated = OndaroApi_CoreAuth_GenerateDeviceKeyAndCert(handle, &key, &cert);
   Expect(isGenerated == (isWorking && !fake.m_key.empty() && !fake.m_cert.empty()), "generation");
-  if (isGenerated) Expect(Take(key) == fake.m_key && Take(cert) == fake.m_cert, "its bytes");
+  if (isGenerated) {
+    Expect(Take(key) == fake.m_key && Take(cert) == fake.m_cert, "its bytes");
+  }
 
   const std::string keyBytes = input.Text(), hashBytes = input.Rest();
   const OndaroApi_CoreAuthInfoRO_t signKey = {keyBytes.data(),
@@ -43,7 +45,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Expect(isSigned == (isWorking && !fake.m_sign.empty()), "signing");
   Expect(fake.m_cdmCalls.back() == "sign[" + keyBytes + "][" + hashBytes + "][]",
          "the module gets the bytes");
-  if (isSigned) Expect(Take(sign) == fake.m_sign, "its bytes");
+  if (isSigned) {
+    Expect(Take(sign) == fake.m_sign, "its bytes");
+  }
   fake.m_cdmCalls.clear();
   fake.TakeLog();
   return 0;

@@ -20,8 +20,9 @@ void Call(const char* path, const char* interface, const char* member, GVariant*
 /// Default values of the arguments that the method declares.
 GVariant* BodyFor(GDBusArgInfo** arguments) {
   std::string type = "(";
-  for (; arguments != nullptr && *arguments != nullptr; ++arguments)
+  for (; arguments != nullptr && *arguments != nullptr; ++arguments) {
     type += (*arguments)->signature;
+  }
   type += ")";
   GVariant* empty = g_variant_ref_sink(
       g_variant_new_from_data(G_VARIANT_TYPE(type.c_str()), "", 0, FALSE, nullptr, nullptr));
@@ -48,7 +49,9 @@ void UseObject() {
 /// The library's file, whatever its path.
 gboolean g_file_get_contents(const gchar*, gchar** contents, gsize* length, GError**) {
   *contents = g_strndup(g_contents.data(), g_contents.size());
-  if (length != nullptr) *length = g_contents.size();
+  if (length != nullptr) {
+    *length = g_contents.size();
+  }
   return TRUE;
 }
 

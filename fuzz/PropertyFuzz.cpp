@@ -27,8 +27,12 @@ void Change(Input& input) {
   const char* key = STORE_KEYS[input.Number(4)];
   platform_settings_node node{key, std::nullopt};
   const unsigned kind = input.Number(3);
-  if (kind == 1) node.value = SettingsValue(static_cast<int>(input.Number(256)) - 1);
-  if (kind == 2) node.value = SettingsValue(std::string(input.Text().c_str()));
+  if (kind == 1) {
+    node.value = SettingsValue(static_cast<int>(input.Number(256)) - 1);
+  }
+  if (kind == 2) {
+    node.value = SettingsValue(std::string(input.Text().c_str()));
+  }
   FakePlatform::Get().Notify(key, &node);
 }
 
@@ -42,7 +46,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const unsigned kind = input.Number(5);
     const unsigned name = input.Number(12);
     const std::string key = name < 6 ? NAMES[name] : input.Text();
-    if (kind == 0) Get(handle, key + input.Text());
+    if (kind == 0) {
+      Get(handle, key + input.Text());
+    }
     if (kind == 1) {
       const std::string value = input.Text().c_str();
       const bool isText = name < 2;
@@ -53,8 +59,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       OndaroApi_SystemConfig_RegisterEventHandler(
           handle, key.c_str(), [](const char* text, void*) { Get(handle, text); }, nullptr);
     }
-    if (kind == 3) OndaroApi_SystemConfig_UnregisterEventHandler(handle, key.c_str());
-    if (kind == 4) Change(input);
+    if (kind == 3) {
+      OndaroApi_SystemConfig_UnregisterEventHandler(handle, key.c_str());
+    }
+    if (kind == 4) {
+      Change(input);
+    }
   }
   fake.TakeLog();
   fake.m_storeCalls.clear();

@@ -40,7 +40,9 @@ const std::vector<std::string>& Sound() {
                  number % 2 == 0 ? SettingsValue(number) : SettingsValue(std::string(50, 'x')));
     }
     std::vector<std::string> files;
-    for (const char* file : FILES) files.push_back(ReadWhole(directory.Path() + file));
+    for (const char* file : FILES) {
+      files.push_back(ReadWhole(directory.Path() + file));
+    }
     return files;
   }();
   return contents;
@@ -49,14 +51,17 @@ const std::vector<std::string>& Sound() {
 void Damage(std::string& bytes, Input& input) {
   const std::size_t at = (input.Number(256) << 8U) + input.Number(256);
   const unsigned kind = input.Number(8);
-  if (bytes.empty()) return;
+  if (bytes.empty()) {
+    return;
+  }
   char* const place = &bytes[at % bytes.size()];
-  if (kind == 0)
+  if (kind == 0) {
     bytes.resize(at % bytes.size());
-  else if (kind == 1)
+  } else if (kind == 1) {
     std::fill(place, place + std::min<std::ptrdiff_t>(512, &*bytes.end() - place), '\0');
-  else
+  } else {
     *place = static_cast<char>(*place ^ static_cast<char>(input.Number(256)));
+  }
 }
 
 template <typename Operation>
@@ -78,7 +83,9 @@ extern "C" int fdatasync(int) { return 0; }
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::vector<std::string> files = Sound();
   Input input(data, size);
-  while (!input.IsEmpty()) Damage(files[input.Number(3)], input);
+  while (!input.IsEmpty()) {
+    Damage(files[input.Number(3)], input);
+  }
   const ondaro::test::TemporaryDirectory directory;
   for (std::size_t index = 0; index < files.size(); ++index) {
     WriteWhole(directory.Path() + FILES[index], files[index]);

@@ -22,7 +22,9 @@ void Replace(std::string& text, const std::string& part, const std::string& by) 
 std::string Comparable(std::string line) {
   static const std::string error = "g_dbus_proxy_call_finish error : ";
   const std::size_t at = line.find(error);
-  if (at != std::string::npos) line.resize(at + error.size());
+  if (at != std::string::npos) {
+    line.resize(at + error.size());
+  }
   for (std::size_t start = 0; (start = line.find("0x", start)) != std::string::npos; start += 2) {
     const std::size_t end = line.find_first_not_of("0123456789abcdef", start + 2);
     line.erase(start + 2, end == std::string::npos ? end : end - start - 2);
@@ -33,7 +35,9 @@ std::string Comparable(std::string line) {
     const std::size_t arguments = line.find('(', start);
     line.erase(arguments, signatureEnd + 1 - arguments);
     const std::size_t name = line.rfind(' ', arguments) + 1;
-    if (name > start) line.erase(start, name - start);
+    if (name > start) {
+      line.erase(start, name - start);
+    }
   }
   return line;
 }
@@ -41,7 +45,9 @@ std::string Comparable(std::string line) {
 std::string Text(bool result) { return result ? "true" : "false"; }
 
 std::string BytesOf(const OndaroApi_CoreAuthInfoRW_t& record) {
-  if (record.data[record.length] != '\0') return "without its final NUL";
+  if (record.data[record.length] != '\0') {
+    return "without its final NUL";
+  }
   return {record.data, record.length};
 }
 
@@ -50,10 +56,14 @@ std::string BytesOf(const OndaroApi_CoreAuthInfoRW_t& record) {
 Library::Library() {
   GError* error = nullptr;
   m_connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
-  if (m_connection == nullptr) throw std::runtime_error(error->message);
+  if (m_connection == nullptr) {
+    throw std::runtime_error(error->message);
+  }
   g_dbus_connection_set_exit_on_close(m_connection, FALSE);
   m_ownName = g_dbus_connection_get_unique_name(m_connection);
-  for (unsigned script = 0; script < SCRIPTS; ++script) m_slots.push_back({this, script});
+  for (unsigned script = 0; script < SCRIPTS; ++script) {
+    m_slots.push_back({this, script});
+  }
 
   m_fake.m_onStoreCall = [this] {
     const std::string call = m_fake.m_storeCalls.back();
@@ -73,14 +83,17 @@ Library::Library() {
 }
 
 Library::~Library() {
-  m_nScriptsLeft = 0;
-  Settle();  // nothing may arrive when this is gone
   for (OndaroApi_CoreAuthInfoRW_t& record : m_records) {
     OndaroApi_CoreAuth_DestroyCoreAuthInfo(&record);
   }
   m_fake.m_onStoreCall = nullptr;
   m_fake.m_onCdmCall = nullptr;
   g_object_unref(m_connection);
+}
+
+void Library::Finish() {
+  m_nScriptsLeft = 0;
+  Settle();
 }
 
 void Library::Note(const std::string& kind, const std::string& what) {
@@ -125,7 +138,9 @@ void Library::Do(const Step& step) {
   }
   try {
     const std::string result = IsWrapperCall(step) ? CallWrapper(step) : Call(step);
-    if (step.op == Op::SERVER_SEND || step.op == Op::CLIENT_SEND) AwaitArrival();
+    if (step.op == Op::SERVER_SEND || step.op == Op::CLIENT_SEND) {
+      AwaitArrival();
+    }
     Note("RESULT", result);
   } catch (const std::exception& exception) {
     Note("THROWN", exception.what());
@@ -133,22 +148,28 @@ void Library::Do(const Step& step) {
     Note("THROWN", "foreign");
   }
   for (const OndaroApi_CoreAuthInfoRW_t& record : m_records) {
-    if (step.op >= Op::GENERATE && record.data != nullptr) Note("RECORD", BytesOf(record));
+    if (step.op >= Op::GENERATE && record.data != nullptr) {
+      Note("RECORD", BytesOf(record));
+    }
   }
 }
 
 bool Library::IsWrapperCall(const Step& step) const {
-  if (HowOf(step) != How::WRAPPER || step.op >= Op::SETTLE) return false;
-  if (step.op <= Op::UNWATCH) return m_config != nullptr;
+  if (HowOf(step) != How::WRAPPER || step.op >= Op::SETTLE) {
+    return false;
+  }
+  if (step.op <= Op::UNWATCH) {
+    return m_config != nullptr;
+  }
   return step.op <= Op::SERVER_SEND ? m_server != nullptr : m_client != nullptr;
 }
 
 std::string Library::Call(const Step& step) {
   const How how = HowOf(step);
   const bool isGiven = how != How::NULL_HANDLE;
-  const auto config = isGiven ? m_config : nullptr;
-  const auto server = isGiven ? m_server : nullptr;
-  const auto client = isGiven ? m_client : nullptr;
+  auto* const config = isGiven ? m_config : nullptr;
+  auto* const server = isGiven ? m_server : nullptr;
+  auto* const client = isGiven ? m_client : nullptr;
   const std::string key = KeyOf(step), name = EventNameOf(step), value = ValueOf(step.b);
   const bool isFirstGiven = how != How::NULL_FIRST;
   const char* const keyText = isFirstGiven ? key.c_str() : nullptr;
@@ -247,7 +268,9 @@ std::string Library::Create(Family family) {
     if (isNew && !test::WaitUntil([this] { return m_peer.Owner() == m_ownName; })) {
       throw std::runtime_error("the name was not acquired");
     }
-    if (isNew) Deliver();
+    if (isNew) {
+      Deliver();
+    }
     m_ownsName = m_ownsName || isNew;
   }
   return handle != nullptr ? "handle" : "null";
@@ -255,37 +278,52 @@ std::string Library::Create(Family family) {
 
 Library::Handler Library::HandlerOf(const Step& step) {
   const unsigned script = ScriptNumberOf(step);
-  if (script == NO_SCRIPT) return nullptr;
+  if (script == NO_SCRIPT) {
+    return nullptr;
+  }
   return [this, script](const std::string& data) { OnEvent(data.c_str(), &m_slots[script]); };
 }
 
-void Library::OnEvent(const char* data, void* userData) {
-  const Slot slot = *static_cast<Slot*>(userData);
+void Library::OnEvent(const char* data, void* slotOfScript) {
+  const Slot slot = *static_cast<Slot*>(slotOfScript);
   Library& self = *slot.library;
   self.Note("EVENT", std::to_string(slot.script) + " " + data);
-  if (self.m_nScriptsLeft-- <= 0) return;
+  if (self.m_nScriptsLeft-- <= 0) {
+    return;
+  }
   const Script& script = ScriptOf(slot.script);
-  for (const Step& step : script.steps) self.Do(step);
+  for (const Step& step : script.steps) {
+    self.Do(step);
+  }
   RaiseIf(script.ending, "script");
 }
 
 void Library::RaiseIf(Fault fault, const char* origin) {
-  if (fault == Fault::STANDARD) throw std::runtime_error(origin);
-  if (fault == Fault::FOREIGN) throw 7;
-  if (fault == Fault::API) throw NOndaroAPI::CAPIException(origin, "fault");
+  if (fault == Fault::STANDARD) {
+    throw std::runtime_error(origin);
+  }
+  if (fault == Fault::FOREIGN) {
+    throw 7;
+  }
+  if (fault == Fault::API) {
+    throw NOndaroAPI::CAPIException(origin, "fault");
+  }
 }
 
 // ---- Properties and authentication --------------------------------------------------------------
 
 void Library::Change(const Step& step) {
   const std::string key = StoreKeyOf(KeyOf(step));
-  if (key.empty()) return;
-  if (IsWithoutNode(step)) return m_fake.Notify(key, nullptr);
+  if (key.empty()) {
+    return;
+  }
+  if (IsWithoutNode(step)) {
+    return m_fake.Notify(key, nullptr);
+  }
   if (!IsUnreadable(step)) {
     const int* number = NumberOf(step);
-    return m_fake.Change(key, number != nullptr
-                                  ? SettingsValue(*number)
-                                  : SettingsValue(std::string(ValueOf(step.b).c_str())));
+    return m_fake.Change(
+        key, number != nullptr ? SettingsValue(*number) : SettingsValue(Cut(ValueOf(step.b))));
   }
   platform_settings_node node{key, std::nullopt};
   m_fake.Notify(key, &node);
@@ -295,11 +333,21 @@ void Library::ScriptModule(const Step& step) {
   std::string* const texts[] = {&m_fake.m_key, &m_fake.m_cert, &m_fake.m_sign, &m_fake.m_systemId};
   const unsigned what = step.a % 10;
   const bool flag = step.b % 2 == 0;
-  if (what < 4) *texts[what] = ValueOf(step.b);
-  if (what == 4) m_fake.m_supportStatus = flag ? 11 : 0;
-  if (what == 5) m_fake.m_isCreateFailing = flag;
-  if (what == 6) m_fake.m_hasKeyInterface = flag;
-  if (what == 7) m_fake.m_setGroupResult = flag ? 0 : 1;
+  if (what < 4) {
+    *texts[what] = ValueOf(step.b);
+  }
+  if (what == 4) {
+    m_fake.m_supportStatus = flag ? 11 : 0;
+  }
+  if (what == 5) {
+    m_fake.m_isCreateFailing = flag;
+  }
+  if (what == 6) {
+    m_fake.m_hasKeyInterface = flag;
+  }
+  if (what == 7) {
+    m_fake.m_setGroupResult = flag ? 0 : 1;
+  }
   if (what > 7) {
     m_moduleFault = FaultOf(step.b);
     m_fake.m_operationStatus = m_moduleFault == Fault::STATUS ? 3 : 0;
@@ -311,7 +359,9 @@ std::string Library::Sign(const Step& step) {
   const std::string keyBytes = ValueOf(step.a), hashBytes = ValueOf(step.b);
   const OndaroApi_CoreAuthInfoRO_t key = {keyBytes.data(), static_cast<uint32_t>(keyBytes.size())};
   OndaroApi_CoreAuthInfoRO_t hash = {hashBytes.data(), static_cast<uint32_t>(hashBytes.size())};
-  if (IsHashBroken(step)) hash = {nullptr, 1};
+  if (IsHashBroken(step)) {
+    hash = {nullptr, 1};
+  }
   // An old signature is overwritten, and its buffer stays the caller's.
   OndaroApi_CoreAuthInfoRW_t& sign = m_records[step.c % RECORDS];
   OndaroApi_CoreAuthInfoRW_t old = sign;
@@ -333,7 +383,9 @@ void Library::CallBus(const char* member, GVariant* arguments) {
   GVariant* reply = g_dbus_connection_call_sync(
       m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", member,
       arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
-  if (reply == nullptr) throw std::runtime_error(error->message);
+  if (reply == nullptr) {
+    throw std::runtime_error(error->message);
+  }
   g_variant_unref(reply);
 }
 
@@ -341,7 +393,9 @@ void Library::CallBus(const char* member, GVariant* arguments) {
 /// Without an object GLib's own thread refuses a call, which the bus carries back once more.
 void Library::AwaitArrival() {
   Barrier();
-  if (m_hasLostName) Barrier();
+  if (m_hasLostName) {
+    Barrier();
+  }
 }
 
 /// Every message is in the log when it is dispatched, so silence means that none is left.
@@ -370,9 +424,15 @@ void Library::PeerSend(const Step& step) {
   g_variant_builder_init(&body, G_VARIANT_TYPE(type.c_str()));
   const std::string* text = &name;
   for (const char* argument = type.c_str() + 1; *argument != ')'; ++argument) {
-    if (*argument == 's') g_variant_builder_add(&body, "s", text->c_str());
-    if (*argument == 'i') g_variant_builder_add(&body, "i", 5);
-    if (*argument == 'v') g_variant_builder_add(&body, "v", g_variant_new_boolean(TRUE));
+    if (*argument == 's') {
+      g_variant_builder_add(&body, "s", text->c_str());
+    }
+    if (*argument == 'i') {
+      g_variant_builder_add(&body, "i", 5);
+    }
+    if (*argument == 'v') {
+      g_variant_builder_add(&body, "v", g_variant_new_boolean(TRUE));
+    }
     text = &data;
   }
   if (step.op == Op::PEER_SIGNAL) {
@@ -386,7 +446,9 @@ void Library::PeerSend(const Step& step) {
 
 void Library::GiveOrTakeName() {
   Settle();
-  if (m_server == nullptr) return;
+  if (m_server == nullptr) {
+    return;
+  }
   m_ownsName = !m_ownsName;
   m_hasLostName = true;
   if (m_ownsName) {

@@ -25,6 +25,9 @@ class Library {
   /// What was observed of one step, in order: log lines, events, calls to the platform, results.
   std::vector<std::string> Perform(const Step& step);
 
+  /// To be done last: nothing may arrive when this is gone.
+  void Finish();
+
  private:
   struct Slot {
     Library* library;
@@ -50,7 +53,7 @@ class Library {
   /// All that was sent before has arrived and waits for the main context.
   void Barrier() { CallBus("GetId", nullptr); }
 
-  static void OnEvent(const char* data, void* slot);
+  static void OnEvent(const char* data, void* slotOfScript);
   static void RaiseIf(Fault fault, const char* origin);
   Handler HandlerOf(const Step& step);
   void Note(const std::string& kind, const std::string& what);

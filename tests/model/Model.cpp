@@ -29,7 +29,9 @@ constexpr int EMPTY_FUNCTION = -1;
 
 int HandlerOf(const Step& step) {
   const unsigned script = ScriptNumberOf(step);
-  if (script != NO_SCRIPT) return static_cast<int>(script);
+  if (script != NO_SCRIPT) {
+    return static_cast<int>(script);
+  }
   return HowOf(step) == How::WRAPPER ? EMPTY_FUNCTION : DOES_NOTHING;
 }
 
@@ -64,9 +66,6 @@ const Function& FunctionOf(Op op) {
                        [op](const Function& function) { return function.op == op; });
 }
 
-/// As C and the log's %s see it.
-std::string Cut(const std::string& text) { return text.c_str(); }
-
 std::string FlagText(int number) { return number == 1 ? "true" : "false"; }
 
 std::string UsageText(int number) {
@@ -98,7 +97,9 @@ const Model::Property* Model::Find(const std::string& nameOrKey) {
       {"WIDEVINE_ONDARO_VERSION", nullptr, "OndaroWidevineOndaroVersion", true},
       {"WIDEVINE_ONDARO_SUPPORT", nullptr, "OndaroWidevineOndaroSupport", true}};
   for (const Property& property : properties) {
-    if (nameOrKey == property.name || nameOrKey == property.key) return &property;
+    if (nameOrKey == property.name || nameOrKey == property.key) {
+      return &property;
+    }
   }
   return nullptr;
 }
@@ -109,7 +110,9 @@ class Model::Scope {
   Scope(Model& model, const char* tag, const std::string& signature, int priority = INFO)
       : m_model(model), m_tag(tag), m_nPriority(priority), m_signature("[" + signature + "]") {
     m_tracer = tag == API ? "ONDARO_API_CALL_TRACER" : "ONDAROCALLTRACE";
-    if (priority == ERROR) m_tracer += "_ERROR";
+    if (priority == ERROR) {
+      m_tracer += "_ERROR";
+    }
     m_model.Log(m_nPriority, m_tag, m_tracer, m_signature + "Entered ");
   }
   ~Scope() { m_model.Log(m_nPriority, m_tag, "~" + m_tracer, m_signature + "Left"); }
@@ -173,7 +176,9 @@ void Model::Do(const Step& step) {
     Note("THROWN", raised.kind == Raised::FOREIGN ? "foreign" : raised.text);
   }
   for (const auto& record : m_records) {
-    if (step.op >= Op::GENERATE && record) Note("RECORD", *record);
+    if (step.op >= Op::GENERATE && record) {
+      Note("RECORD", *record);
+    }
   }
 }
 
@@ -188,12 +193,16 @@ std::string Model::Call(const Step& step) {
   const Scope scope(*this, API, function.name);
   try {
     for (std::size_t index = 0; index < function.required.size(); ++index) {
-      if (isNull[index]) throw Raised{Raised::BROKEN, function.required[index]};
+      if (isNull[index]) {
+        throw Raised{Raised::BROKEN, function.required[index]};
+      }
     }
     if (step.op == Op::CLIENT_WATCH && ScriptNumberOf(step) == NO_SCRIPT) {
       throw Raised{Raised::API, "apicallback is null", "(api/callback is null)"};
     }
-    if (step.op == Op::DESTROY) return m_records[step.a % RECORDS].reset(), "";
+    if (step.op == Op::DESTROY) {
+      return m_records[step.a % RECORDS].reset(), "";
+    }
     for (const unsigned offset : {0U, 1U}) {
       if (step.op == Op::GENERATE && m_records[(step.a + offset) % RECORDS]) {
         Log(ERROR, API, "_GenerateDeviceKeyAndCert",
@@ -201,7 +210,9 @@ std::string Model::Call(const Step& step) {
         return "false";
       }
     }
-    if (!hasHandle) throw Raised{Raised::BROKEN, "handle"};
+    if (!hasHandle) {
+      throw Raised{Raised::BROKEN, "handle"};
+    }
     const bool isSend = step.op == Op::SERVER_SEND || step.op == Op::CLIENT_SEND;
     const bool takesText = isSend || step.op == Op::WATCH || step.op == Op::UNWATCH ||
                            step.op == Op::SERVER_WATCH || step.op == Op::CLIENT_WATCH;
@@ -210,7 +221,9 @@ std::string Model::Call(const Step& step) {
     }
     return Body(step, Cut(ValueOf(step.b)));
   } catch (const Raised& raised) {
-    if (raised.kind == Raised::FOREIGN) throw;
+    if (raised.kind == Raised::FOREIGN) {
+      throw;
+    }
     Log(ERROR, API, function.name,
         raised.kind == Raised::BROKEN
             ? raised.text + " is null in [" + function.name + "]"
@@ -259,7 +272,9 @@ std::string Model::Body(const Step& step, const std::string& value) {
 }
 
 void Model::Construct(Family family) {
-  if (m_isCreated[family]) return;
+  if (m_isCreated[family]) {
+    return;
+  }
   const std::string name = FAMILIES[family];
   const std::string implementation = "NOndaroPAL::C" + name + "Impl";
   {
@@ -291,7 +306,9 @@ std::string Model::Create(Family family) {
   try {
     Construct(family);
   } catch (const Raised& raised) {
-    if (raised.kind == Raised::FOREIGN) throw;
+    if (raised.kind == Raised::FOREIGN) {
+      throw;
+    }
     Log(ERROR, API, std::string("OndaroFactory_Get") + FAMILIES[family] + "Handle",
         "exception : " + raised.text + raised.detail);
     return "null";
@@ -312,20 +329,32 @@ std::string Model::Create(Family family) {
 
 /// Faults of what the library calls, and of the callbacks that it calls.
 void Model::RaiseIf(Fault fault, const std::string& origin) {
-  if (fault == Fault::STANDARD) throw Raised{Raised::STANDARD, origin};
-  if (fault == Fault::FOREIGN) throw Raised{Raised::FOREIGN, "of unknown type"};
+  if (fault == Fault::STANDARD) {
+    throw Raised{Raised::STANDARD, origin};
+  }
+  if (fault == Fault::FOREIGN) {
+    throw Raised{Raised::FOREIGN, "of unknown type"};
+  }
   if (fault == Fault::API) {
     throw Raised{Raised::API, origin + "fault", "(" + origin + "/fault)"};
   }
 }
 
 void Model::RunHandler(int handler, const std::string& data) {
-  if (handler == EMPTY_FUNCTION) throw Raised{Raised::STANDARD, "bad_function_call"};
-  if (handler == DOES_NOTHING) return;
+  if (handler == EMPTY_FUNCTION) {
+    throw Raised{Raised::STANDARD, "bad_function_call"};
+  }
+  if (handler == DOES_NOTHING) {
+    return;
+  }
   Note("EVENT", std::to_string(handler) + " " + data);
-  if (m_nScriptsLeft-- <= 0) return;
+  if (m_nScriptsLeft-- <= 0) {
+    return;
+  }
   const Script& script = ScriptOf(static_cast<unsigned>(handler));
-  for (const Step& step : script.steps) Do(step);
+  for (const Step& step : script.steps) {
+    Do(step);
+  }
   RaiseIf(script.ending, "script");
 }
 
@@ -343,7 +372,9 @@ void Model::Contained(const std::string& function, const TBody& body) {
 
 std::string Model::Get(const std::string& mixedKey) {
   Log(ERROR, PAL, "_GetProperty", "key : " + mixedKey);
-  if (mixedKey == "SDR") return "1";
+  if (mixedKey == "SDR") {
+    return "1";
+  }
   const std::size_t colon = mixedKey.find(':');
   const bool hasData = colon != std::string::npos;
   const std::string name = mixedKey.substr(0, colon);
@@ -357,23 +388,35 @@ std::string Model::Get(const std::string& mixedKey) {
     return "";
   }
   logPart("_ExtractDataFromMixedKey", hasData ? "data : " + mixedKey.substr(colon + 1) : "");
-  if (name == "TARGET_REPOSITORY") return "emulator";
-  if (name == "SYSTEM_ID") return SystemId();
-  if (property->toText == nullptr) return ReadText(property->key).value_or("error");
+  if (name == "TARGET_REPOSITORY") {
+    return "emulator";
+  }
+  if (name == "SYSTEM_ID") {
+    return SystemId();
+  }
+  if (property->toText == nullptr) {
+    return ReadText(property->key).value_or("error");
+  }
   const std::optional<int> number = ReadNumber(property->key);
   return number ? property->toText(*number) : "error";
 }
 
 bool Model::Set(const std::string& key, const std::string& value) {
   Log(ERROR, PAL, "_SetProperty", "key : " + key);
-  if (key == "ONDARO_SET_PROCESS_GRP") return SetProcessGroup(value);
+  if (key == "ONDARO_SET_PROCESS_GRP") {
+    return SetProcessGroup(value);
+  }
   const Property* property = Find(key);
   if (property == nullptr) {
     Log(ERROR, PAL, "_SetProperty", "property[" + key + "] is undefined");
     return false;
   }
-  if (property->toText == FlagText) return Write(property->key, value == "true" ? 1 : 0);
-  if (property->toText == nullptr) return Write(property->key, Cut(value));
+  if (property->toText == FlagText) {
+    return Write(property->key, value == "true" ? 1 : 0);
+  }
+  if (property->toText == nullptr) {
+    return Write(property->key, Cut(value));
+  }
   const auto word = USAGE.find(value);
   const int unknown = m_mutation == Mutation::USAGE_WORD ? 1 : 0;
   return Write(property->key, word != USAGE.end() ? word->second : unknown);
@@ -383,7 +426,9 @@ bool Model::SetProcessGroup(const std::string& appId) {
   Log(INFO, API, "SetProcessGroup",
       "pid of caller process : " + std::to_string(getpid()) + ", pid of appid (" + Cut(appId) +
           ") : -1\n");
-  if (m_groupResult != 0) Log(ERROR, API, "SetProcessGroup", "set process group fail\n");
+  if (m_groupResult != 0) {
+    Log(ERROR, API, "SetProcessGroup", "set process group fail\n");
+  }
   return m_groupResult == 0;
 }
 
@@ -391,9 +436,13 @@ void Model::Watch(const std::string& key, int handler) {
   Log(ERROR, PAL, "RegisterEventHandler", "key : " + key);
   m_configHandlers[key] = handler;
   const Property* property = Find(key);
-  if (property == nullptr || property->callback.empty()) return;
+  if (property == nullptr || property->callback.empty()) {
+    return;
+  }
   if (property->isFiltered) {
-    if (const auto text = ReadText(property->key)) m_cache[property->key] = *text;
+    if (const auto text = ReadText(property->key)) {
+      m_cache[property->key] = *text;
+    }
   }
   if (!StoreCall("subscribe " + property->key)) {
     Log(ERROR, PAL, "RegisterSetregChangedCb",
@@ -408,7 +457,9 @@ void Model::Watch(const std::string& key, int handler) {
 void Model::Unwatch(const std::string& key) {
   m_configHandlers[key] = DOES_NOTHING;
   const Property* property = Find(key);
-  if (property == nullptr || property->callback.empty()) return;
+  if (property == nullptr || property->callback.empty()) {
+    return;
+  }
   if (!StoreCall("unsubscribe " + property->key) || m_subscribed.erase(property->key) == 0) {
     Log(ERROR, PAL, "DeregisterSetregChangedCb",
         "Failed to Un register for setreg key " + property->key + " nottification");
@@ -464,14 +515,18 @@ bool Model::Write(const std::string& key, const Value& value) {
 
 void Model::Change(const Step& step) {
   const Property* property = Find(KeyOf(step));
-  if (property == nullptr) return;
+  if (property == nullptr) {
+    return;
+  }
   std::optional<Value> value;
   if (!IsUnreadable(step) && !IsWithoutNode(step)) {
     const int* number = NumberOf(step);
     value = number != nullptr ? Value(*number) : Value(Cut(ValueOf(step.b)));
     m_store[property->key] = *value;
   }
-  if (m_subscribed.count(property->key) == 0) return;
+  if (m_subscribed.count(property->key) == 0) {
+    return;
+  }
   if (IsWithoutNode(step)) {
     Log(ERROR, PAL, property->callback + "ChangedCallback",
         "exception : PAL Exception: Nullptr: pKeyNode");
@@ -494,11 +549,15 @@ void Model::Deliver(const Property& property, const std::optional<Value>& value)
   const std::string text =
       isText ? std::get<std::string>(*value) : property.toText(std::get<int>(*value));
   if (property.isFiltered) {
-    if (m_cache[property.key] == text && m_mutation != Mutation::UNFILTERED) return;
+    if (m_cache[property.key] == text && m_mutation != Mutation::UNFILTERED) {
+      return;
+    }
     m_cache[property.key] = text;
   }
   const auto handler = m_configHandlers.find(property.name);
-  if (handler == m_configHandlers.end()) return;
+  if (handler == m_configHandlers.end()) {
+    return;
+  }
   Contained(function, [&] { RunHandler(handler->second, text); });
 }
 
@@ -510,7 +569,9 @@ void Model::OpenModule() {
     return Log(ERROR, API, "CCoreAuthImpl", "Key system[com.widevine.alpha] is not supported.");
   }
   ModuleCall("create[com.widevine.alpha][0][1]");
-  if (m_isCreateFailing) return Log(ERROR, API, "CCoreAuthImpl", "EME instance create Fail!");
+  if (m_isCreateFailing) {
+    return Log(ERROR, API, "CCoreAuthImpl", "EME instance create Fail!");
+  }
   m_hasInstance = true;
   m_hasKeys = m_givesKeys;
   Log(INFO, API, "CCoreAuthImpl", "EME instance = [0x] ,created. ");
@@ -526,24 +587,31 @@ void Model::ScriptModule(const Step& step) {
   std::string* const texts[] = {&m_key, &m_cert, &m_sign, &m_systemId};
   bool* const flags[] = {&m_isSupported, &m_isCreateFailing, &m_givesKeys};
   const unsigned what = step.a % 10;
-  if (what < 4)
+  if (what < 4) {
     *texts[what] = ValueOf(step.b);
-  else if (what < 7)
+  } else if (what < 7) {
     *flags[what - 4] = step.b % 2 == 0;
-  else if (what == 7)
+  } else if (what == 7) {
     m_groupResult = static_cast<int>(step.b % 2);
-  else
+  } else {
     m_moduleFault = FaultOf(step.b);
+  }
 }
 
 std::string Model::Generate(const Step& step) {
   const char* function = "_GenerateDeviceKeyAndCert";
-  if (!m_hasKeys) return Log(ERROR, API, function, "pWVCDM is NULL"), "false";
+  if (!m_hasKeys) {
+    return Log(ERROR, API, function, "pWVCDM is NULL"), "false";
+  }
   if (!ModuleCall("generate[][]")) {
     return Log(ERROR, API, function, "GenerateDeviceKeyAndCert failed."), "false";
   }
-  if (m_key.empty()) return Log(ERROR, API, function, "return by [key.empty()]"), "false";
-  if (m_cert.empty()) return Log(ERROR, API, function, "return by [cert.empty()]"), "false";
+  if (m_key.empty()) {
+    return Log(ERROR, API, function, "return by [key.empty()]"), "false";
+  }
+  if (m_cert.empty()) {
+    return Log(ERROR, API, function, "return by [cert.empty()]"), "false";
+  }
   m_records[step.a % RECORDS] = m_key;
   m_records[(step.a + 1) % RECORDS] = m_cert;
   return "true";
@@ -551,19 +619,27 @@ std::string Model::Generate(const Step& step) {
 
 std::string Model::Sign(const Step& step) {
   const std::string hash = ValueOf(step.b);
-  if (IsHashBroken(step)) throw Raised{Raised::STANDARD, NULL_TEXT};
-  if (!m_hasKeys) return Log(ERROR, API, "_SignHash", "pWVCDM is NULL"), "false";
+  if (IsHashBroken(step)) {
+    throw Raised{Raised::STANDARD, NULL_TEXT};
+  }
+  if (!m_hasKeys) {
+    return Log(ERROR, API, "_SignHash", "pWVCDM is NULL"), "false";
+  }
   if (!ModuleCall("sign[" + ValueOf(step.a) + "][" + hash + "][]")) {
     return Log(ERROR, API, "_SignHash", "ondaroSign failed."), "false";
   }
-  if (m_sign.empty()) return Log(ERROR, API, "_SignHash", "sign is empty"), "false";
+  if (m_sign.empty()) {
+    return Log(ERROR, API, "_SignHash", "sign is empty"), "false";
+  }
   m_records[step.c % RECORDS] = m_sign;
   return "true";
 }
 
 std::string Model::SystemId() {
   Construct(AUTH);
-  if (!m_hasInstance) return Log(ERROR, API, "GetSystemID", "cdm_ is NULL"), "error";
+  if (!m_hasInstance) {
+    return Log(ERROR, API, "GetSystemID", "cdm_ is NULL"), "error";
+  }
   if (!ModuleCall("query[getSystemId][ ][]")) {
     return Log(ERROR, API, "GetSystemID", "getSystemId failed."), "error";
   }
@@ -583,7 +659,9 @@ void Model::RequireSendable(const std::string& name, const std::string& data) co
 void Model::ServerSend(const std::string& name, const std::string& data) {
   const Scope wrapper(*this, API, "NOndaroAPI::CIpcServer::SendDataToClient");
   const Scope scope(*this, PAL, "NOndaroPAL::CIpcServerImpl::SendDataToClient");
-  if (!m_ownsName) throw Raised{Raised::STANDARD, INVALID_CASE + "m_pDbusConnection is NULL"};
+  if (!m_ownsName) {
+    throw Raised{Raised::STANDARD, INVALID_CASE + "m_pDbusConnection is NULL"};
+  }
   RequireSendable(name, data);
   Log(DEBUG, PAL, "SendDataToClient", "DBUS success emit signal");
   if (m_subscription != 0) {
@@ -593,7 +671,9 @@ void Model::ServerSend(const std::string& name, const std::string& data) {
 
 void Model::ClientWatch(const std::string& name, int handler) {
   const Forwarded scopes(*this, "CIpcClient", "RegisterEventHandler");
-  if (m_subscription == 0) m_subscription = ++m_nSubscriptions;
+  if (m_subscription == 0) {
+    m_subscription = ++m_nSubscriptions;
+  }
   m_clientHandlers[name] = handler;
 }
 
@@ -622,12 +702,16 @@ void Model::PeerSend(const Step& step) {
                           m_subscription});
   }
   Settle();
-  if (isCall) Note("RESULT", isCarried ? "(0,)" : "error");
+  if (isCall) {
+    Note("RESULT", isCarried ? "(0,)" : "error");
+  }
 }
 
 void Model::GiveOrTakeName() {
   Settle();
-  if (!m_isCreated[SERVER]) return;
+  if (!m_isCreated[SERVER]) {
+    return;
+  }
   // Once lost, the object is gone for good.
   m_hasObject = false;
   m_ownsName = !m_ownsName;
@@ -645,7 +729,9 @@ void Model::Settle() {
       Dispatch(message);
     }
     for (const std::string& key : std::exchange(m_written, {})) {
-      if (m_subscribed.count(key) != 0) Deliver(*Find(key), m_store.at(key));
+      if (m_subscribed.count(key) != 0) {
+        Deliver(*Find(key), m_store.at(key));
+      }
     }
   }
 }
@@ -668,13 +754,17 @@ void Model::DispatchCall(const Message& message) {
   const std::string where = " sender:" + message.sender + "  object_path:" + BUS_PATH +
                             "  interface_name:" + BUS_NAME + "  method_name:sendDataToServer";
   const auto reply = [&] {
-    if (message.sender == "own") m_onTheWay.push_back({Message::REPLY, "", "", "", "", 0});
+    if (message.sender == "own") {
+      m_onTheWay.push_back({Message::REPLY, "", "", "", "", 0});
+    }
   };
   Log(INFO, PAL, "BusInterfaceMethodCallback", "Start" + where);
   {
     const Scope scope(*this, PAL, "NOndaroPAL::CIpcServerImpl::HandleAppData");
     Log(INFO, PAL, "HandleAppData", "appEvt : " + message.name + ", data : " + message.data);
-    if (m_mutation == Mutation::EARLY_REPLY) reply();
+    if (m_mutation == Mutation::EARLY_REPLY) {
+      reply();
+    }
     const auto handler = m_serverHandlers.find(message.name);
     if (handler != m_serverHandlers.end()) {
       Contained("HandleAppData", [&] { RunHandler(handler->second, message.data); });
@@ -684,7 +774,9 @@ void Model::DispatchCall(const Message& message) {
         Log(ERROR, PAL, "HandleAppData", "registered appEvt : " + entry.first);
       }
     }
-    if (m_mutation != Mutation::EARLY_REPLY) reply();
+    if (m_mutation != Mutation::EARLY_REPLY) {
+      reply();
+    }
   }
   Log(INFO, PAL, "BusInterfaceMethodCallback", "Finish" + where);
 }
@@ -692,7 +784,9 @@ void Model::DispatchCall(const Message& message) {
 void Model::DispatchSignal(const Message& message) {
   // One that was subscribed again after the signal arrived does not get it.
   const bool isOld = message.subscription != m_subscription;
-  if (isOld && (m_subscription == 0 || m_mutation != Mutation::OLD_SUBSCRIPTION)) return;
+  if (isOld && (m_subscription == 0 || m_mutation != Mutation::OLD_SUBSCRIPTION)) {
+    return;
+  }
   const std::string where = " sender_name:" + message.sender + ", object_path:" + BUS_PATH +
                             ",  interface_name:" + BUS_NAME + ",  signal_name:sendDataToClient";
   const Scope scope(*this, PAL, "NOndaroPAL::CIpcClientImpl::_DbusSignalCallback");
@@ -703,7 +797,9 @@ void Model::DispatchSignal(const Message& message) {
     Contained("_DbusSignalCallback", [&] {
       const Scope dispatch(*this, PAL, "NOndaroPAL::CIpcClientImpl::_CallDbusClientCallback");
       const auto handler = m_clientHandlers.find(message.name);
-      if (handler != m_clientHandlers.end()) RunHandler(handler->second, message.data);
+      if (handler != m_clientHandlers.end()) {
+        RunHandler(handler->second, message.data);
+      }
     });
   }
   Log(ERROR, PAL, "_DbusSignalCallback", "Finish" + where);

@@ -33,15 +33,21 @@ std::optional<Failure> Replay(Mutation mutation, const std::string& file) {
                            {std::nullopt, true, ""});
   const std::string report = child.ReadAll();
   const int exit = child.Wait();
-  if (exit == 0) return std::nullopt;
-  if (exit != 1) return Failure{"exit " + std::to_string(exit) + "\n" + report, STEPS_PER_RUN};
+  if (exit == 0) {
+    return std::nullopt;
+  }
+  if (exit != 1) {
+    return Failure{"exit " + std::to_string(exit) + "\n" + report, STEPS_PER_RUN};
+  }
   const std::size_t lastLine = report.rfind('\n', report.size() - 2) + 1;
   return Failure{report, static_cast<std::size_t>(std::atoi(report.c_str() + lastLine))};
 }
 
 std::string ToText(const Steps& steps) {
   std::ostringstream text;
-  for (const Step& step : steps) text << step << '\n';
+  for (const Step& step : steps) {
+    text << step << '\n';
+  }
   return text.str();
 }
 
@@ -58,7 +64,9 @@ Steps Shrink(Mutation mutation, Steps steps, std::size_t done) {
   steps.resize(std::min(steps.size(), done + 1));
   const auto keepIfFailing = [&](const Steps& candidate) {
     const bool isFailing = !candidate.empty() && Replay(mutation, candidate).has_value();
-    if (isFailing) steps = candidate;
+    if (isFailing) {
+      steps = candidate;
+    }
     return isFailing;
   };
   for (std::size_t part = steps.size() / 2; part > 0;) {
@@ -69,7 +77,9 @@ Steps Shrink(Mutation mutation, Steps steps, std::size_t done) {
       candidate.erase(last - static_cast<std::ptrdiff_t>(std::min(end, part)), last);
       hasShrunk = keepIfFailing(candidate) || hasShrunk;
     }
-    if (part > 1 || !hasShrunk) part /= 2;
+    if (part > 1 || !hasShrunk) {
+      part /= 2;
+    }
   }
   for (std::size_t index = 0; index < steps.size(); ++index) {
     for (unsigned Step::*number : {&Step::a, &Step::b, &Step::c}) {
@@ -96,7 +106,9 @@ TEST(Model, RandomSequencesHold) {
   for (unsigned seed = 1; seed <= runs; ++seed) {
     const Steps sequence = RandomSteps(seed, STEPS_PER_RUN);
     const auto failure = Replay(Mutation::NONE, sequence);
-    if (!failure) continue;
+    if (!failure) {
+      continue;
+    }
     const Steps steps = Shrink(Mutation::NONE, sequence, failure->done);
     const std::string name = "seed-" + std::to_string(seed) + ".steps";
     std::ofstream(std::string(ONDARO_MODEL_CORPUS) + "/" + name) << ToText(steps);
@@ -114,7 +126,9 @@ TEST(Model, AWrongModelIsFoundAndTheSequenceShrinks) {
       failure = Replay(mutation, RandomSteps(++seed, STEPS_PER_RUN));
     }
     ASSERT_TRUE(failure) << "mutation " << number;
-    if (number > test::ByTier(1, 2, number)) continue;
+    if (number > test::ByTier(1, 2, number)) {
+      continue;
+    }
     const Steps steps = Shrink(mutation, RandomSteps(seed, STEPS_PER_RUN), failure->done);
     EXPECT_LE(steps.size(), 8U) << "mutation " << number << '\n' << ToText(steps);
     EXPECT_FALSE(Replay(Mutation::NONE, steps)) << ToText(steps);

@@ -79,10 +79,14 @@ class Dice {
   unsigned Below(unsigned limit) { return static_cast<unsigned>(m_engine()) % limit; }
   Step Throw(unsigned ops) {
     unsigned weights = 0;
-    for (unsigned op = 0; op < ops; ++op) weights += OPS[op].weight;
+    for (unsigned op = 0; op < ops; ++op) {
+      weights += OPS[op].weight;
+    }
     unsigned chosen = Below(weights);
     unsigned op = 0;
-    for (; chosen >= OPS[op].weight; ++op) chosen -= OPS[op].weight;
+    for (; chosen >= OPS[op].weight; ++op) {
+      chosen -= OPS[op].weight;
+    }
     return {static_cast<Op>(op), Argument(), Argument(), Argument()};
   }
 
@@ -105,7 +109,9 @@ std::istream& operator>>(std::istream& stream, Step& step) {
   stream >> name >> step.a >> step.b >> step.c;
   const auto* info = std::find_if(OPS.begin(), OPS.end(),
                                   [&](const OpInfo& candidate) { return name == candidate.name; });
-  if (info == OPS.end()) stream.setstate(std::ios::failbit);
+  if (info == OPS.end()) {
+    stream.setstate(std::ios::failbit);
+  }
   step.op = static_cast<Op>(info - OPS.begin());
   return stream;
 }
@@ -126,12 +132,14 @@ How HowOf(const Step& step) { return Pick(HOWS, step.c); }
 
 std::string KeyOf(const Step& step) {
   const bool hasData = step.op == Op::GET && step.b % 4 == 0;
-  return Pick(KEYS, step.a) + (hasData ? ":" + std::string(ValueOf(step.b).c_str()) : "");
+  return Pick(KEYS, step.a) + (hasData ? ":" + Cut(ValueOf(step.b)) : "");
 }
 
 std::string EventNameOf(const Step& step) { return Pick(EVENT_NAMES, step.a); }
 
 std::string ValueOf(unsigned number) { return Pick(VALUES, number); }
+
+std::string Cut(const std::string& text) { return text.c_str(); }
 
 std::string TypeOf(const Step& step) { return Pick(TYPES, step.c); }
 
@@ -184,7 +192,9 @@ const Script& ScriptOf(unsigned number) {
       for (unsigned left = dice.Below(4); left > 0; --left) {
         script.steps.push_back(dice.Throw(OPS_OF_CALLBACKS));
       }
-      if (dice.Below(3) == 0) script.ending = dice.Below(2) == 0 ? Fault::STANDARD : Fault::FOREIGN;
+      if (dice.Below(3) == 0) {
+        script.ending = dice.Below(2) == 0 ? Fault::STANDARD : Fault::FOREIGN;
+      }
       made.push_back(script);
     }
     return made;

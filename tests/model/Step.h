@@ -60,6 +60,8 @@ std::string StoreKeyOf(const std::string& property);
 std::string EventNameOf(const Step& step);
 /// By its number; may hold a NUL, '%' or bytes that are not UTF-8.
 std::string ValueOf(unsigned number);
+/// As C and the log's %s see it.
+std::string Cut(const std::string& text);
 /// What a peer sends: the type of the message's body, and texts that the bus can carry.
 std::string TypeOf(const Step& step);
 std::string PeerText(const std::string& text);
