@@ -20,6 +20,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::StartsWith;
 
 constexpr char GET_PROPERTY[] =
     "const char* OndaroApi_SystemConfig_GetProperty(OndaroApi_SystemConfig_h, const char*, "
@@ -95,106 +96,68 @@ TEST(Frame, AFailedConstructionLeavesTheFamilyNotYetCreated) {
   EXPECT_NE(OndaroFactory_GetSystemConfigHandle(), nullptr);
 }
 
-// Each call breaks one precondition: one error line that names it, between Entered and Left, and
-// the failure value.
-TEST(Frame, BrokenPreconditionsAreNamedAndGoNoFurther) {
+/// After a call that broke a precondition: one error line that names it, between Entered and Left.
+void ExpectRefused(const std::string& function, const std::string& parameter, bool hasFailed) {
+  SCOPED_TRACE(function + " " + parameter);
   FakePlatform& fake = FakePlatform::Get();
-  const OndaroApi_SystemConfig_h config = OndaroFactory_GetSystemConfigHandle();
-  const OndaroApi_CoreAuth_h auth = OndaroFactory_GetCoreAuthHandle();
+  EXPECT_TRUE(hasFailed);
+  const std::vector<SLogEntry> log = fake.TakeLog();
+  ASSERT_EQ(log.size(), 3U);
+  EXPECT_THAT(log[0].body, HasSubstr("Entered "));
+  EXPECT_THAT(log[1].Text(),
+              StartsWith("6 ONDARO_API " + function + ": " + parameter + " is null in ["));
+  EXPECT_THAT(log[2].body, HasSubstr("Left"));
+  EXPECT_THAT(fake.m_storeCalls, IsEmpty());
+}
+
+// In the order in which they are tested, the handle last. A call without a result has failed.
+TEST(Frame, BrokenPreconditionsAreNamedAndGoNoFurther) {
   OndaroApi_CoreAuthInfoRW_t record = {nullptr, 0};
   const OndaroApi_CoreAuthInfoRO_t bytes = {"x", 1};
   uint32_t length = 42;
   const auto ignored = [](const char*, void*) {};
 
-  const struct {
-    std::function<bool()> hasFailed;
-    const char* function;
-    const char* parameter;
-  } cases[] = {
-      {[&] { return OndaroApi_SystemConfig_GetProperty(config, nullptr, nullptr) == nullptr; },
-       "OndaroApi_SystemConfig_GetProperty", "key"},
-      {[&] { return OndaroApi_SystemConfig_GetProperty(nullptr, "SDR", nullptr) == nullptr; },
-       "OndaroApi_SystemConfig_GetProperty", "pLength"},
-      {[&] { return OndaroApi_SystemConfig_GetProperty(nullptr, "SDR", &length) == nullptr; },
-       "OndaroApi_SystemConfig_GetProperty", "handle"},
-      {[&] { return !OndaroApi_SystemConfig_SetProperty(nullptr, nullptr, nullptr); },
-       "OndaroApi_SystemConfig_SetProperty", "key"},
-      {[&] { return !OndaroApi_SystemConfig_SetProperty(nullptr, "ONDARO_STATUS", nullptr); },
-       "OndaroApi_SystemConfig_SetProperty", "val"},
-      {[&] { return !OndaroApi_SystemConfig_SetProperty(nullptr, "ONDARO_STATUS", "on"); },
-       "OndaroApi_SystemConfig_SetProperty", "handle"},
-      {[&] {
-         OndaroApi_SystemConfig_RegisterEventHandler(nullptr, nullptr, ignored, nullptr);
-         return true;
-       },
-       "OndaroApi_SystemConfig_RegisterEventHandler", "handle"},
-      {[&] {
-         OndaroApi_SystemConfig_UnregisterEventHandler(nullptr, nullptr);
-         return true;
-       },
-       "OndaroApi_SystemConfig_UnregisterEventHandler", "handle"},
-      {[&] {
-         OndaroApi_IpcClient_RegisterEventHandler(nullptr, "e", ignored, nullptr);
-         return true;
-       },
-       "OndaroApi_IpcClient_RegisterEventHandler", "handle"},
-      {[&] {
-         OndaroApi_IpcClient_UnregisterEventHandler(nullptr);
-         return true;
-       },
-       "OndaroApi_IpcClient_UnregisterEventHandler", "handle"},
-      {[&] { return OndaroApi_IpcClient_SendDataToServer(nullptr, nullptr, nullptr) == -1; },
-       "OndaroApi_IpcClient_SendDataToServer", "handle"},
-      {[&] {
-         OndaroApi_IpcServer_RegisterEventHandler(nullptr, "e", nullptr, nullptr);
-         return true;
-       },
-       "OndaroApi_IpcServer_RegisterEventHandler", "handle"},
-      {[&] {
-         OndaroApi_IpcServer_UnregisterEventHandler(nullptr);
-         return true;
-       },
-       "OndaroApi_IpcServer_UnregisterEventHandler", "handle"},
-      {[&] { return OndaroApi_IpcServer_SendDataToClient(nullptr, nullptr, nullptr) == -1; },
-       "OndaroApi_IpcServer_SendDataToClient", "handle"},
-      {[&] { return !OndaroApi_CoreAuth_GenerateDeviceKeyAndCert(nullptr, nullptr, nullptr); },
-       "OndaroApi_CoreAuth_GenerateDeviceKeyAndCert", "key"},
-      {[&] { return !OndaroApi_CoreAuth_GenerateDeviceKeyAndCert(auth, &record, nullptr); },
-       "OndaroApi_CoreAuth_GenerateDeviceKeyAndCert", "cert"},
-      {[&] { return !OndaroApi_CoreAuth_GenerateDeviceKeyAndCert(nullptr, &record, &record); },
-       "OndaroApi_CoreAuth_GenerateDeviceKeyAndCert", "handle"},
-      {[&] { return !OndaroApi_CoreAuth_SignHash(auth, nullptr, nullptr, nullptr); },
-       "OndaroApi_CoreAuth_SignHash", "key"},
-      {[&] { return !OndaroApi_CoreAuth_SignHash(auth, &bytes, nullptr, nullptr); },
-       "OndaroApi_CoreAuth_SignHash", "hash"},
-      {[&] { return !OndaroApi_CoreAuth_SignHash(auth, &bytes, &bytes, nullptr); },
-       "OndaroApi_CoreAuth_SignHash", "sign"},
-      {[&] { return !OndaroApi_CoreAuth_SignHash(nullptr, &bytes, &bytes, &record); },
-       "OndaroApi_CoreAuth_SignHash", "handle"},
-      {[&] { return !OndaroApi_CoreAuth_GetModelCertChain(nullptr, nullptr); },
-       "OndaroApi_CoreAuth_GetModelCertChain", "certChain"},
-      {[&] { return !OndaroApi_CoreAuth_GetModelCertChain(nullptr, &record); },
-       "OndaroApi_CoreAuth_GetModelCertChain", "handle"},
-      {[&] {
-         OndaroApi_CoreAuth_DestroyCoreAuthInfo(nullptr);
-         return true;
-       },
-       "OndaroApi_CoreAuth_DestroyCoreAuthInfo", "authInfo"},
-  };
-  for (const auto& oneCase : cases) {
-    SCOPED_TRACE(std::string(oneCase.function) + " " + oneCase.parameter);
-    fake.TakeLog();
-    fake.m_storeCalls.clear();
-    EXPECT_TRUE(oneCase.hasFailed());
-    const std::vector<SLogEntry> log = fake.TakeLog();
-    ASSERT_EQ(log.size(), 3U);
-    EXPECT_THAT(log[0].body, HasSubstr("Entered "));
-    EXPECT_EQ(log[1].priority, 6);
-    EXPECT_EQ(log[1].function, oneCase.function);
-    EXPECT_THAT(log[1].body, ::testing::StartsWith(std::string(oneCase.parameter) + " is null"));
-    EXPECT_THAT(log[2].body, HasSubstr("Left"));
-    EXPECT_THAT(fake.m_storeCalls, IsEmpty());
-  }
+  std::string name = "OndaroApi_SystemConfig_GetProperty";
+  ExpectRefused(name, "key", !OndaroApi_SystemConfig_GetProperty(nullptr, nullptr, nullptr));
+  ExpectRefused(name, "pLength", !OndaroApi_SystemConfig_GetProperty(nullptr, "SDR", nullptr));
+  ExpectRefused(name, "handle", !OndaroApi_SystemConfig_GetProperty(nullptr, "SDR", &length));
+  name = "OndaroApi_SystemConfig_SetProperty";
+  ExpectRefused(name, "key", !OndaroApi_SystemConfig_SetProperty(nullptr, nullptr, nullptr));
+  ExpectRefused(name, "val", !OndaroApi_SystemConfig_SetProperty(nullptr, "SDR", nullptr));
+  ExpectRefused(name, "handle", !OndaroApi_SystemConfig_SetProperty(nullptr, "SDR", "on"));
+  name = "OndaroApi_CoreAuth_GenerateDeviceKeyAndCert";
+  const auto generate = OndaroApi_CoreAuth_GenerateDeviceKeyAndCert;
+  ExpectRefused(name, "key", !generate(nullptr, nullptr, nullptr));
+  ExpectRefused(name, "cert", !generate(nullptr, &record, nullptr));
+  ExpectRefused(name, "handle", !generate(nullptr, &record, &record));
+  name = "OndaroApi_CoreAuth_SignHash";
+  const auto sign = OndaroApi_CoreAuth_SignHash;
+  ExpectRefused(name, "key", !sign(nullptr, nullptr, nullptr, nullptr));
+  ExpectRefused(name, "hash", !sign(nullptr, &bytes, nullptr, nullptr));
+  ExpectRefused(name, "sign", !sign(nullptr, &bytes, &bytes, nullptr));
+  ExpectRefused(name, "handle", !sign(nullptr, &bytes, &bytes, &record));
+  name = "OndaroApi_CoreAuth_GetModelCertChain";
+  ExpectRefused(name, "certChain", !OndaroApi_CoreAuth_GetModelCertChain(nullptr, nullptr));
+  ExpectRefused(name, "handle", !OndaroApi_CoreAuth_GetModelCertChain(nullptr, &record));
+  OndaroApi_CoreAuth_DestroyCoreAuthInfo(nullptr);
+  ExpectRefused("OndaroApi_CoreAuth_DestroyCoreAuthInfo", "authInfo", true);
+
+  OndaroApi_SystemConfig_RegisterEventHandler(nullptr, nullptr, ignored, nullptr);
+  ExpectRefused("OndaroApi_SystemConfig_RegisterEventHandler", "handle", true);
+  OndaroApi_SystemConfig_UnregisterEventHandler(nullptr, nullptr);
+  ExpectRefused("OndaroApi_SystemConfig_UnregisterEventHandler", "handle", true);
+  OndaroApi_IpcClient_RegisterEventHandler(nullptr, "e", ignored, nullptr);
+  ExpectRefused("OndaroApi_IpcClient_RegisterEventHandler", "handle", true);
+  OndaroApi_IpcClient_UnregisterEventHandler(nullptr);
+  ExpectRefused("OndaroApi_IpcClient_UnregisterEventHandler", "handle", true);
+  ExpectRefused("OndaroApi_IpcClient_SendDataToServer", "handle",
+                OndaroApi_IpcClient_SendDataToServer(nullptr, nullptr, nullptr) == -1);
+  OndaroApi_IpcServer_RegisterEventHandler(nullptr, "e", nullptr, nullptr);
+  ExpectRefused("OndaroApi_IpcServer_RegisterEventHandler", "handle", true);
+  OndaroApi_IpcServer_UnregisterEventHandler(nullptr);
+  ExpectRefused("OndaroApi_IpcServer_UnregisterEventHandler", "handle", true);
+  ExpectRefused("OndaroApi_IpcServer_SendDataToClient", "handle",
+                OndaroApi_IpcServer_SendDataToClient(nullptr, nullptr, nullptr) == -1);
   EXPECT_EQ(length, 42U);
 }
 
@@ -234,16 +197,10 @@ TEST(Frame, ExceptionsBecomeAnErrorLineAndTheFailureValue) {
     EXPECT_FALSE(OndaroApi_SystemConfig_SetProperty(config, "ONDARO_STATUS", "on"));
     EXPECT_EQ(fake.TakeLog()[2].body, oneCase.write);
   }
-}
-
-TEST(Frame, OtherExceptionsPassThroughAfterLeft) {
-  FakePlatform& fake = FakePlatform::Get();
-  const OndaroApi_SystemConfig_h config = OndaroFactory_GetSystemConfigHandle();
+  // Others pass through, behind "Left".
   fake.m_onStoreCall = [] { throw 7; };
-  fake.TakeLog();
-  uint32_t length = 42;
-  EXPECT_THROW(OndaroApi_SystemConfig_GetProperty(config, "ONDARO_STATUS", &length), int);
-  EXPECT_EQ(fake.TakeLogTexts().back(), Left(GET_PROPERTY));
+  EXPECT_THROW(OndaroApi_SystemConfig_SetProperty(config, "ONDARO_STATUS", "on"), int);
+  EXPECT_THAT(fake.TakeLog().back().body, HasSubstr("Left"));
 }
 
 TEST(Frame, NullStringsThatAreNotTestedAreRefusedByTheGuard) {

@@ -18,9 +18,11 @@ using ::testing::IsEmpty;
 void Ignore(platform_settings_node*, void*) {}
 
 struct SOperation {
+  const char* name;
   std::function<bool(const std::string& key)> call;
   const char* failure;
-  std::vector<std::string> success;
+  const char* priority;
+  const char* success;  // empty: nothing is said
 };
 
 class SettingsAccess : public ::testing::Test {
@@ -34,48 +36,42 @@ class SettingsAccess : public ::testing::Test {
 // Every operation by key: refused without a key, failing in the store, succeeding.
 TEST_F(SettingsAccess, OperationsByKeyLogTheirOwnMessages) {
   const SOperation operations[] = {
-      {[&](const auto& key) { return CPALUtils::SetregSetStr(key, "v%s"); },
-       "6 ONDARO_PAL SetregSetStr: Failed to set key k",
-       {"4 ONDARO_PAL SetregSetStr: Succeed to set key k as v%s"}},
-      {[&](const auto& key) { return CPALUtils::SetregGetStr(key, m_text); },
-       "6 ONDARO_PAL SetregGetStr: Failed to get key k",
-       {}},
-      {[&](const auto& key) { return CPALUtils::SetregSetInt(key, -7); },
-       "6 ONDARO_PAL SetregSetInt: Failed to set key k",
-       {"4 ONDARO_PAL SetregSetInt: Succeed to set key k as -7"}},
-      {[&](const auto& key) { return CPALUtils::SetregGetInt(key, m_number); },
-       "6 ONDARO_PAL SetregGetInt: Failed to get key k",
-       {"4 ONDARO_PAL SetregGetInt: Succeed to get key k"}},
-      {[&](const auto& key) { return CPALUtils::SetregSetBool(key, true); },
-       "6 ONDARO_PAL SetregSetBool: Failed to set key k",
-       {"4 ONDARO_PAL SetregSetBool: Succeed to set key k as 1"}},
-      {[&](const auto& key) { return CPALUtils::SetregGetBool(key, m_flag); },
-       "6 ONDARO_PAL SetregGetBool: Failed to get key k",
-       {"4 ONDARO_PAL SetregGetBool: Succeed to get key k"}},
-      {[&](const auto& key) { return CPALUtils::RegisterSetregChangedCb(key, Ignore, nullptr); },
-       "6 ONDARO_PAL RegisterSetregChangedCb: Failed to register for setreg key k nottification",
-       {"3 ONDARO_PAL RegisterSetregChangedCb: Succeed to register for notification for key k "}},
-      {[&](const auto& key) { return CPALUtils::DeregisterSetregChangedCb(key, Ignore); },
-       "6 ONDARO_PAL DeregisterSetregChangedCb: Failed to Un register for setreg key k "
-       "nottification",
-       {"3 ONDARO_PAL DeregisterSetregChangedCb: Succeed to Un register for notification for key k "
-        ""}},
+      {"SetregSetStr", [&](const auto& key) { return CPALUtils::SetregSetStr(key, "v%s"); },
+       "set key k", "4", "Succeed to set key k as v%s"},
+      {"SetregGetStr", [&](const auto& key) { return CPALUtils::SetregGetStr(key, m_text); },
+       "get key k", "", ""},
+      {"SetregSetInt", [&](const auto& key) { return CPALUtils::SetregSetInt(key, -7); },
+       "set key k", "4", "Succeed to set key k as -7"},
+      {"SetregGetInt", [&](const auto& key) { return CPALUtils::SetregGetInt(key, m_number); },
+       "get key k", "4", "Succeed to get key k"},
+      {"SetregSetBool", [&](const auto& key) { return CPALUtils::SetregSetBool(key, true); },
+       "set key k", "4", "Succeed to set key k as 1"},
+      {"SetregGetBool", [&](const auto& key) { return CPALUtils::SetregGetBool(key, m_flag); },
+       "get key k", "4", "Succeed to get key k"},
+      {"RegisterSetregChangedCb",
+       [&](const auto& key) { return CPALUtils::RegisterSetregChangedCb(key, Ignore, nullptr); },
+       "register for setreg key k nottification", "3",
+       "Succeed to register for notification for key k "},
+      {"DeregisterSetregChangedCb",
+       [&](const auto& key) { return CPALUtils::DeregisterSetregChangedCb(key, Ignore); },
+       "Un register for setreg key k nottification", "3",
+       "Succeed to Un register for notification for key k "},
   };
   for (const SOperation& operation : operations) {
-    const std::string function =
-        std::string(operation.failure).substr(0, std::string(operation.failure).find(": "));
+    const std::string begin = std::string(" ONDARO_PAL ") + operation.name + ": ";
     m_fake.m_storeCalls.clear();
     EXPECT_FALSE(operation.call(""));
-    EXPECT_THAT(m_fake.TakeLogTexts(), ElementsAre(function + ": pKey is empty"));
+    EXPECT_THAT(m_fake.TakeLogTexts(), ElementsAre("6" + begin + "pKey is empty"));
     EXPECT_THAT(m_fake.m_storeCalls, IsEmpty());
 
     m_fake.m_areStoreCallsFailing = true;
     EXPECT_FALSE(operation.call("k"));
-    EXPECT_THAT(m_fake.TakeLogTexts(), ElementsAre(operation.failure));
+    EXPECT_THAT(m_fake.TakeLogTexts(), ElementsAre("6" + begin + "Failed to " + operation.failure));
     m_fake.m_areStoreCallsFailing = false;
 
     EXPECT_TRUE(operation.call("k"));
-    EXPECT_EQ(m_fake.TakeLogTexts(), operation.success);
+    const std::string line = operation.priority + begin + operation.success;
+    EXPECT_EQ(m_fake.TakeLogTexts(), std::vector<std::string>(*operation.success != 0, line));
   }
   EXPECT_EQ(m_text, "v%s");
   EXPECT_EQ(m_number, -7);
@@ -90,18 +86,13 @@ TEST_F(SettingsAccess, FailedReadsTouchOnlyTheIntegerTheStoreWrote) {
   EXPECT_EQ(m_text, "before");
   EXPECT_TRUE(m_flag);
   EXPECT_EQ(m_number, m_fake.m_nGarbageOnFailedRead);
-}
 
-TEST_F(SettingsAccess, ValuesAtTheEdge) {
-  m_fake.m_values["empty"] = std::string();
-  EXPECT_TRUE(CPALUtils::SetregGetStr("empty", m_text));
-  EXPECT_EQ(m_text, "");
-  m_flag = true;
   m_fake.m_values["two"] = 2;
   EXPECT_TRUE(CPALUtils::SetregGetBool("two", m_flag));
   EXPECT_FALSE(m_flag);
-  EXPECT_TRUE(CPALUtils::SetregSetBool("b", false));
-  EXPECT_EQ(m_fake.m_values["b"], SettingsValue(0));
+  m_fake.m_values["empty"] = std::string();
+  EXPECT_TRUE(CPALUtils::SetregGetStr("empty", m_text));
+  EXPECT_EQ(m_text, "");
 }
 
 TEST_F(SettingsAccess, NodeReaders) {
@@ -135,15 +126,6 @@ TEST_F(SettingsAccess, NodeReaders) {
   EXPECT_THAT(
       m_fake.TakeLogTexts(),
       ElementsAre("4 ONDARO_PAL GetSetregKeyFromKeynode: Succeed to get keynode name name"));
-}
-
-TEST_F(SettingsAccess, UserDataComesBackUnchanged) {
-  static const void* seen;
-  const int marker = 0;
-  EXPECT_TRUE(CPALUtils::RegisterSetregChangedCb(
-      "k", [](platform_settings_node*, void* userData) { seen = userData; }, &marker));
-  m_fake.Change("k", 1);
-  EXPECT_EQ(seen, &marker);
 }
 
 }  // namespace

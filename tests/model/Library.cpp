@@ -1,5 +1,6 @@
 #include "model/Library.h"
 
+#include <array>
 #include <stdexcept>
 #include <utility>
 
@@ -281,7 +282,14 @@ Library::Handler Library::HandlerOf(const Step& step) {
   if (script == NO_SCRIPT) {
     return nullptr;
   }
-  return [this, script](const std::string& data) { OnEvent(data.c_str(), &m_slots[script]); };
+  // More than a handler holds in itself, so that a sanitizer sees when it is used too late.
+  return [this, slot = m_slots[script], bytes = std::array<char, 100>()](const std::string& data) {
+    Slot copy = slot;
+    OnEvent(data.c_str(), &copy);
+    if (slot.script != copy.script || bytes.back() != '\0') {
+      Note("EVENT", "by a handler that is gone");
+    }
+  };
 }
 
 void Library::OnEvent(const char* data, void* slotOfScript) {
@@ -292,8 +300,12 @@ void Library::OnEvent(const char* data, void* slotOfScript) {
     return;
   }
   const Script& script = ScriptOf(slot.script);
+  const std::string before = data;
   for (const Step& step : script.steps) {
     self.Do(step);
+  }
+  if (data != before) {
+    self.Note("EVENT", "with data that is gone");
   }
   RaiseIf(script.ending, "script");
 }

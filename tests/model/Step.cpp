@@ -43,7 +43,7 @@ const std::string KEYS[] = {"ONDARO_STATUS",
                             "SYSTEM_ID",
                             "TARGET_REPOSITORY",
                             "SDR",
-                            "unknown",
+                            "ONDARO_STATUS:a",
                             ""};
 const std::string EVENT_NAMES[] = {"a", "b", "B", "", "%s%n", "\xC3\xA4", "\xFF"};
 const std::string VALUES[] = {"x",
