@@ -1,18 +1,20 @@
-// Random sequences against the model, each in a process of its own; one that fails, also by
-// crashing, shrinks itself and is kept.
+// Random sequences, done to the library and to the model side by side, each in a process of its
+// own; one that fails, also by crashing, shrinks itself and is kept.
 
+#include <glib.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
+#include <iterator>
 #include <optional>
 #include <sstream>
 
 #include "Tier.h"
 #include "bus/ChildProcess.h"
-#include "model/Model.h"
 #include "model/Step.h"
 
 namespace ondaro::model {
@@ -23,13 +25,50 @@ using Steps = std::vector<Step>;
 
 constexpr unsigned STEPS_PER_RUN = 1000;
 
+// ---- In a process of its own --------------------------------------------------------------------
+
+void Print(const char* title, const Lines& lines, std::size_t from) {
+  std::cout << title << '\n';
+  for (std::size_t index = from; index < std::min(lines.size(), from + 3); ++index) {
+    std::cout << "    " << lines[index] << '\n';
+  }
+}
+
+/// The exit code: 0 without a difference; 1 with one, and the last line tells how many steps went
+/// well before it.
+int Compare(Mutation mutation, const char* fileName) {
+  g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_ERROR));
+  std::ifstream file(fileName);
+  const Steps steps(std::istream_iterator<Step>(file), {});
+  if (!file.eof() || steps.empty()) {
+    return 2;
+  }
+  const Performer library = MakeLibrary(), model = MakeModel(mutation);
+  for (std::size_t done = 0; done < steps.size(); ++done) {
+    const Lines expected = model(steps[done]), observed = library(steps[done]);
+    if (observed != expected) {
+      const auto difference =
+          std::mismatch(observed.begin(), observed.end(), expected.begin(), expected.end());
+      const auto same = static_cast<std::size_t>(difference.first - observed.begin());
+      std::cout << "Different at: " << steps[done] << ", after " << same << " lines alike\n";
+      Print("expected:", expected, same);
+      Print("observed:", observed, same);
+      std::cout << done << std::endl;
+      return 1;
+    }
+  }
+  return 0;
+}
+
+// ---- The test's process -------------------------------------------------------------------------
+
 struct Failure {
   std::string report;
   std::size_t done;  // steps that went well before it, if known
 };
 
 std::optional<Failure> Replay(Mutation mutation, const std::string& file) {
-  test::ChildProcess child({ONDARO_MODEL_RUN, std::to_string(static_cast<int>(mutation)), file},
+  test::ChildProcess child({"/proc/self/exe", "--compare", std::to_string(int(mutation)), file},
                            {std::nullopt, true, ""});
   const std::string report = child.ReadAll();
   const int exit = child.Wait();
@@ -39,15 +78,12 @@ std::optional<Failure> Replay(Mutation mutation, const std::string& file) {
   if (exit != 1) {
     return Failure{"exit " + std::to_string(exit) + "\n" + report, STEPS_PER_RUN};
   }
-  const std::size_t lastLine = report.rfind('\n', report.size() - 2) + 1;
-  return Failure{report, static_cast<std::size_t>(std::atoi(report.c_str() + lastLine))};
+  return Failure{report, std::stoul(report.substr(report.rfind('\n', report.size() - 2) + 1))};
 }
 
 std::string ToText(const Steps& steps) {
   std::ostringstream text;
-  for (const Step& step : steps) {
-    text << step << '\n';
-  }
+  std::copy(steps.begin(), steps.end(), std::ostream_iterator<Step>(text, "\n"));
   return text.str();
 }
 
@@ -112,7 +148,7 @@ TEST(Model, RandomSequencesHold) {
     const Steps steps = Shrink(Mutation::NONE, sequence, failure->done);
     const std::string name = "seed-" + std::to_string(seed) + ".steps";
     std::ofstream(std::string(ONDARO_MODEL_CORPUS) + "/" + name) << ToText(steps);
-    ADD_FAILURE() << failure->report << "kept in the corpus as " << name << ":\n" << ToText(steps);
+    FAIL() << failure->report << "kept in the corpus as " << name << ":\n" << ToText(steps);
   }
 }
 
@@ -138,3 +174,12 @@ TEST(Model, AWrongModelIsFoundAndTheSequenceShrinks) {
 }  // namespace
 
 }  // namespace ondaro::model
+
+int main(int argc, char** argv) {
+  if (argc == 4 && std::string(argv[1]) == "--compare") {
+    return ondaro::model::Compare(static_cast<ondaro::model::Mutation>(std::atoi(argv[2])),
+                                  argv[3]);
+  }
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}

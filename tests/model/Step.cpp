@@ -62,7 +62,7 @@ const std::string VALUES[] = {"x",
                               std::string(300, 'l')};
 constexpr int NUMBERS[] = {0, 1, 2, 3, 7, -1};
 // The first is the contract's.
-const std::string TYPES[] = {"(ss)", "(ss)", "(s)", "()", "(si)", "(sss)", "(is)", "(vs)"};
+const char* const TYPES[] = {"(ss)", "(ss)", "(s)", "()", "(si)", "(sss)", "(is)", "(ay)"};
 constexpr How HOWS[] = {How::EXPORTED,    How::EXPORTED,   How::EXPORTED, How::EXPORTED,
                         How::WRAPPER,     How::WRAPPER,    How::WRAPPER,  How::NULL_FIRST,
                         How::NULL_SECOND, How::NULL_HANDLE};
@@ -141,7 +141,7 @@ std::string ValueOf(unsigned number) { return Pick(VALUES, number); }
 
 std::string Cut(const std::string& text) { return text.c_str(); }
 
-std::string TypeOf(const Step& step) { return Pick(TYPES, step.c); }
+const char* TypeOf(const Step& step) { return Pick(TYPES, step.c); }
 
 const int* NumberOf(const Step& step) { return step.c % 2 == 0 ? &Pick(NUMBERS, step.b) : nullptr; }
 

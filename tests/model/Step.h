@@ -1,6 +1,7 @@
 #ifndef ONDARO_TESTS_MODEL_STEP_H
 #define ONDARO_TESTS_MODEL_STEP_H
 
+#include <functional>
 #include <iosfwd>
 #include <random>
 #include <string>
@@ -63,7 +64,7 @@ std::string ValueOf(unsigned number);
 /// As C and the log's %s see it.
 std::string Cut(const std::string& text);
 /// What a peer sends: the type of the message's body, and texts that the bus can carry.
-std::string TypeOf(const Step& step);
+const char* TypeOf(const Step& step);
 std::string PeerText(const std::string& text);
 /// What a key can be changed to: a number, or nothing for a text.
 const int* NumberOf(const Step& step);
@@ -89,10 +90,15 @@ const Script& ScriptOf(unsigned number);
 /// How many scripts may run within one step: callbacks may cause each other without end.
 constexpr int SCRIPTS_PER_STEP = 6;
 
-/// A line of what was observed that is not in the log.
-inline std::string Observation(const std::string& kind, const std::string& what) {
-  return "0 " + kind + " : " + what;
-}
+/// What is observed of a step, in order: log lines, events, calls to the platform, results.
+using Lines = std::vector<std::string>;
+using Performer = std::function<Lines(const Step&)>;
+
+/// Wrong on purpose, to show that a difference is found.
+enum class Mutation { NONE, UNFILTERED, USAGE_WORD, EARLY_REPLY, OLD_SUBSCRIPTION, COUNT };
+
+Performer MakeModel(Mutation mutation);
+Performer MakeLibrary();
 
 }  // namespace ondaro::model
 
