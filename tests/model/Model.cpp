@@ -1,5 +1,3 @@
-
-#include <glib.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,61 +16,23 @@ namespace ondaro::model {
 
 namespace {
 
-constexpr int DEBUG = 3;
-constexpr int INFO = 4;
-constexpr int ERROR = 6;
-constexpr const char* API = "ONDARO_API";
-constexpr const char* PAL = "ONDARO_PAL";
-
-const std::string BUS_NAME = "com.halvex.tv.ondaro";
-const std::string BUS_PATH = "/com/halvex/tv/ondaro";
+constexpr int DEBUG = 3, INFO = 4, ERROR = 6;
+constexpr const char *API = "ONDARO_API", *PAL = "ONDARO_PAL";
+const std::string BUS_NAME = "com.halvex.tv.ondaro", BUS_PATH = "/com/halvex/tv/ondaro";
 const std::string NULL_TEXT = "basic_string: construction from null is not valid";
 const std::string INVALID_CASE = "PAL Exception: InvalidCase: ";
 const std::map<std::string, int> USAGE = {{"false", 0}, {"default", 1}, {"true", 2}, {"set", 3}};
+const std::string FAMILIES[] = {"SystemConfig", "CoreAuth", "IpcClient", "IpcServer"};
 
-const char* const FAMILIES[] = {"SystemConfig", "CoreAuth", "IpcClient", "IpcServer"};
-
-constexpr int DOES_NOTHING = 0;
-constexpr int EMPTY_FUNCTION = -1;
+// Handlers are scripts by their number, or one of these.
+constexpr int DOES_NOTHING = 0, EMPTY_FUNCTION = -1;
 
 int HandlerOf(const Step& step) {
-  const unsigned script = ScriptNumberOf(step);
-  if (script != NO_SCRIPT) {
-    return static_cast<int>(script);
-  }
-  return HowOf(step) == How::WRAPPER ? EMPTY_FUNCTION : DOES_NOTHING;
+  const auto script = static_cast<int>(ScriptNumberOf(step));
+  return script == int(NO_SCRIPT) && HowOf(step) == How::WRAPPER ? EMPTY_FUNCTION : script;
 }
 
-/// An exported function, what it returns when it fails, and the pointers it tests before others.
-struct Function {
-  Op op;
-  Family family;
-  std::string name;
-  const char* failure;
-  std::vector<const char*> required = {};
-};
-
-const Function& FunctionOf(Op op) {
-  static const std::string config = "OndaroApi_SystemConfig_", auth = "OndaroApi_CoreAuth_";
-  static const std::string client = "OndaroApi_IpcClient_", server = "OndaroApi_IpcServer_";
-  static const Function functions[] = {
-      {Op::GET, CONFIG, config + "GetProperty", "null", {"key", "pLength"}},
-      {Op::SET, CONFIG, config + "SetProperty", "false", {"key", "val"}},
-      {Op::WATCH, CONFIG, config + "RegisterEventHandler", ""},
-      {Op::UNWATCH, CONFIG, config + "UnregisterEventHandler", ""},
-      {Op::SERVER_WATCH, SERVER, server + "RegisterEventHandler", ""},
-      {Op::SERVER_UNWATCH, SERVER, server + "UnregisterEventHandler", ""},
-      {Op::SERVER_SEND, SERVER, server + "SendDataToClient", "-1"},
-      {Op::CLIENT_WATCH, CLIENT, client + "RegisterEventHandler", ""},
-      {Op::CLIENT_UNWATCH, CLIENT, client + "UnregisterEventHandler", ""},
-      {Op::CLIENT_SEND, CLIENT, client + "SendDataToServer", "-1"},
-      {Op::GENERATE, AUTH, auth + "GenerateDeviceKeyAndCert", "false", {"key", "cert"}},
-      {Op::SIGN, AUTH, auth + "SignHash", "false", {"key", "hash"}},
-      {Op::CHAIN, AUTH, auth + "GetModelCertChain", "false", {"certChain"}},
-      {Op::DESTROY, AUTH, auth + "DestroyCoreAuthInfo", "", {"authInfo"}}};
-  return *std::find_if(std::begin(functions), std::end(functions),
-                       [op](const Function& function) { return function.op == op; });
-}
+using Value = std::variant<std::string, int>;
 
 std::string FlagText(int number) { return number == 1 ? "true" : "false"; }
 
@@ -80,6 +40,66 @@ std::string UsageText(int number) {
   const auto word = std::find_if(USAGE.begin(), USAGE.end(),
                                  [&](const auto& entry) { return entry.second == number; });
   return word != USAGE.end() ? word->first : "";
+}
+
+/// A property that the settings store holds.
+struct Property {
+  std::string name;
+  std::string (*toText)(int);  // null for a text
+  std::string callback;        // entered on changes; empty without
+  bool isFiltered;
+  std::string key = StoreKeyOf(name);
+};
+
+const Property* Find(const std::string& nameOrKey) {
+  static const Property properties[] = {
+      {"ONDARO_INIT", FlagText, "", false},
+      {"ONDARO_SUPPORT", FlagText, "OndaroSupport", false},
+      {"ONDARO_ENROLLMENT", nullptr, "OndaroEnrollment", true},
+      {"ONDARO_STATUS", nullptr, "OndaroStatus", true},
+      {"ONDARO_TOS_STATUS", nullptr, "OndaroToSStatus", false},
+      {"ONDARO_CLEAR_DATA", FlagText, "OndaroClearData", false},
+      {"ONDARO_ENABLE_USAGE_RPT", UsageText, "OndaroEnableUsageRpt", false},
+      {"WIDEVINE_ONDARO_VERSION", nullptr, "OndaroWidevineOndaroVersion", true},
+      {"WIDEVINE_ONDARO_SUPPORT", nullptr, "OndaroWidevineOndaroSupport", true}};
+  const auto* found =
+      std::find_if(std::begin(properties), std::end(properties), [&](const Property& property) {
+        return nameOrKey == property.name || nameOrKey == property.key;
+      });
+  return found != std::end(properties) ? found : nullptr;
+}
+
+/// An exported function, what it returns when it fails, the pointers that it tests before others,
+/// and those that it makes a string of.
+struct Function {
+  Op op;
+  Family family;
+  std::string name;
+  std::string failure;
+  std::vector<std::string> required;
+  unsigned strings = 0;
+
+  std::string FullName() const { return "OndaroApi_" + FAMILIES[family] + "_" + name; }
+};
+
+const Function& FunctionOf(Op op) {
+  static const Function functions[] = {
+      {Op::GET, CONFIG, "GetProperty", "null", {"key", "pLength"}},
+      {Op::SET, CONFIG, "SetProperty", "false", {"key", "val"}},
+      {Op::WATCH, CONFIG, "RegisterEventHandler", "", {}, 1},
+      {Op::UNWATCH, CONFIG, "UnregisterEventHandler", "", {}, 1},
+      {Op::SERVER_WATCH, SERVER, "RegisterEventHandler", "", {}, 1},
+      {Op::SERVER_UNWATCH, SERVER, "UnregisterEventHandler", "", {}},
+      {Op::SERVER_SEND, SERVER, "SendDataToClient", "-1", {}, 2},
+      {Op::CLIENT_WATCH, CLIENT, "RegisterEventHandler", "", {}, 1},
+      {Op::CLIENT_UNWATCH, CLIENT, "UnregisterEventHandler", "", {}},
+      {Op::CLIENT_SEND, CLIENT, "SendDataToServer", "-1", {}, 2},
+      {Op::GENERATE, AUTH, "GenerateDeviceKeyAndCert", "false", {"key", "cert"}},
+      {Op::SIGN, AUTH, "SignHash", "false", {"key", "hash"}},
+      {Op::CHAIN, AUTH, "GetModelCertChain", "false", {"certChain"}},
+      {Op::DESTROY, AUTH, "DestroyCoreAuthInfo", "", {"authInfo"}}};
+  return *std::find_if(std::begin(functions), std::end(functions),
+                       [op](const Function& function) { return function.op == op; });
 }
 
 /// What the library is to do: its results, its events and its log, one after the other. Shares no
@@ -100,51 +120,20 @@ class Model {
     std::string text;
     std::string detail = {};
   };
+
   struct Message {
     enum Kind { CALL, SIGNAL, REPLY, FAILURE } kind;
     std::string sender, name, data, type;
     int subscription;
   };
-  using Value = std::variant<std::string, int>;
-  using Handlers = std::map<std::string, int>;  // a script or one of the constants in the source
-
-  /// A property that the settings store holds.
-  struct Property {
-    std::string name;
-    std::string (*toText)(int);  // null for a text
-    std::string callback;        // entered on changes; empty without
-    bool isFiltered;
-    std::string key = StoreKeyOf(name);
-  };
-
-  static const Property* Find(const std::string& nameOrKey) {
-    static const Property properties[] = {
-        {"ONDARO_INIT", FlagText, "", false},
-        {"ONDARO_SUPPORT", FlagText, "OndaroSupport", false},
-        {"ONDARO_ENROLLMENT", nullptr, "OndaroEnrollment", true},
-        {"ONDARO_STATUS", nullptr, "OndaroStatus", true},
-        {"ONDARO_TOS_STATUS", nullptr, "OndaroToSStatus", false},
-        {"ONDARO_CLEAR_DATA", FlagText, "OndaroClearData", false},
-        {"ONDARO_ENABLE_USAGE_RPT", UsageText, "OndaroEnableUsageRpt", false},
-        {"WIDEVINE_ONDARO_VERSION", nullptr, "OndaroWidevineOndaroVersion", true},
-        {"WIDEVINE_ONDARO_SUPPORT", nullptr, "OndaroWidevineOndaroSupport", true}};
-    for (const Property& property : properties) {
-      if (nameOrKey == property.name || nameOrKey == property.key) {
-        return &property;
-      }
-    }
-    return nullptr;
-  }
 
   /// A traced function: "Entered" now and "Left" on every way out.
   class Scope {
    public:
-    Scope(Model& model, const char* tag, const std::string& signature, int priority = INFO)
-        : m_model(model), m_tag(tag), m_nPriority(priority), m_signature("[" + signature + "]") {
+    Scope(Model& model, const char* tag, const std::string& name, int priority = INFO)
+        : m_model(model), m_tag(tag), m_nPriority(priority), m_signature("[" + name + "]") {
       m_tracer = tag == API ? "ONDARO_API_CALL_TRACER" : "ONDAROCALLTRACE";
-      if (priority == ERROR) {
-        m_tracer += "_ERROR";
-      }
+      m_tracer += priority == ERROR ? "_ERROR" : "";
       m_model.Log(m_nPriority, m_tag, m_tracer, m_signature + "Entered ");
     }
     ~Scope() { m_model.Log(m_nPriority, m_tag, "~" + m_tracer, m_signature + "Left"); }
@@ -160,23 +149,26 @@ class Model {
 
   /// A wrapper's function and the one of the same name that it forwards to.
   struct Forwarded {
-    Forwarded(Model& model, const std::string& type, const std::string& function,
-              int priority = INFO)
-        : wrapper(model, API, "NOndaroAPI::" + type + "::" + function),
-          implementation(model, PAL, "NOndaroPAL::" + type + "Impl::" + function, priority) {}
+    Forwarded(Model& model, const std::string& type, const std::string& name, int priority = INFO)
+        : wrapper(model, API, "NOndaroAPI::" + type + "::" + name),
+          implementation(model, PAL, "NOndaroPAL::" + type + "Impl::" + name, priority) {}
     Scope wrapper, implementation;
   };
 
-  void Log(int priority, const char* tag, const std::string& function, const std::string& body) {
+  void Log(int priority, const std::string& tag, const std::string& function,
+           const std::string& body) {
     m_lines.push_back(std::to_string(priority) + " " + tag + " " + function + ": " + body);
   }
-
-  void Note(const std::string& kind, const std::string& what) {
-    m_lines.push_back("0 " + kind + " : " + what);
+  void Note(const std::string& kind, const std::string& what) { Log(0, kind, "", what); }
+  void Error(const std::string& function, const std::string& body) {
+    Log(ERROR, PAL, function, body);
+  }
+  /// What a function of the authentication fails with.
+  const char* Refuse(const char* function, const std::string& body) {
+    return Log(ERROR, API, function, body), "false";
   }
 
-  // ---- Steps and the frame of the exported functions
-  // ----------------------------------------------
+  // ---- Steps and the frame of the exported functions --------------------------------------------
 
   void Do(const Step& step) {
     switch (step.op) {
@@ -216,46 +208,50 @@ class Model {
     if (how == How::WRAPPER && hasHandle && step.op < Op::SETTLE) {
       return Body(step, ValueOf(step.b));
     }
-    const bool isNull[] = {how == How::NULL_FIRST, how == How::NULL_SECOND};
-    const Scope scope(*this, API, function.name);
+    const std::string name = function.FullName();
+    const Scope scope(*this, API, name);
     try {
-      for (std::size_t index = 0; index < function.required.size(); ++index) {
-        if (isNull[index]) {
-          throw Raised{Raised::BROKEN, function.required[index]};
-        }
-      }
-      if (step.op == Op::CLIENT_WATCH && ScriptNumberOf(step) == NO_SCRIPT) {
-        throw Raised{Raised::API, "apicallback is null", "(api/callback is null)"};
-      }
-      if (step.op == Op::DESTROY) {
-        return m_records[step.a % RECORDS].reset(), "";
-      }
-      for (const unsigned offset : {0U, 1U}) {
-        if (step.op == Op::GENERATE && m_records[(step.a + offset) % RECORDS]) {
-          Log(ERROR, API, "_GenerateDeviceKeyAndCert",
-              std::string("return by [") + function.required[offset] + " is not empty]");
-          return "false";
-        }
-      }
-      if (!hasHandle) {
-        throw Raised{Raised::BROKEN, "handle"};
-      }
-      const bool isSend = step.op == Op::SERVER_SEND || step.op == Op::CLIENT_SEND;
-      const bool takesText = isSend || step.op == Op::WATCH || step.op == Op::UNWATCH ||
-                             step.op == Op::SERVER_WATCH || step.op == Op::CLIENT_WATCH;
-      if ((takesText && isNull[0]) || (isSend && isNull[1])) {
-        throw Raised{Raised::STANDARD, NULL_TEXT};
-      }
-      return Body(step, Cut(ValueOf(step.b)));
+      Check(step, function, hasHandle);
+      return step.op == Op::DESTROY ? Destroy(step) : Body(step, Cut(ValueOf(step.b)));
     } catch (const Raised& raised) {
       if (raised.kind == Raised::FOREIGN) {
         throw;
       }
-      Log(ERROR, API, function.name,
-          raised.kind == Raised::BROKEN
-              ? raised.text + " is null in [" + function.name + "]"
-              : "exception : " + raised.text + (step.op == Op::SET ? "" : raised.detail));
+      if (raised.kind == Raised::BROKEN) {
+        Log(ERROR, API, name, raised.text + " is null in [" + name + "]");
+      } else if (raised.kind != Raised::API || !raised.text.empty()) {
+        const std::string detail = step.op == Op::SET ? "" : raised.detail;
+        Log(ERROR, API, name, "exception : " + raised.text + detail);
+      }
       return function.failure;
+    }
+  }
+
+  /// What an exported function refuses, in this order.
+  void Check(const Step& step, const Function& function, bool hasHandle) {
+    const bool isNull[] = {HowOf(step) == How::NULL_FIRST, HowOf(step) == How::NULL_SECOND};
+    for (unsigned index = 0; index < function.required.size(); ++index) {
+      if (isNull[index]) {
+        throw Raised{Raised::BROKEN, function.required[index]};
+      }
+    }
+    if (step.op == Op::CLIENT_WATCH && ScriptNumberOf(step) == NO_SCRIPT) {
+      throw Raised{Raised::API, "apicallback is null", "(api/callback is null)"};
+    }
+    for (const unsigned offset : {0U, 1U}) {
+      if (step.op == Op::GENERATE && m_records[(step.a + offset) % RECORDS]) {
+        Refuse("_GenerateDeviceKeyAndCert",
+               "return by [" + function.required[offset] + " is not empty]");
+        throw Raised{Raised::API, ""};  // already told
+      }
+    }
+    if (!hasHandle && step.op != Op::DESTROY) {
+      throw Raised{Raised::BROKEN, "handle"};
+    }
+    for (unsigned index = 0; index < function.strings; ++index) {
+      if (isNull[index]) {
+        throw Raised{Raised::STANDARD, NULL_TEXT};
+      }
     }
   }
 
@@ -283,10 +279,18 @@ class Model {
       }
       case Op::SERVER_SEND:
         return ServerSend(name, value), "0";
-      case Op::CLIENT_WATCH:
-        return ClientWatch(name, HandlerOf(step)), "";
-      case Op::CLIENT_UNWATCH:
-        return ClientUnwatch(), "";
+      case Op::CLIENT_WATCH: {
+        const Forwarded scopes(*this, "CIpcClient", "RegisterEventHandler");
+        m_subscription = m_subscription != 0 ? m_subscription : ++m_nSubscriptions;
+        m_clientHandlers[name] = HandlerOf(step);
+        return "";
+      }
+      case Op::CLIENT_UNWATCH: {
+        const Scope scope(*this, API, "NOndaroAPI::CIpcClient::UnregisterEventHandler");
+        m_subscription = 0;
+        m_clientHandlers.clear();
+        return "";
+      }
       case Op::CLIENT_SEND:
         return ClientSend(name, value), "0";
       case Op::GENERATE:
@@ -302,15 +306,15 @@ class Model {
     if (m_isCreated[family]) {
       return;
     }
-    const std::string name = FAMILIES[family];
-    const std::string implementation = "NOndaroPAL::C" + name + "Impl";
+    const std::string type = "C" + FAMILIES[family];
+    const std::string implementation = "NOndaroPAL::" + type + "Impl::";
     {
-      const Scope scope(*this, PAL, implementation + "::C" + name + "Impl");
+      const Scope scope(*this, PAL, implementation + type + "Impl");
       if (family == CONFIG) {
         Log(INFO, PAL, "CSystemConfigImpl", "Chip: NONE");
         Log(INFO, PAL, "_PrintPropertyMap", "SDR: 1");
         for (const std::string map : {"GetFunctionMap", "SetFunctionMap", "CbManagerMap"}) {
-          const Scope init(*this, PAL, implementation + "::_Init" + map);
+          const Scope init(*this, PAL, implementation + "_Init" + map);
         }
       } else if (family == AUTH) {
         OpenModule();
@@ -318,29 +322,29 @@ class Model {
         Log(DEBUG, PAL, "CIpcServerImpl", "g_bus_own_name return: 1");
       }
     }
-    const Scope scope(*this, API, "NOndaroAPI::C" + name + "::C" + name);
+    const Scope scope(*this, API, "NOndaroAPI::" + type + "::" + type);
     m_isCreated[family] = true;
   }
 
   std::string Create(Family family) {
+    const bool isNewServer = family == SERVER && !m_isCreated[SERVER];
     if (family == SERVER) {
       // A client that came later would wait for the server on the server's own thread.
       Construct(CLIENT);
       m_hasHandle[CLIENT] = true;
       Settle();
     }
-    const bool isNew = !m_isCreated[family];
     try {
       Construct(family);
     } catch (const Raised& raised) {
       if (raised.kind == Raised::FOREIGN) {
         throw;
       }
-      Log(ERROR, API, std::string("OndaroFactory_Get") + FAMILIES[family] + "Handle",
+      Log(ERROR, API, "OndaroFactory_Get" + FAMILIES[family] + "Handle",
           "exception : " + raised.text + raised.detail);
       return "null";
     }
-    if (family == SERVER && isNew) {
+    if (isNewServer) {
       const std::string connection = "pDbusConnection:0x,  name:" + BUS_NAME;
       const std::string node = "pThis->m_pBusNodeInfo";
       Log(DEBUG, PAL, "BusAcquiredCallback", connection);
@@ -367,6 +371,21 @@ class Model {
     }
   }
 
+  /// The handler of that name, if any; what it throws does not pass back into C.
+  bool CallHandler(const std::map<std::string, int>& handlers, const std::string& name,
+                   const std::string& data, const std::string& function) {
+    const auto entry = handlers.find(name);
+    if (entry == handlers.end()) {
+      return false;
+    }
+    try {
+      RunHandler(entry->second, data);
+    } catch (const Raised& raised) {
+      Error(function, "exception : " + raised.text);
+    }
+    return true;
+  }
+
   void RunHandler(int handler, const std::string& data) {
     if (handler == EMPTY_FUNCTION) {
       throw Raised{Raised::STANDARD, "bad_function_call"};
@@ -385,21 +404,10 @@ class Model {
     RaiseIf(script.ending, "script");
   }
 
-  /// A callback from C: nothing passes back.
-  template <typename TBody>
-  void Contained(const std::string& function, const TBody& body) {
-    try {
-      body();
-    } catch (const Raised& raised) {
-      Log(ERROR, PAL, function, "exception : " + raised.text);
-    }
-  }
-
-  // ---- Properties
-  // ---------------------------------------------------------------------------------
+  // ---- Properties -------------------------------------------------------------------------------
 
   std::string Get(const std::string& mixedKey) {
-    Log(ERROR, PAL, "_GetProperty", "key : " + mixedKey);
+    Error("_GetProperty", "key : " + mixedKey);
     if (mixedKey == "SDR") {
       return "1";
     }
@@ -412,32 +420,34 @@ class Model {
     logPart("_ExtractKeyFromMixedKey", "key : " + name);
     const Property* property = Find(name);
     if (property == nullptr && name != "SYSTEM_ID" && name != "TARGET_REPOSITORY") {
-      Log(ERROR, PAL, "_GetProperty", "property[" + mixedKey + "] is undefined");
-      return "";
+      return Error("_GetProperty", "property[" + mixedKey + "] is undefined"), "";
     }
     logPart("_ExtractDataFromMixedKey", hasData ? "data : " + mixedKey.substr(colon + 1) : "");
-    if (name == "TARGET_REPOSITORY") {
-      return "emulator";
-    }
-    if (name == "SYSTEM_ID") {
-      return SystemId();
+    if (property == nullptr) {
+      return name == "SYSTEM_ID" ? SystemId() : "emulator";
     }
     if (property->toText == nullptr) {
-      return ReadText(property->key).value_or("error");
+      const auto text = Read<std::string>(property->key, "get_string ", "SetregGetStr");
+      return text.value_or("error");
     }
-    const std::optional<int> number = ReadNumber(property->key);
+    const auto number = Read<int>(property->key, "get_int ", "SetregGetInt");
     return number ? property->toText(*number) : "error";
   }
 
   bool Set(const std::string& key, const std::string& value) {
-    Log(ERROR, PAL, "_SetProperty", "key : " + key);
-    if (key == "ONDARO_SET_PROCESS_GRP") {
-      return SetProcessGroup(value);
-    }
+    Error("_SetProperty", "key : " + key);
     const Property* property = Find(key);
+    if (key == "ONDARO_SET_PROCESS_GRP") {
+      Log(INFO, API, "SetProcessGroup",
+          "pid of caller process : " + std::to_string(getpid()) + ", pid of appid (" + Cut(value) +
+              ") : -1\n");
+      if (m_groupResult != 0) {
+        Refuse("SetProcessGroup", "set process group fail\n");
+      }
+      return m_groupResult == 0;
+    }
     if (property == nullptr) {
-      Log(ERROR, PAL, "_SetProperty", "property[" + key + "] is undefined");
-      return false;
+      return Error("_SetProperty", "property[" + key + "] is undefined"), false;
     }
     if (property->toText == FlagText) {
       return Write(property->key, value == "true" ? 1 : 0);
@@ -450,51 +460,39 @@ class Model {
     return Write(property->key, word != USAGE.end() ? word->second : unknown);
   }
 
-  bool SetProcessGroup(const std::string& appId) {
-    Log(INFO, API, "SetProcessGroup",
-        "pid of caller process : " + std::to_string(getpid()) + ", pid of appid (" + Cut(appId) +
-            ") : -1\n");
-    if (m_groupResult != 0) {
-      Log(ERROR, API, "SetProcessGroup", "set process group fail\n");
-    }
-    return m_groupResult == 0;
-  }
-
   void Watch(const std::string& key, int handler) {
-    Log(ERROR, PAL, "RegisterEventHandler", "key : " + key);
+    Error("RegisterEventHandler", "key : " + key);
     m_configHandlers[key] = handler;
     const Property* property = Find(key);
     if (property == nullptr || property->callback.empty()) {
       return;
     }
     if (property->isFiltered) {
-      if (const auto text = ReadText(property->key)) {
-        m_cache[property->key] = *text;
-      }
+      const auto text = Read<std::string>(property->key, "get_string ", "SetregGetStr");
+      m_cache[property->key] = text.value_or(m_cache[property->key]);
     }
-    if (!StoreCall("subscribe " + property->key)) {
-      Log(ERROR, PAL, "RegisterSetregChangedCb",
-          "Failed to register for setreg key " + property->key + " nottification");
-      return;
+    const bool isDone = StoreCall("subscribe " + property->key);
+    if (isDone) {
+      m_subscribed.insert(property->key);
     }
-    m_subscribed.insert(property->key);
-    Log(DEBUG, PAL, "RegisterSetregChangedCb",
-        "Succeed to register for notification for key " + property->key + " ");
+    LogSubscription("RegisterSetregChangedCb", "register", property->key, isDone);
   }
 
   void Unwatch(const std::string& key) {
     m_configHandlers[key] = DOES_NOTHING;
     const Property* property = Find(key);
-    if (property == nullptr || property->callback.empty()) {
-      return;
+    if (property != nullptr && !property->callback.empty()) {
+      const bool isDone =
+          StoreCall("unsubscribe " + property->key) && m_subscribed.erase(property->key) != 0;
+      LogSubscription("DeregisterSetregChangedCb", "Un register", property->key, isDone);
     }
-    if (!StoreCall("unsubscribe " + property->key) || m_subscribed.erase(property->key) == 0) {
-      Log(ERROR, PAL, "DeregisterSetregChangedCb",
-          "Failed to Un register for setreg key " + property->key + " nottification");
-      return;
-    }
-    Log(DEBUG, PAL, "DeregisterSetregChangedCb",
-        "Succeed to Un register for notification for key " + property->key + " ");
+  }
+
+  void LogSubscription(const char* function, const std::string& verb, const std::string& key,
+                       bool isDone) {
+    Log(isDone ? DEBUG : ERROR, PAL, function,
+        isDone ? "Succeed to " + verb + " for notification for key " + key + " "
+               : "Failed to " + verb + " for setreg key " + key + " nottification");
   }
 
   bool StoreCall(const std::string& call) {
@@ -503,41 +501,28 @@ class Model {
     return m_storeFault == Fault::NONE;
   }
 
-  std::optional<std::string> ReadText(const std::string& key) {
-    if (StoreCall("get_string " + key)) {
-      const auto entry = m_store.find(key);
-      if (entry != m_store.end() && std::holds_alternative<std::string>(entry->second)) {
-        return std::get<std::string>(entry->second);
-      }
+  template <typename T>
+  std::optional<T> Read(const std::string& key, const char* call, const char* function) {
+    const auto entry = StoreCall(call + key) ? m_store.find(key) : m_store.end();
+    if (entry == m_store.end() || !std::holds_alternative<T>(entry->second)) {
+      return Error(function, "Failed to get key " + key), std::nullopt;
     }
-    Log(ERROR, PAL, "SetregGetStr", "Failed to get key " + key);
-    return std::nullopt;
-  }
-
-  std::optional<int> ReadNumber(const std::string& key) {
-    if (StoreCall("get_int " + key)) {
-      const auto entry = m_store.find(key);
-      if (entry != m_store.end() && std::holds_alternative<int>(entry->second)) {
-        Log(INFO, PAL, "SetregGetInt", "Succeed to get key " + key);
-        return std::get<int>(entry->second);
-      }
+    if (std::is_same_v<T, int>) {
+      Log(INFO, PAL, function, "Succeed to get key " + key);
     }
-    Log(ERROR, PAL, "SetregGetInt", "Failed to get key " + key);
-    return std::nullopt;
+    return std::get<T>(entry->second);
   }
 
   bool Write(const std::string& key, const Value& value) {
     const int* number = std::get_if<int>(&value);
     const char* function = number != nullptr ? "SetregSetInt" : "SetregSetStr";
     if (!StoreCall((number != nullptr ? "set_int " : "set_string ") + key)) {
-      Log(ERROR, PAL, function, "Failed to set key " + key);
-      return false;
+      return Error(function, "Failed to set key " + key), false;
     }
     m_store[key] = value;
     m_written.push_back(key);
-    Log(INFO, PAL, function,
-        "Succeed to set key " + key + " as " +
-            (number != nullptr ? std::to_string(*number) : std::get<std::string>(value)));
+    const std::string text = number != nullptr ? std::to_string(*number) : std::get<0>(value);
+    Log(INFO, PAL, function, "Succeed to set key " + key + " as " + text);
     return true;
   }
 
@@ -552,13 +537,10 @@ class Model {
       value = number != nullptr ? Value(*number) : Value(Cut(ValueOf(step.b)));
       m_store[property->key] = *value;
     }
-    if (m_subscribed.count(property->key) == 0) {
-      return;
-    }
-    if (IsWithoutNode(step)) {
-      Log(ERROR, PAL, property->callback + "ChangedCallback",
-          "exception : PAL Exception: Nullptr: pKeyNode");
-    } else {
+    const bool isSubscribed = m_subscribed.count(property->key) != 0;
+    if (isSubscribed && IsWithoutNode(step)) {
+      Error(property->callback + "ChangedCallback", "exception : PAL Exception: Nullptr: pKeyNode");
+    } else if (isSubscribed) {
       Deliver(*property, value);
     }
   }
@@ -568,38 +550,32 @@ class Model {
     const bool isText = property.toText == nullptr;
     if (!value || std::holds_alternative<std::string>(*value) != isText) {
       const std::string reader = isText ? "GetSetregStrFromKeynode" : "GetSetregIntFromKeynode";
-      Log(ERROR, PAL, reader,
-          isText ? "failed to get str from keynode" : "failed to get int from keynode");
-      Log(ERROR, PAL, function, "throw " + reader);
-      Log(ERROR, PAL, function, "exception : " + INVALID_CASE + reader);
-      return;
+      Error(reader, std::string("failed to get ") + (isText ? "str" : "int") + " from keynode");
+      Error(function, "throw " + reader);
+      return Error(function, "exception : " + INVALID_CASE + reader);
     }
-    const std::string text =
-        isText ? std::get<std::string>(*value) : property.toText(std::get<int>(*value));
+    const std::string text = isText ? std::get<0>(*value) : property.toText(std::get<int>(*value));
     if (property.isFiltered) {
-      if (m_cache[property.key] == text && m_mutation != Mutation::UNFILTERED) {
+      const std::string before = std::exchange(m_cache[property.key], text);
+      if (before == text && m_mutation != Mutation::UNFILTERED) {
         return;
       }
-      m_cache[property.key] = text;
     }
-    const auto handler = m_configHandlers.find(property.name);
-    if (handler == m_configHandlers.end()) {
-      return;
-    }
-    Contained(function, [&] { RunHandler(handler->second, text); });
+    CallHandler(m_configHandlers, property.name, text, function);
   }
 
-  // ---- Authentication
-  // -----------------------------------------------------------------------------
+  // ---- Authentication ---------------------------------------------------------------------------
 
   void OpenModule() {
     ModuleCall("supported[com.widevine.alpha]");
     if (!m_isSupported) {
-      return Log(ERROR, API, "CCoreAuthImpl", "Key system[com.widevine.alpha] is not supported.");
+      Refuse("CCoreAuthImpl", "Key system[com.widevine.alpha] is not supported.");
+      return;
     }
     ModuleCall("create[com.widevine.alpha][0][1]");
     if (m_isCreateFailing) {
-      return Log(ERROR, API, "CCoreAuthImpl", "EME instance create Fail!");
+      Refuse("CCoreAuthImpl", "EME instance create Fail!");
+      return;
     }
     m_hasInstance = true;
     m_hasKeys = m_givesKeys;
@@ -630,16 +606,14 @@ class Model {
   std::string Generate(const Step& step) {
     const char* function = "_GenerateDeviceKeyAndCert";
     if (!m_hasKeys) {
-      return Log(ERROR, API, function, "pWVCDM is NULL"), "false";
+      return Refuse(function, "pWVCDM is NULL");
     }
     if (!ModuleCall("generate[][]")) {
-      return Log(ERROR, API, function, "GenerateDeviceKeyAndCert failed."), "false";
+      return Refuse(function, "GenerateDeviceKeyAndCert failed.");
     }
-    if (m_key.empty()) {
-      return Log(ERROR, API, function, "return by [key.empty()]"), "false";
-    }
-    if (m_cert.empty()) {
-      return Log(ERROR, API, function, "return by [cert.empty()]"), "false";
+    if (m_key.empty() || m_cert.empty()) {
+      return Refuse(function,
+                    m_key.empty() ? "return by [key.empty()]" : "return by [cert.empty()]");
     }
     m_records[step.a % RECORDS] = m_key;
     m_records[(step.a + 1) % RECORDS] = m_cert;
@@ -647,38 +621,38 @@ class Model {
   }
 
   std::string Sign(const Step& step) {
-    const std::string hash = ValueOf(step.b);
     if (IsHashBroken(step)) {
       throw Raised{Raised::STANDARD, NULL_TEXT};
     }
     if (!m_hasKeys) {
-      return Log(ERROR, API, "_SignHash", "pWVCDM is NULL"), "false";
+      return Refuse("_SignHash", "pWVCDM is NULL");
     }
-    if (!ModuleCall("sign[" + ValueOf(step.a) + "][" + hash + "][]")) {
-      return Log(ERROR, API, "_SignHash", "ondaroSign failed."), "false";
+    if (!ModuleCall("sign[" + ValueOf(step.a) + "][" + ValueOf(step.b) + "][]")) {
+      return Refuse("_SignHash", "ondaroSign failed.");
     }
     if (m_sign.empty()) {
-      return Log(ERROR, API, "_SignHash", "sign is empty"), "false";
+      return Refuse("_SignHash", "sign is empty");
     }
     m_records[step.c % RECORDS] = m_sign;
     return "true";
   }
 
+  std::string Destroy(const Step& step) { return m_records[step.a % RECORDS].reset(), ""; }
+
   std::string SystemId() {
     Construct(AUTH);
     if (!m_hasInstance) {
-      return Log(ERROR, API, "GetSystemID", "cdm_ is NULL"), "error";
+      return Refuse("GetSystemID", "cdm_ is NULL"), "error";
     }
     if (!ModuleCall("query[getSystemId][ ][]")) {
-      return Log(ERROR, API, "GetSystemID", "getSystemId failed."), "error";
+      return Refuse("GetSystemID", "getSystemId failed."), "error";
     }
     return m_systemId;
   }
 
-  // ---- Messaging
-  // ----------------------------------------------------------------------------------
+  // ---- Messaging --------------------------------------------------------------------------------
 
-  void RequireSendable(const std::string& name, const std::string& data) const {
+  static void RequireSendable(const std::string& name, const std::string& data) {
     for (const auto& [what, text] : {std::pair("appEvt", name), std::pair("data", data)}) {
       if (PeerText(text) != text) {
         throw Raised{Raised::STANDARD, INVALID_CASE + what + " is not valid UTF-8"};
@@ -687,8 +661,7 @@ class Model {
   }
 
   void ServerSend(const std::string& name, const std::string& data) {
-    const Scope wrapper(*this, API, "NOndaroAPI::CIpcServer::SendDataToClient");
-    const Scope scope(*this, PAL, "NOndaroPAL::CIpcServerImpl::SendDataToClient");
+    const Forwarded scopes(*this, "CIpcServer", "SendDataToClient");
     if (!m_ownsName) {
       throw Raised{Raised::STANDARD, INVALID_CASE + "m_pDbusConnection is NULL"};
     }
@@ -699,23 +672,8 @@ class Model {
     }
   }
 
-  void ClientWatch(const std::string& name, int handler) {
-    const Forwarded scopes(*this, "CIpcClient", "RegisterEventHandler");
-    if (m_subscription == 0) {
-      m_subscription = ++m_nSubscriptions;
-    }
-    m_clientHandlers[name] = handler;
-  }
-
-  void ClientUnwatch() {
-    const Scope wrapper(*this, API, "NOndaroAPI::CIpcClient::UnregisterEventHandler");
-    m_subscription = 0;
-    m_clientHandlers.clear();
-  }
-
   void ClientSend(const std::string& name, const std::string& data) {
-    const Scope wrapper(*this, API, "NOndaroAPI::CIpcClient::SendDataToServer");
-    const Scope scope(*this, PAL, "NOndaroPAL::CIpcClientImpl::SendDataToServer");
+    const Forwarded scopes(*this, "CIpcClient", "SendDataToServer");
     RequireSendable(name, data);
     Log(INFO, PAL, "SendDataToServer",
         "Values are being sent. appEvt : " + name + ", surfaceId : " + data);
@@ -725,12 +683,12 @@ class Model {
 
   void PeerSend(const Step& step) {
     Settle();
+    const std::string type = TypeOf(step);
     const bool isCall = step.op == Op::PEER_CALL;
-    const bool isCarried =
-        isCall ? m_hasObject && std::string(TypeOf(step)) == "(ss)" : m_subscription != 0;
+    const bool isCarried = isCall ? m_hasObject && type == "(ss)" : m_subscription != 0;
     if (isCarried) {
       m_onTheWay.push_back({isCall ? Message::CALL : Message::SIGNAL, "peer",
-                            PeerText(EventNameOf(step)), PeerText(ValueOf(step.b)), TypeOf(step),
+                            PeerText(EventNameOf(step)), PeerText(ValueOf(step.b)), type,
                             m_subscription});
     }
     Settle();
@@ -741,14 +699,12 @@ class Model {
 
   void GiveOrTakeName() {
     Settle();
-    if (!m_isCreated[SERVER]) {
-      return;
+    if (m_isCreated[SERVER]) {
+      m_hasObject = false;  // once lost, it is gone for good
+      m_ownsName = !m_ownsName;
+      Log(INFO, PAL, m_ownsName ? "BusNameAcquiredCallback" : "BusNameLostCallback",
+          "pDbusConnection:0x,  name:" + BUS_NAME);
     }
-    // Once lost, the object is gone for good.
-    m_hasObject = false;
-    m_ownsName = !m_ownsName;
-    Log(INFO, PAL, m_ownsName ? "BusNameAcquiredCallback" : "BusNameLostCallback",
-        "pDbusConnection:0x,  name:" + BUS_NAME);
   }
 
   /// All that is on its way arrives in the order in which it was sent, and then the store tells of
@@ -778,37 +734,31 @@ class Model {
       case Message::REPLY:
         return Log(INFO, PAL, completion, "g_dbus_proxy_call result : 0");
       case Message::FAILURE:
-        return Log(ERROR, PAL, completion, "g_dbus_proxy_call_finish error : ");
+        return Error(completion, "g_dbus_proxy_call_finish error : ");
     }
   }
 
   void DispatchCall(const Message& message) {
     const std::string where = " sender:" + message.sender + "  object_path:" + BUS_PATH +
                               "  interface_name:" + BUS_NAME + "  method_name:sendDataToServer";
-    const auto reply = [&] {
-      if (message.sender == "own") {
+    const auto replyIf = [&](bool isTime) {
+      if (isTime && message.sender == "own") {
         m_onTheWay.push_back({Message::REPLY, "", "", "", "", 0});
       }
     };
     Log(INFO, PAL, "BusInterfaceMethodCallback", "Start" + where);
     {
+      const char* function = "HandleAppData";
       const Scope scope(*this, PAL, "NOndaroPAL::CIpcServerImpl::HandleAppData");
-      Log(INFO, PAL, "HandleAppData", "appEvt : " + message.name + ", data : " + message.data);
-      if (m_mutation == Mutation::EARLY_REPLY) {
-        reply();
-      }
-      const auto handler = m_serverHandlers.find(message.name);
-      if (handler != m_serverHandlers.end()) {
-        Contained("HandleAppData", [&] { RunHandler(handler->second, message.data); });
-      } else {
-        Log(ERROR, PAL, "HandleAppData", "appEvt " + message.name + " is not registered");
+      Log(INFO, PAL, function, "appEvt : " + message.name + ", data : " + message.data);
+      replyIf(m_mutation == Mutation::EARLY_REPLY);
+      if (!CallHandler(m_serverHandlers, message.name, message.data, function)) {
+        Error(function, "appEvt " + message.name + " is not registered");
         for (const auto& entry : m_serverHandlers) {
-          Log(ERROR, PAL, "HandleAppData", "registered appEvt : " + entry.first);
+          Error(function, "registered appEvt : " + entry.first);
         }
       }
-      if (m_mutation != Mutation::EARLY_REPLY) {
-        reply();
-      }
+      replyIf(m_mutation != Mutation::EARLY_REPLY);
     }
     Log(INFO, PAL, "BusInterfaceMethodCallback", "Finish" + where);
   }
@@ -819,29 +769,41 @@ class Model {
     if (isOld && (m_subscription == 0 || m_mutation != Mutation::OLD_SUBSCRIPTION)) {
       return;
     }
+    const char* function = "_DbusSignalCallback";
     const std::string where = " sender_name:" + message.sender + ", object_path:" + BUS_PATH +
                               ",  interface_name:" + BUS_NAME + ",  signal_name:sendDataToClient";
     const Scope scope(*this, PAL, "NOndaroPAL::CIpcClientImpl::_DbusSignalCallback");
-    Log(ERROR, PAL, "_DbusSignalCallback", "Start" + where);
+    Error(function, "Start" + where);
     if (message.type != "(ss)") {
-      Log(ERROR, PAL, "_DbusSignalCallback", "unexpected arguments " + message.type);
+      Error(function, "unexpected arguments " + message.type);
     } else {
-      Contained("_DbusSignalCallback", [&] {
-        const Scope dispatch(*this, PAL, "NOndaroPAL::CIpcClientImpl::_CallDbusClientCallback");
-        const auto handler = m_clientHandlers.find(message.name);
-        if (handler != m_clientHandlers.end()) {
-          RunHandler(handler->second, message.data);
-        }
-      });
+      CallClient(message);
     }
-    Log(ERROR, PAL, "_DbusSignalCallback", "Finish" + where);
+    Error(function, "Finish" + where);
   }
 
-  Mutation m_mutation;
+  void CallClient(const Message& message) {
+    std::optional<std::string> thrown;
+    {
+      const Scope dispatch(*this, PAL, "NOndaroPAL::CIpcClientImpl::_CallDbusClientCallback");
+      const auto handler = m_clientHandlers.find(message.name);
+      try {
+        RunHandler(handler != m_clientHandlers.end() ? handler->second : DOES_NOTHING,
+                   message.data);
+      } catch (const Raised& raised) {
+        thrown = raised.text;
+      }
+    }
+    if (thrown) {
+      Error("_DbusSignalCallback", "exception : " + *thrown);
+    }
+  }
+
+  const Mutation m_mutation;
   Lines m_lines;
   int m_nScriptsLeft = 0;
   std::array<bool, 4> m_isCreated = {}, m_hasHandle = {};
-  Handlers m_configHandlers, m_serverHandlers, m_clientHandlers;
+  std::map<std::string, int> m_configHandlers, m_serverHandlers, m_clientHandlers;
 
   Fault m_storeFault = Fault::NONE;
   std::map<std::string, Value> m_store;
@@ -864,9 +826,8 @@ class Model {
 }  // namespace
 
 Performer MakeModel(Mutation mutation) {
-  return [model = std::make_shared<Model>(mutation)](const Step& step) {
-    return model->Perform(step);
-  };
+  const auto model = std::make_shared<Model>(mutation);
+  return [model](const Step& step) { return model->Perform(step); };
 }
 
 }  // namespace ondaro::model
