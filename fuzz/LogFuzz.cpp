@@ -48,8 +48,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Expect(ftruncate(file, 0) == 0 && length > 0, "a line");
   const std::string line(buffer, static_cast<std::size_t>(length) - 1);
   Expect(line.find('\n') == std::string::npos && buffer[length - 1] == '\n', "one line");
-  const std::size_t text = line.find(" > ") + 3;
-  const bool isCut = line.size() > 4000;
-  Expect(isCut || Restore(line.substr(text)) == label + "[  0]:[]", "the text as it was");
+  const std::string text = line.substr(line.find(" > ") + 3), whole = label + "[  0]:[]";
+  if (Restore(text) != whole) {
+    const std::size_t mark = text.rfind("\\+");
+    const std::string shown = Restore(text.substr(0, mark));
+    Expect(line.size() > 4000 && whole.rfind(shown, 0) == 0, "as much as a line takes");
+    const std::string left = std::to_string(whole.size() - shown.size());
+    Expect(mark < text.size() && text.substr(mark + 2) == left, "the number of bytes left out");
+  }
   return 0;
 }

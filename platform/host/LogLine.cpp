@@ -14,6 +14,7 @@ namespace ondaro::host {
 namespace {
 
 constexpr std::size_t TAG_ROOM = 128;
+constexpr int MOST_CONTINUATIONS = 3;          // of one character
 constexpr std::size_t OMISSION_ROOM = 2 + 10;  // "\+" and the digits of a positive int
 
 struct ThreadIds {
@@ -118,8 +119,9 @@ char* AppendText(char* out, std::size_t room, const char* text, std::size_t have
   if (whole) {
     shown = length;
   }
-  while (!whole && shown > 0 && IsContinuation(text[shown])) {
-    --shown;
+  // Bytes that are no character's are not followed back to where they begin.
+  for (int step = 0; !whole && step < MOST_CONTINUATIONS && shown > 0; ++step) {
+    shown -= IsContinuation(text[shown]) ? 1 : 0;
   }
   for (std::size_t i = 0; i < shown; ++i) {
     out = AppendEscaped(out, text[i], field);
