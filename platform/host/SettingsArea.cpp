@@ -12,7 +12,7 @@
 namespace ondaro::host {
 namespace {
 
-constexpr int ATTEMPTS = 3;
+constexpr int ATTEMPTS = 4;
 
 std::string Timestamp() {
   const std::time_t now = std::time(nullptr);
@@ -35,9 +35,10 @@ std::string NameForDamaged(const std::string& path) {
 
 }  // namespace
 
-/// Does the operation on an open database, and once more on a new one where that helps.
+/// Does the operation on an open database, and again where a new connection or database helps.
 template <typename Operation>
 auto SettingsArea::Attempt(Access access, Operation operation) {
+  bool isSuspected = false;
   for (int attempt = 1;; ++attempt) {
     SettingsDatabase& database = Open(access);
     try {
@@ -46,7 +47,10 @@ auto SettingsArea::Attempt(Access access, Operation operation) {
       if (error.What() == SettingsError::Kind::BUSY) {
         throw;
       }
-      m_damaged = error.What() == SettingsError::Kind::DAMAGED;
+      // A read that failed once can look like damage, so that is looked at twice.
+      const bool isDamaged = error.What() == SettingsError::Kind::DAMAGED;
+      m_damaged = isDamaged && isSuspected;
+      isSuspected = isDamaged;
       m_database.reset();
       if (error.What() == SettingsError::Kind::FAILED || attempt == ATTEMPTS) {
         throw;
@@ -77,8 +81,15 @@ void SettingsArea::Remember(std::string_view key, const std::optional<SettingsVa
 void SettingsArea::Write(std::string_view key, const SettingsValue& value) {
   std::lock_guard lock(m_mutex);
   Attempt(Access::WRITE, [&](SettingsDatabase& database) {
-    if (!TryWrite(database, key, value)) {
-      throw SettingsError(SettingsError::Kind::REPLACED, m_path + " keeps being replaced");
+    try {
+      if (!TryWrite(database, key, value)) {
+        throw SettingsError(SettingsError::Kind::REPLACED, m_path + " keeps being replaced");
+      }
+    } catch (const SettingsError& error) {
+      if (error.What() == SettingsError::Kind::FAILED) {
+        database.Revoke();
+      }
+      throw;
     }
   });
 }
@@ -154,6 +165,7 @@ void SettingsArea::OpenDatabase(const std::string& path) {
     SetAside(path);
   }
   m_damaged = false;
+  bool isSuspected = false;
   for (int attempt = 1; !m_database; ++attempt) {
     try {
       m_database = std::make_unique<SettingsDatabase>(path, m_durability, m_bell->LastSequence(),
@@ -162,7 +174,10 @@ void SettingsArea::OpenDatabase(const std::string& path) {
       if (error.What() != SettingsError::Kind::DAMAGED || attempt == ATTEMPTS) {
         throw;
       }
-      SetAside(path);
+      if (isSuspected) {
+        SetAside(path);
+      }
+      isSuspected = !isSuspected;
     }
   }
   m_generation = m_bell->Generation();

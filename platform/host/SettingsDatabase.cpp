@@ -47,6 +47,7 @@ SettingsError::Kind KindOf(int code) {
       return SettingsError::Kind::BUSY;
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
+    case SQLITE_ERROR:  // the statements are right, so the file or its tables are not
       return SettingsError::Kind::DAMAGED;
     default:
       return SettingsError::Kind::FAILED;
@@ -203,11 +204,6 @@ SettingsDatabase::Statement SettingsDatabase::Prepare(const char* sql) {
   sqlite3_stmt* statement = nullptr;
   const int code = sqlite3_prepare_v3(m_connection.get(), sql, -1, SQLITE_PREPARE_PERSISTENT,
                                       &statement, nullptr);
-  if (code == SQLITE_ERROR) {
-    // The statements are right, so the tables are not.
-    throw SettingsError(SettingsError::Kind::DAMAGED,
-                        m_path + ": " + sqlite3_errmsg(m_connection.get()));
-  }
   if (code != SQLITE_OK) {
     Fail(code);
   }
@@ -281,6 +277,18 @@ void SettingsDatabase::CollectLastValues(std::int64_t position, std::int64_t flo
   }
   std::sort(changes.begin(), changes.end(),
             [](const auto& one, const auto& other) { return one.sequence < other.sequence; });
+}
+
+void SettingsDatabase::Revoke() noexcept {
+  // Pages that changed to and fro are written all the same, over what was left.
+  sqlite3_exec(m_connection.get(),
+               "BEGIN IMMEDIATE; UPDATE log_floor SET seq=seq+1; UPDATE log_floor SET seq=seq-1;"
+               " COMMIT",
+               nullptr, nullptr, nullptr);
+  if (sqlite3_get_autocommit(m_connection.get()) == 0) {
+    sqlite3_step(m_rollback.get());
+    sqlite3_reset(m_rollback.get());
+  }
 }
 
 SettingsDatabase::Write::Write(SettingsDatabase& database) : m_database(database) {

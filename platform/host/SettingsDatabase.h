@@ -47,6 +47,10 @@ class SettingsDatabase {
   std::vector<SettingsChange> ChangesAfterGap(std::int64_t position,
                                               const std::vector<std::string>& keys);
 
+  /// Takes back what a failed commit may have left in the engine's log: written whole, but not
+  /// synced, it would be found committed by whoever reads that log anew.
+  void Revoke() noexcept;
+
   /// A write transaction, rolled back unless committed.
   class Write {
    public:

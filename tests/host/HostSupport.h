@@ -15,8 +15,9 @@ namespace ondaro::test {
 
 class TemporaryDirectory {
  public:
-  TemporaryDirectory() {
-    std::string name = (std::filesystem::temp_directory_path() / "ondaro-host-XXXXXX").string();
+  explicit TemporaryDirectory(
+      const std::filesystem::path& base = std::filesystem::temp_directory_path()) {
+    std::string name = (base / "ondaro-host-XXXXXX").string();
     if (mkdtemp(name.data()) == nullptr) {
       throw std::runtime_error("no temporary directory");
     }
@@ -24,6 +25,7 @@ class TemporaryDirectory {
   }
   ~TemporaryDirectory() {
     std::error_code ignored;
+    std::filesystem::permissions(m_path, std::filesystem::perms::owner_all, ignored);
     std::filesystem::remove_all(m_path, ignored);
   }
   TemporaryDirectory(const TemporaryDirectory&) = delete;
