@@ -65,6 +65,7 @@ FileWatch::~FileWatch() { t_watcher = nullptr; }
 using namespace ondaro::test;
 
 // The engine calls the names that end in 64, the backend the others; both are the same calls here.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): nor are the system's allowed
 extern "C" {
 
 int open64(const char* path, int flags, ...) {
@@ -115,7 +116,7 @@ void* mmap64(void* address, size_t size, int protection, int flags, int fd, off_
                        return FileCall{Kind::MAP, PathOf(fd), offset, {}};
                      });
   return fails ? MAP_FAILED
-               : reinterpret_cast<void*>(
+               : reinterpret_cast<void*>(  // NOLINT(performance-no-int-to-ptr)
                      syscall(SYS_mmap, address, size, protection, flags, fd, offset));
 }
 void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
@@ -123,3 +124,4 @@ void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t 
 }
 
 }  // extern "C"
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)

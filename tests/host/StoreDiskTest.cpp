@@ -75,7 +75,7 @@ void WriteFiles(const Files& files, const fs::path& directory) {
 /// What a process has of the store's durable keys.
 class AreaOn {
  public:
-  explicit AreaOn(std::string directory, Durability durability = Durability::SYNCED)
+  explicit AreaOn(const std::string& directory, Durability durability = Durability::SYNCED)
       : m_area([directory] { return directory; }, "settings", durability) {}
 
   bool Set(const std::string& key, const std::string& value) {
@@ -284,7 +284,8 @@ void Damage(std::string& content, bool keepsSize, Random& random) {
   switch (random() % (keepsSize ? 4 : 5)) {
     case 0:
       for (auto flips = 1 + random() % 8; flips > 0; --flips) {
-        content[somewhere()] ^= static_cast<char>(1U << random() % 8);
+        char& byte = content[somewhere()];
+        byte = static_cast<char>(static_cast<unsigned char>(byte) ^ (1U << random() % 8));
       }
       break;
     case 1: {
@@ -419,14 +420,14 @@ TEST(StoreDisk, CallThatFailsOnceFailsNoMoreThanItsSet) {
             return area.Set("key/0", value);
           }();
           EXPECT_TRUE(isSet || hasFailed);
-          SCOPED_TRACE(which + " " + g_errorLines);
+          SCOPED_TRACE(std::string(which).append(g_errorLines));
           EXPECT_EQ(area.Get("key/0"), isSet ? value : kept);
           EXPECT_EQ(AreaOn(directory.Path()).Get("key/0"), isSet ? value : kept);
           kept = isSet ? value : kept;
         }
         EXPECT_TRUE(area.Set("key/0", "after"));
         EXPECT_EQ(AreaOn(directory.Path()).Get("key/0"), "after");
-        EXPECT_EQ(AreaOn(directory.Path()).Get("key/1"), other) << which << g_errorLines;
+        EXPECT_EQ(AreaOn(directory.Path()).Get("key/1"), other);
       }
     }
   }
