@@ -52,12 +52,6 @@ using Seeds = std::vector<unsigned>;
 
 constexpr int KEYS = 5;
 
-/// Where a sync costs nothing: what is synced is seen by the watched calls.
-fs::path FastDirectory() {
-  const fs::path memory = "/dev/shm";
-  return access(memory.c_str(), W_OK) == 0 ? memory : fs::temp_directory_path();
-}
-
 Files ReadFiles(const fs::path& directory) {
   Files files;
   for (const auto& entry : fs::directory_iterator(directory)) {

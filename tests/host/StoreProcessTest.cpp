@@ -1,0 +1,305 @@
+// The store in many processes at once: writers that are killed, watchers that stand still. Writers
+// count up, each on a key of its own, so every loss, repetition and change of order shows.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <iostream>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "FileCalls.h"
+#include "HostSupport.h"
+#include "Tier.h"
+#include "bus/WaitUntil.h"
+#include "platform/SettingsStore.h"
+
+namespace ondaro::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t WRITERS = 3;
+constexpr std::size_t MOST_WATCHERS = 8;
+
+/// How far the writers may be ahead of a watcher that is to miss nothing; the log keeps 4096.
+constexpr int LEAD = 3000;
+
+struct Watched {
+  std::array<std::atomic<int>, WRITERS> seen;
+  std::atomic<int> total;
+  std::atomic<int> missed;
+  std::atomic<int> wrong;  // out of order, or twice
+  std::atomic<bool> isReady;
+  std::atomic<bool> isBehind;  // not waited for, and may miss
+};
+
+/// What the processes of one test tell each other.
+struct Board {
+  std::array<std::atomic<int>, WRITERS> acknowledged;
+  std::array<Watched, MOST_WATCHERS> watchers;
+  std::atomic<int> lost;
+  std::atomic<bool> mustEnd;
+};
+
+class Processes : public testing::TestWithParam<const char*> {
+ protected:
+  Processes() : m_board(new (Map()) Board{}) {
+    setenv("ONDARO_HOST_STATE", m_directory.Path().c_str(), 1);
+    setenv("ONDARO_HOST_LOG", "error:stderr", 1);
+  }
+  ~Processes() override {
+    m_writers.clear();
+    m_watchers.clear();
+    munmap(m_board, sizeof(Board));
+  }
+
+  std::string Key(std::size_t writer) const {
+    return std::string(GetParam()) + "/writer" + std::to_string(writer);
+  }
+  int Stored(std::size_t writer) const {
+    int number = 0;
+    platform_settings_get_int(Key(writer).c_str(), &number);
+    return number;
+  }
+  int Written() const {
+    int sum = 0;
+    for (const auto& number : m_board->acknowledged) {
+      sum += number;
+    }
+    return sum;
+  }
+
+  /// Counts up to `last`; `killedAt` is the call on a file at which it is killed, 0 for none.
+  void StartWriter(std::size_t writer, int last, int killedAt = 0) {
+    m_writers.at(writer) = std::make_unique<Child>([=] {
+      alarm(0);
+      int calls = 0;
+      const FileWatch watch([&](const FileCall&) {
+        if (++calls == killedAt) {
+          raise(SIGKILL);
+        }
+        return 0;
+      });
+      int number = Stored(writer);
+      std::atomic<int>& acknowledged = m_board->acknowledged.at(writer);
+      if (number != acknowledged && number != acknowledged + 1) {
+        m_board->lost++;
+      }
+      acknowledged = number;
+      while (number < last && !m_board->mustEnd) {
+        WaitForWatchers();
+        if (platform_settings_set_int(Key(writer).c_str(), ++number) != 0) {
+          _exit(1);
+        }
+        acknowledged = number;
+      }
+    });
+  }
+
+  void StartWatchers(std::size_t count) {
+    for (std::size_t watcher = 0; watcher < count; ++watcher) {
+      m_watchers.push_back(std::make_unique<Child>([=] { Watch(m_board->watchers.at(watcher)); }));
+      EXPECT_TRUE(Await([&] { return m_board->watchers.at(watcher).isReady.load(); }));
+    }
+  }
+
+  /// Every watcher ends with what the store holds, having seen all before it in order.
+  void ExpectAllSeen() {
+    for (std::size_t watcher = 0; watcher < m_watchers.size(); ++watcher) {
+      const Watched& watched = m_board->watchers.at(watcher);
+      for (std::size_t writer = 0; writer < WRITERS; ++writer) {
+        EXPECT_TRUE(Await([&] { return watched.seen.at(writer) == Stored(writer); }))
+            << "watcher " << watcher << " ends with " << watched.seen.at(writer) << " of "
+            << Stored(writer);
+      }
+      EXPECT_EQ(watched.wrong, 0) << "watcher " << watcher;
+      if (!watched.isBehind) {
+        EXPECT_EQ(watched.missed, 0) << "watcher " << watcher;
+      }
+    }
+    m_board->mustEnd = true;
+    for (const auto& watcher : m_watchers) {
+      EXPECT_EQ(watcher->Wait(), 0);
+    }
+  }
+
+  template <typename Predicate>
+  static bool Await(Predicate predicate, std::chrono::seconds limit = PATIENCE) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!predicate()) {
+      if (std::chrono::steady_clock::now() > deadline) {
+        return false;
+      }
+      usleep(100);
+    }
+    return true;
+  }
+
+  const TemporaryDirectory m_directory{FastDirectory()};
+  Board* const m_board;
+  std::vector<std::unique_ptr<Child>> m_writers{WRITERS};
+  std::vector<std::unique_ptr<Child>> m_watchers;
+
+ private:
+  static void* Map() {
+    return mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  }
+
+  void WaitForWatchers() const {
+    const auto isAhead = [&](const Watched& watched) {
+      return watched.isReady && !watched.isBehind && Written() - watched.total > LEAD;
+    };
+    for (const Watched& watched : m_board->watchers) {
+      while (isAhead(watched) && !m_board->mustEnd) {
+        usleep(100);
+      }
+    }
+  }
+
+  static void Changed(platform_settings_node* node, void* userData) {
+    auto& watched = *static_cast<Watched*>(userData);
+    const std::string name = platform_settings_node_name(node);
+    std::atomic<int>& seen = watched.seen.at(static_cast<std::size_t>(name.back() - '0'));
+    const int number = platform_settings_node_int(node);
+    watched.wrong += number <= seen ? 1 : 0;
+    watched.missed += number > seen + 1 ? 1 : 0;
+    watched.total += number - seen;
+    seen = number;
+  }
+
+  void Watch(Watched& watched) const {
+    alarm(0);
+    GMainContext* const context = g_main_context_new();
+    g_main_context_push_thread_default(context);
+    for (std::size_t writer = 0; writer < WRITERS; ++writer) {
+      if (platform_settings_subscribe(Key(writer).c_str(), &Changed, &watched) != 0) {
+        _exit(1);
+      }
+    }
+    watched.isReady = true;
+    WaitUntil([&] { return m_board->mustEnd.load(); }, std::chrono::hours(2));
+  }
+};
+
+class Kills : public Processes {};
+INSTANTIATE_TEST_SUITE_P(Areas, Kills, testing::Values("db"));
+
+TEST_P(Kills, LoseNoAcknowledgedWriteAndNoChange) {
+  constexpr std::size_t WATCHERS = 2;
+  constexpr int LAST = 1 << 30;
+  constexpr unsigned CALLS_IN_A_LIFE = 250;
+  const int kills = ByTier(100, 500, 2000);
+  std::mt19937 random(1);
+  StartWatchers(WATCHERS);
+  const auto start = [&](std::size_t writer) {
+    // Half are killed at a call on a file, half at any instant.
+    const bool isAtCall = random() % 2 == 0;
+    StartWriter(writer, LAST, isAtCall ? 1 + static_cast<int>(random() % CALLS_IN_A_LIFE) : 0);
+    return isAtCall;
+  };
+  std::array<bool, WRITERS> isAtCall{};
+  for (std::size_t writer = 0; writer < WRITERS; ++writer) {
+    isAtCall.at(writer) = start(writer);
+  }
+  for (int kill = 0; kill < kills; ++kill) {
+    const std::size_t writer = random() % WRITERS;
+    if (!isAtCall.at(writer)) {
+      usleep(static_cast<useconds_t>(random() % 8000));
+      ::kill(m_writers.at(writer)->Pid(), SIGKILL);
+    }
+    ASSERT_EQ(m_writers.at(writer)->Wait(), SIGKILL);
+    isAtCall.at(writer) = start(writer);
+  }
+  m_writers = std::vector<std::unique_ptr<Child>>(WRITERS);  // kills the rest
+  for (std::size_t writer = 0; writer < WRITERS; ++writer) {
+    EXPECT_GE(Stored(writer), m_board->acknowledged.at(writer));
+    EXPECT_LE(Stored(writer), m_board->acknowledged.at(writer) + 1);
+  }
+  EXPECT_EQ(m_board->lost, 0);
+  const int written = Written();
+  ExpectAllSeen();
+  std::cout << kills << " kills, " << written << " writes\n";
+}
+
+class Soak : public Processes {
+ protected:
+  struct Use {
+    long pages = 0;
+    long descriptors = 0;
+  };
+
+  static Use UseOf(pid_t pid) {
+    const std::string process = "/proc/" + std::to_string(pid);
+    std::istringstream statm(ReadFile(process + "/statm"));
+    Use use;
+    statm >> use.pages >> use.pages;
+    use.descriptors = std::distance(fs::directory_iterator(process + "/fd"), {});
+    return use;
+  }
+  std::vector<Use> UseOfAll() const {
+    std::vector<Use> all;
+    for (const auto* children : {&m_writers, &m_watchers}) {
+      for (const auto& child : *children) {
+        all.push_back(UseOf(child->Pid()));
+      }
+    }
+    return all;
+  }
+};
+INSTANTIATE_TEST_SUITE_P(Areas, Soak, testing::Values("memory"));
+
+TEST_P(Soak, KeepsEveryChangeMemoryAndDescriptors) {
+  constexpr long MOST_GROWTH = 200;  // pages
+  const int changes = ByTier(30'000, 150'000, 1'000'000);
+  const auto untilWritten = [&](int count) {
+    ASSERT_TRUE(Await([&] { return Written() >= count; }, std::chrono::hours(1)));
+  };
+  StartWatchers(MOST_WATCHERS);
+  for (std::size_t writer = 0; writer < WRITERS; ++writer) {
+    StartWriter(writer,
+                (changes + static_cast<int>(WRITERS) - 1) / static_cast<int>(WRITERS) + 1000);
+  }
+  untilWritten(changes / 5);
+  const std::vector<Use> before = UseOfAll();
+
+  // One stands still for less than the log keeps, another for more.
+  Watched& brief = m_board->watchers[0];
+  kill(m_watchers[0]->Pid(), SIGSTOP);
+  untilWritten(brief.total + LEAD * 9 / 10);
+  kill(m_watchers[0]->Pid(), SIGCONT);
+  m_board->watchers[1].isBehind = true;
+  kill(m_watchers[1]->Pid(), SIGSTOP);
+  untilWritten(changes * 3 / 5);
+  kill(m_watchers[1]->Pid(), SIGCONT);
+
+  untilWritten(changes);
+  const std::vector<Use> after = UseOfAll();
+  long growth = 0;
+  for (std::size_t i = 0; i < before.size(); ++i) {
+    EXPECT_EQ(after[i].descriptors, before[i].descriptors);
+    growth = std::max(growth, after[i].pages - before[i].pages);
+  }
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  EXPECT_LT(growth, MOST_GROWTH);
+#endif
+  for (const auto& writer : m_writers) {
+    EXPECT_EQ(writer->Wait(), 0);
+  }
+  const int written = Written();
+  ExpectAllSeen();
+  EXPECT_GT(m_board->watchers[1].missed, 0) << "it was not behind";
+  std::cout << written << " changes, " << MOST_WATCHERS << " watchers, the largest growth "
+            << growth * sysconf(_SC_PAGESIZE) / 1024 << " kB, " << after[0].descriptors
+            << " descriptors\n";
+}
+
+}  // namespace
+}  // namespace ondaro::test
