@@ -11,7 +11,7 @@ namespace {
 /// The bytes of a record that the library filled; it is empty afterwards.
 std::string Take(OndaroApi_CoreAuthInfoRW_t& record) {
   Expect(record.data != nullptr && record.data[record.length] == '\0', "a final NUL");
-  const std::string bytes(record.data, record.length);
+  std::string bytes(record.data, record.length);
   OndaroApi_CoreAuth_DestroyCoreAuthInfo(&record);
   Expect(record.data == nullptr && record.length == 0, "an empty record");
   return bytes;

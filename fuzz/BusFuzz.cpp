@@ -25,10 +25,10 @@ GVariant* AnyBody(Input& input) {
   }
   std::string type = TYPES[input.Number(12)];
   if (kind == 3) {
-    const std::string own = "(" + input.Text() + ")";
-    if (g_variant_type_string_is_valid(own.c_str()) != FALSE &&
-        g_variant_is_signature(own.substr(1, own.size() - 2).c_str()) != FALSE) {
-      type = own.c_str();
+    const std::string own = input.CText(), tuple = "(" + own + ")";
+    if (g_variant_type_string_is_valid(tuple.c_str()) != FALSE &&
+        g_variant_is_signature(own.c_str()) != FALSE) {
+      type = tuple;
     }
   }
   const std::string bytes = input.Text();

@@ -40,7 +40,7 @@ std::string Restore(const std::string& line) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const int file = OpenSink();
-  const std::string label = Input(data, size).Rest().c_str();
+  const std::string label = Input::ToC(Input(data, size).Rest());
   NOndaroPAL::CPALUtils::PrintDataToHex(label.c_str(), "", 0);
 
   char buffer[8192] = {};

@@ -18,7 +18,7 @@ std::string Get(OndaroApi_SystemConfig_h handle, const std::string& key) {
   std::uint32_t length = 0;
   const char* value = OndaroApi_SystemConfig_GetProperty(handle, key.c_str(), &length);
   Expect(value != nullptr && value[length] == '\0', "a value with its length");
-  const std::string text(value, length);
+  std::string text(value, length);
   OndaroApi_SystemConfig_DestroyProperty(value);
   return text;
 }
@@ -31,7 +31,7 @@ void Change(Input& input) {
     node.value = SettingsValue(static_cast<int>(input.Number(256)) - 1);
   }
   if (kind == 2) {
-    node.value = SettingsValue(std::string(input.Text().c_str()));
+    node.value = SettingsValue(input.CText());
   }
   FakePlatform::Get().Notify(key, &node);
 }
@@ -50,7 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       Get(handle, key + input.Text());
     }
     if (kind == 1) {
-      const std::string value = input.Text().c_str();
+      const std::string value = input.CText();
       const bool isText = name < 2;
       const bool isStored = OndaroApi_SystemConfig_SetProperty(handle, key.c_str(), value.c_str());
       Expect(!isText || (isStored && Get(handle, key) == value), "a text reads as it was written");

@@ -161,10 +161,10 @@ class Library {
   std::string Call(const Step& step) {
     const How how = HowOf(step);
     const bool isWrapper = how == How::WRAPPER, isGiven = how != How::NULL_HANDLE;
-    const auto config = isGiven ? m_config : nullptr;
-    const auto server = isGiven ? m_server : nullptr;
-    const auto client = isGiven ? m_client : nullptr;
-    const auto auth = isGiven ? m_auth : nullptr;
+    auto* const config = isGiven ? m_config : nullptr;
+    auto* const server = isGiven ? m_server : nullptr;
+    auto* const client = isGiven ? m_client : nullptr;
+    auto* const auth = isGiven ? m_auth : nullptr;
     const bool viaConfig = isWrapper && config != nullptr,
                viaServer = isWrapper && server != nullptr;
     const bool viaClient = isWrapper && client != nullptr;
@@ -237,7 +237,7 @@ class Library {
     uint32_t length = 0;
     const char* value =
         OndaroApi_SystemConfig_GetProperty(handle, key, isLengthGiven ? &length : nullptr);
-    const std::string result = value == nullptr ? "null" : Terminated(value, length);
+    std::string result = value == nullptr ? "null" : Terminated(value, length);
     OndaroApi_SystemConfig_DestroyProperty(value);
     return result;
   }

@@ -116,7 +116,7 @@ class Model {
 
  private:
   struct Raised {
-    enum Kind { BROKEN, API, STANDARD, FOREIGN } kind;
+    enum Kind { BROKEN, OF_API, STANDARD, FOREIGN } kind;
     std::string text;
     std::string detail = {};
   };
@@ -219,7 +219,7 @@ class Model {
       }
       if (raised.kind == Raised::BROKEN) {
         Log(ERROR, API, name, raised.text + " is null in [" + name + "]");
-      } else if (raised.kind != Raised::API || !raised.text.empty()) {
+      } else if (raised.kind != Raised::OF_API || !raised.text.empty()) {
         const std::string detail = step.op == Op::SET ? "" : raised.detail;
         Log(ERROR, API, name, "exception : " + raised.text + detail);
       }
@@ -236,13 +236,13 @@ class Model {
       }
     }
     if (step.op == Op::CLIENT_WATCH && ScriptNumberOf(step) == NO_SCRIPT) {
-      throw Raised{Raised::API, "apicallback is null", "(api/callback is null)"};
+      throw Raised{Raised::OF_API, "apicallback is null", "(api/callback is null)"};
     }
     for (const unsigned offset : {0U, 1U}) {
       if (step.op == Op::GENERATE && m_records[(step.a + offset) % RECORDS]) {
         Refuse("_GenerateDeviceKeyAndCert",
                "return by [" + function.required[offset] + " is not empty]");
-        throw Raised{Raised::API, ""};  // already told
+        throw Raised{Raised::OF_API, ""};  // already told
       }
     }
     if (!hasHandle && step.op != Op::DESTROY) {
@@ -314,7 +314,7 @@ class Model {
         Log(INFO, PAL, "CSystemConfigImpl", "Chip: NONE");
         Log(INFO, PAL, "_PrintPropertyMap", "SDR: 1");
         for (const std::string map : {"GetFunctionMap", "SetFunctionMap", "CbManagerMap"}) {
-          const Scope init(*this, PAL, implementation + "_Init" + map);
+          const Scope init(*this, PAL, std::string(implementation).append("_Init").append(map));
         }
       } else if (family == AUTH) {
         OpenModule();
@@ -367,7 +367,7 @@ class Model {
       throw Raised{Raised::FOREIGN, "of unknown type"};
     }
     if (fault == Fault::API) {
-      throw Raised{Raised::API, origin + "fault", "(" + origin + "/fault)"};
+      throw Raised{Raised::OF_API, origin + "fault", "(" + origin + "/fault)"};
     }
   }
 

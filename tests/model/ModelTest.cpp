@@ -91,7 +91,7 @@ std::string ToText(const Steps& steps) {
 std::optional<Failure> Replay(Mutation mutation, const Steps& steps) {
   const std::string file = testing::TempDir() + "model-" + std::to_string(getpid()) + ".steps";
   std::ofstream(file) << ToText(steps);
-  const auto failure = Replay(mutation, file);
+  auto failure = Replay(mutation, file);
   std::filesystem::remove(file);
   return failure;
 }

@@ -139,7 +139,7 @@ std::string EventNameOf(const Step& step) { return Pick(EVENT_NAMES, step.a); }
 
 std::string ValueOf(unsigned number) { return Pick(VALUES, number); }
 
-std::string Cut(const std::string& text) { return text.c_str(); }
+std::string Cut(const std::string& text) { return text.substr(0, text.find('\0')); }
 
 const char* TypeOf(const Step& step) { return Pick(TYPES, step.c); }
 
