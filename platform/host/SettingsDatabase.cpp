@@ -1,5 +1,7 @@
 #include "SettingsDatabase.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <limits>
 #include <thread>
@@ -142,7 +144,10 @@ SettingsDatabase::SettingsDatabase(const std::string& path, Durability durabilit
 void SettingsDatabase::Fail(int code) const {
   const char* text =
       m_connection != nullptr ? sqlite3_errmsg(m_connection.get()) : sqlite3_errstr(code);
-  throw SettingsError(KindOf(code), m_path + ": " + text);
+  // A file that may be written, and yet not by the engine, has a damaged header.
+  const bool isOddlyReadOnly = code == SQLITE_READONLY && access(m_path.c_str(), W_OK) == 0;
+  throw SettingsError(isOddlyReadOnly ? SettingsError::Kind::DAMAGED : KindOf(code),
+                      m_path + ": " + text);
 }
 
 int SettingsDatabase::OnBusy(void* self, int count) noexcept {
