@@ -10,6 +10,8 @@
 #include <sstream>
 #include <system_error>
 
+#include "bus/WaitUntil.h"
+
 namespace ondaro::test {
 namespace {
 
@@ -31,6 +33,8 @@ Words Prepend(const Words& front, const Words& back) {
 
 ToolTest::ToolTest() : m_directory(MakeDirectory()) {
   setenv("CTL", ONDARO_CTL, 1);
+  setenv("LIBRARY", ONDARO_TEST_ANOTHER_LIBRARY, 1);
+  setenv("DESCRIPTION", ONDARO_TEST_DESCRIPTION, 1);
   unsetenv("ONDARO_HOST_LOG");
   unsetenv("NO_COLOR");
   UseSet("set");
@@ -73,6 +77,13 @@ std::unique_ptr<ChildProcess> ToolTest::Start(const Words& arguments) const {
 std::unique_ptr<ChildProcess> ToolTest::StartReady(const Words& arguments) const {
   auto child = Start(arguments);
   EXPECT_EQ(child->ReadLine(), "ready") << StandardError();
+  return child;
+}
+
+std::unique_ptr<ChildProcess> ToolTest::StartAndSee(const Words& arguments,
+                                                    const std::string& sign) const {
+  auto child = Start(arguments);
+  EXPECT_TRUE(WaitUntil([&] { return StandardError().find(sign) != std::string::npos; }));
   return child;
 }
 

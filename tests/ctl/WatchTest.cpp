@@ -3,7 +3,6 @@
 
 #include "Catalogue.h"
 #include "Tool.h"
-#include "bus/WaitUntil.h"
 
 namespace ondaro::test {
 namespace {
@@ -13,15 +12,7 @@ using ctl::Kind;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
-class WatchTest : public ToolTest {
- protected:
-  /// For what says on standard error that it waits.
-  std::unique_ptr<ChildProcess> StartAndSee(const Words& arguments, const std::string& sign) const {
-    auto child = Start(arguments);
-    EXPECT_TRUE(WaitUntil([&] { return StandardError().find(sign) != std::string::npos; }));
-    return child;
-  }
-};
+class WatchTest : public ToolTest {};
 
 constexpr char TIME[] = "[0-9]{4}-[0-9][0-9]-[0-9][0-9]T[0-9:]{8}\\.[0-9]{6}Z";
 

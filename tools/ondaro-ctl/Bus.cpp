@@ -7,18 +7,6 @@
 namespace ondaro::ctl {
 namespace {
 
-GDBusConnection* Connect() {
-  GError* error = nullptr;
-  GDBusConnection* const connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
-  if (connection == nullptr) {
-    const GLibError owned(error);
-    throw Failure(ExitCode::BusAbsent,
-                  std::string("the system bus cannot be reached: ") + error->message +
-                      "; is it running, and does DBUS_SYSTEM_BUS_ADDRESS, if set, name it?");
-  }
-  return connection;
-}
-
 struct Answer {
   MainLoop& loop;
   std::function<void()> then;
@@ -39,8 +27,20 @@ void OnAnswer(GObject* connection, GAsyncResult* result, gpointer userData) {
 
 }  // namespace
 
-Bus::Bus(MainLoop& loop) : m_loop(loop), m_pConnection(Connect()) {
-  g_dbus_connection_set_exit_on_close(m_pConnection, FALSE);
+GDBusConnection* ConnectToBus() {
+  GError* error = nullptr;
+  GDBusConnection* const connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+  if (connection == nullptr) {
+    const GLibError owned(error);
+    throw Failure(ExitCode::BusAbsent,
+                  std::string("the system bus cannot be reached: ") + error->message +
+                      "; is it running, and does DBUS_SYSTEM_BUS_ADDRESS, if set, name it?");
+  }
+  g_dbus_connection_set_exit_on_close(connection, FALSE);
+  return connection;
+}
+
+Bus::Bus(MainLoop& loop) : m_loop(loop), m_pConnection(ConnectToBus()) {
   m_nClosedHandler = g_signal_connect(m_pConnection, "closed", G_CALLBACK(OnClosed), this);
 }
 

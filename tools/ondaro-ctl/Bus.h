@@ -10,14 +10,19 @@
 
 namespace ondaro::ctl {
 
-/// The daemon's bus name, which is its interface's as well, its object, and the method by which
-/// applications reach it.
+/// The daemon's bus name, which is its interface's as well, its object, the method by which
+/// applications reach it, and the signal by which it reaches them.
 inline constexpr char DAEMON_NAME[] = "com.halvex.tv.ondaro";
 inline constexpr char DAEMON_PATH[] = "/com/halvex/tv/ondaro";
 inline constexpr char DAEMON_METHOD[] = "sendDataToServer";
+inline constexpr char DAEMON_SIGNAL[] = "sendDataToClient";
 
-/// The process's connection to the system bus, which the library uses as well. While it lives, a
-/// bus that goes away ends the loop with a Failure; when it goes, all that was sent is out.
+/// A reference to the process's connection to the system bus, which the library uses as well; its
+/// end does not end the process. A Failure when the bus cannot be reached.
+GDBusConnection* ConnectToBus();
+
+/// Serves the connection to the system bus: while it lives, a bus that goes away ends the loop with
+/// a Failure; when it goes, all that was sent is out.
 class Bus {
  public:
   /// A Failure when the bus cannot be reached.

@@ -1,7 +1,7 @@
 #ifndef ONDARO_CTL_GLIB_OWNER_H
 #define ONDARO_CTL_GLIB_OWNER_H
 
-#include <glib.h>
+#include <glib-object.h>
 
 #include <memory>
 
@@ -18,6 +18,9 @@ using GLibOwner = std::unique_ptr<T, GLibRelease<T, Release>>;
 
 struct GLibFree {
   void operator()(void* memory) const noexcept { g_free(memory); }
+};
+struct GObjectRelease {
+  void operator()(gpointer object) const noexcept { g_object_unref(object); }
 };
 using GLibText = std::unique_ptr<char, GLibFree>;
 using GLibError = GLibOwner<GError, g_error_free>;

@@ -30,6 +30,7 @@ void AddStoreVerbs(CLI::App& app, Session& session);     // store get|set|watch
 void AddDeviceVerbs(CLI::App& app, Session& session);    // device
 void AddAuthVerbs(CLI::App& app, Session& session);      // auth generate|sign|system-id
 void AddMessageVerbs(CLI::App& app, Session& session);   // serve listen send
+void AddDoctorVerb(CLI::App& app, Session& session);     // doctor
 
 /// How long a verb that waits goes on.
 struct Limits {

@@ -65,6 +65,7 @@ void AddVerbs(CLI::App& app, Session& session) {
   AddDeviceVerbs(app, session);
   AddAuthVerbs(app, session);
   AddMessageVerbs(app, session);
+  AddDoctorVerb(app, session);
   CallThemVerbs(app);
 }
 

@@ -1,0 +1,174 @@
+#include <dlfcn.h>
+
+#include <filesystem>
+
+#include "DoctorChecks.h"
+#include "Verbs.h"
+#include "ondaro/OndaroApi.h"
+#include "ondaro/pal/CPALUtils.h"
+
+namespace ondaro::ctl {
+namespace {
+
+using NOndaroPAL::CPALUtils;
+using State = Finding::State;
+
+struct DoctorOptions {
+  std::string keyFile;
+  std::string certFile;
+  std::string description = ONDARO_INTERFACE_DESCRIPTION;
+};
+
+// ---- Library and store --------------------------------------------------------------------------
+
+/// The file that the process has the library from, links resolved.
+std::string LibraryFile() {
+  Dl_info info{};
+  const auto* const exported = reinterpret_cast<const void*>(&OndaroFactory_GetSystemConfigHandle);
+  std::error_code ignored;
+  return dladdr(exported, &info) == 0
+             ? std::string()
+             : std::filesystem::canonical(info.dli_fname, ignored).string();
+}
+
+/// Below each of the roots that stores keep differently: for good, and until the set is restarted.
+constexpr const char* PROBE_KEYS[] = {"db/ondaro-ctl/doctor", "memory/ondaro-ctl/doctor"};
+
+bool KeepsText(const std::string& key, const std::string& text) {
+  std::string kept;
+  return CPALUtils::SetregSetStr(key, text) && CPALUtils::SetregGetStr(key, kept) && kept == text;
+}
+
+bool KeepsNumber(const std::string& key, int number) {
+  int kept = 0;
+  return CPALUtils::SetregSetInt(key, number) && CPALUtils::SetregGetInt(key, kept) &&
+         kept == number;
+}
+
+}  // namespace
+
+Finding CheckVersion() {
+  const std::string headers = ONDARO_CTL_VERSION;
+  const std::string file = LibraryFile();
+  const std::string mark = ".so.";
+  const std::size_t found = file.rfind(mark);
+  if (found == std::string::npos) {
+    return {State::Unknown, "the library's file '" + file + "' does not tell its version"};
+  }
+  const std::string library = file.substr(found + mark.size());
+  if ((headers + ".").rfind(library + ".", 0) != 0) {
+    throw Failure(ExitCode::Failed, "the library is " + library + " (" + file + "), the headers " +
+                                        headers + "; install both of one release");
+  }
+  return {State::Ok, "the library is " + library + ", the headers " + headers};
+}
+
+Finding CheckStore() {
+  for (const std::string key : PROBE_KEYS) {
+    std::string before;
+    CPALUtils::SetregGetStr(key, before);
+    // No key can be removed: one that was not there stays, empty.
+    const bool isKept = KeepsText(key, "probe") && KeepsNumber(key, -1) && KeepsText(key, before);
+    if (!isKept) {
+      throw Failure(ExitCode::Failed, "the settings store does not keep what is written to '" +
+                                          key + "'; '--log error' shows why");
+    }
+  }
+  return {State::Ok, "the settings store keeps what is written"};
+}
+
+namespace {
+
+const char* NameOf(State state) {
+  switch (state) {
+    case State::Ok:
+      return "ok";
+    case State::Failed:
+      return "failed";
+    case State::Absent:
+      return "absent";
+    default:
+      return "unknown";
+  }
+}
+
+/// Runs the checks, prints each, and remembers what to say of them all.
+class Doctor {
+ public:
+  explicit Doctor(const Output& output) : m_output(output) {}
+
+  template <class Check>
+  static Finding Examine(Check&& check) {
+    try {
+      return std::forward<Check>(check)();
+    } catch (const Failure& failure) {
+      return {failure.Code() == ExitCode::BusAbsent ? State::Absent : State::Failed,
+              failure.what()};
+    } catch (...) {
+      return {State::Failed, "the library failed; '--log error' shows why"};
+    }
+  }
+
+  void Print(const std::string& check, const Finding& finding) {
+    constexpr std::size_t STATE_WIDTH = 9;
+    constexpr std::size_t CHECK_WIDTH = 13;
+    const std::string state = NameOf(finding.state);
+    Json::Value object;
+    object["check"] = check;
+    object["state"] = state;
+    object["message"] = JsonText(finding.message);
+    const std::string shown = finding.state == State::Ok ? state : m_output.Emphasis(state);
+    m_output.Result(shown + std::string(STATE_WIDTH - state.size(), ' ') + check +
+                        std::string(CHECK_WIDTH - check.size(), ' ') + finding.message,
+                    object);
+    m_failed += finding.state == State::Failed ? 1 : 0;
+    m_absent += finding.state == State::Absent ? 1 : 0;
+  }
+
+  void Conclude() const {
+    if (m_failed + m_absent != 0) {
+      throw Failure(m_failed != 0 ? ExitCode::Failed : ExitCode::BusAbsent,
+                    std::to_string(m_failed + m_absent) + " of the checks failed");
+    }
+  }
+
+ private:
+  const Output& m_output;
+  int m_failed = 0;
+  int m_absent = 0;
+};
+
+void RunDoctor(const Output& output, const DoctorOptions& options) {
+  if (options.keyFile.empty() != options.certFile.empty()) {
+    throw Failure(ExitCode::Usage, "--key and --cert go together");
+  }
+  Doctor doctor(output);
+  const Finding description =
+      Doctor::Examine([&] { return CheckDescription(options.description); });
+  doctor.Print("version", Doctor::Examine(CheckVersion));
+  doctor.Print("store", Doctor::Examine(CheckStore));
+  doctor.Print("key-system", Doctor::Examine(CheckKeySystem));
+  doctor.Print("device-key",
+               Doctor::Examine([&] { return CheckDeviceKey(options.keyFile, options.certFile); }));
+  BusChecks bus;
+  doctor.Print("bus", Doctor::Examine([&] { return bus.Reach(); }));
+  doctor.Print("daemon", Doctor::Examine([&] { return bus.Daemon(); }));
+  doctor.Print("policy", Doctor::Examine([&] { return bus.Policy(); }));
+  doctor.Print("description", description);
+  doctor.Conclude();
+}
+
+}  // namespace
+
+void AddDoctorVerb(CLI::App& app, Session& session) {
+  auto options = std::make_shared<DoctorOptions>();
+  CLI::App& doctor = *app.add_subcommand("doctor", "Check the set, and say what to do about it");
+  doctor.add_option("--key", options->keyFile, "Check this device key instead of a new one")
+      ->type_name("FILE");
+  doctor.add_option("--cert", options->certFile, "The certificate of that key")->type_name("FILE");
+  doctor.add_option("--description", options->description, "Check this interface description")
+      ->type_name("FILE");
+  OnVerb(doctor, session, options, RunDoctor);
+}
+
+}  // namespace ondaro::ctl
