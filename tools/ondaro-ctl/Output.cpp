@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <sstream>
 
 #include "ExitCode.h"
 #include "GLibOwner.h"
@@ -36,11 +38,12 @@ int WriteAll(int descriptor, std::string_view text) {
   return 0;
 }
 
-std::string Compact(const Json::Value& object) {
+/// Making it takes longer than writing an object.
+std::unique_ptr<Json::StreamWriter> MakeCompactWriter() {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";
   builder["emitUTF8"] = true;
-  return Json::writeString(builder, object);
+  return std::unique_ptr<Json::StreamWriter>(builder.newStreamWriter());
 }
 
 }  // namespace
@@ -60,7 +63,7 @@ void Output::Line(std::string_view text) const {
 }
 
 void Output::Result(std::string_view text, const Json::Value& object) const {
-  Line(m_json ? Compact(object) : text);
+  Line(m_json ? CompactJson(object) : text);
 }
 
 void Output::Ready() const {
@@ -90,7 +93,17 @@ std::string Output::Emphasis(std::string_view text) const {
   return std::string(BOLD) + std::string(text) + std::string(PLAIN);
 }
 
+std::string CompactJson(const Json::Value& object) {
+  static const std::unique_ptr<Json::StreamWriter> WRITER = MakeCompactWriter();
+  std::ostringstream text;
+  WRITER->write(object, &text);
+  return text.str();
+}
+
 Json::Value JsonText(std::string_view bytes) {
+  if (bytes.empty()) {
+    return "";
+  }
   const GLibText valid(g_utf8_make_valid(bytes.data(), static_cast<gssize>(bytes.size())));
   return valid.get();
 }

@@ -42,6 +42,9 @@ class Output {
   bool m_colourErr;
 };
 
+/// The object as one line.
+std::string CompactJson(const Json::Value& object);
+
 /// `bytes` as a JSON string, in which what is not UTF-8 is replaced.
 Json::Value JsonText(std::string_view bytes);
 
