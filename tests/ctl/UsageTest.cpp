@@ -46,6 +46,7 @@ const WrongUse WRONG_USES[] = {
     {{"serve"}, 2, "EVENT is required"},
     {{"listen"}, 2, "EVENT is required"},
     {{"send", "EVENT"}, 2, "DATA is required"},
+    {{"trace", "--format", "svg"}, 2, "none of summary, chrome, mermaid"},
 
     {{"get", "NOPE"}, 3, "'ondaro-ctl list'"},
     {{"get", "status"}, 3, "did you mean ONDARO_STATUS or ONDARO_TOS_STATUS?"},
@@ -65,6 +66,7 @@ const WrongUse WRONG_USES[] = {
     {{"store", "set", "/a//b", "x"}, 1, "--log error"},
     {{"store", "watch", "/a//b"}, 1, "refused"},
     {{"load", "/no/such/file"}, 1, "/no/such/file"},
+    {{"trace", "/no/such/file"}, 1, "/no/such/file"},
 };
 
 TEST_F(UsageTest, WrongUsesSayWhatToDo) {

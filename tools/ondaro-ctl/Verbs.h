@@ -31,6 +31,7 @@ void AddDeviceVerbs(CLI::App& app, Session& session);    // device
 void AddAuthVerbs(CLI::App& app, Session& session);      // auth generate|sign|system-id
 void AddMessageVerbs(CLI::App& app, Session& session);   // serve listen send
 void AddDoctorVerb(CLI::App& app, Session& session);     // doctor
+void AddTraceVerbs(CLI::App& app, Session& session);     // trace
 
 /// How long a verb that waits goes on.
 struct Limits {

@@ -66,6 +66,7 @@ void AddVerbs(CLI::App& app, Session& session) {
   AddAuthVerbs(app, session);
   AddMessageVerbs(app, session);
   AddDoctorVerb(app, session);
+  AddTraceVerbs(app, session);
   CallThemVerbs(app);
 }
 
