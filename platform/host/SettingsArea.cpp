@@ -44,7 +44,8 @@ auto SettingsArea::Attempt(Access access, Operation operation) {
     try {
       return operation(database);
     } catch (const SettingsError& error) {
-      if (error.What() == SettingsError::Kind::BUSY) {
+      const bool hasFailed = error.What() == SettingsError::Kind::FAILED;
+      if (error.What() == SettingsError::Kind::BUSY || (hasFailed && !database.Revoke())) {
         throw;
       }
       // A read that failed once can look like damage, so that is looked at twice.
@@ -52,7 +53,7 @@ auto SettingsArea::Attempt(Access access, Operation operation) {
       m_damaged = isDamaged && isSuspected;
       isSuspected = isDamaged;
       m_database.reset();
-      if (error.What() == SettingsError::Kind::FAILED || attempt == ATTEMPTS) {
+      if (hasFailed || attempt == ATTEMPTS) {
         throw;
       }
     }
@@ -81,15 +82,8 @@ void SettingsArea::Remember(std::string_view key, const std::optional<SettingsVa
 void SettingsArea::Write(std::string_view key, const SettingsValue& value) {
   std::lock_guard lock(m_mutex);
   Attempt(Access::WRITE, [&](SettingsDatabase& database) {
-    try {
-      if (!TryWrite(database, key, value)) {
-        throw SettingsError(SettingsError::Kind::REPLACED, m_path + " keeps being replaced");
-      }
-    } catch (const SettingsError& error) {
-      if (error.What() == SettingsError::Kind::FAILED) {
-        database.Revoke();
-      }
-      throw;
+    if (!TryWrite(database, key, value)) {
+      throw SettingsError(SettingsError::Kind::REPLACED, m_path + " keeps being replaced");
     }
   });
 }

@@ -284,16 +284,21 @@ void SettingsDatabase::CollectLastValues(std::int64_t position, std::int64_t flo
             [](const auto& one, const auto& other) { return one.sequence < other.sequence; });
 }
 
-void SettingsDatabase::Revoke() noexcept {
+bool SettingsDatabase::Revoke() noexcept {
+  if (!m_hasFailedCommit) {
+    return true;
+  }
   // Pages that changed to and fro are written all the same, over what was left.
-  sqlite3_exec(m_connection.get(),
-               "BEGIN IMMEDIATE; UPDATE log_floor SET seq=seq+1; UPDATE log_floor SET seq=seq-1;"
-               " COMMIT",
-               nullptr, nullptr, nullptr);
+  const int code = sqlite3_exec(
+      m_connection.get(),
+      "BEGIN IMMEDIATE; UPDATE log_floor SET seq=seq+1; UPDATE log_floor SET seq=seq-1; COMMIT",
+      nullptr, nullptr, nullptr);
   if (sqlite3_get_autocommit(m_connection.get()) == 0) {
     sqlite3_step(m_rollback.get());
     sqlite3_reset(m_rollback.get());
   }
+  m_hasFailedCommit = code != SQLITE_OK;
+  return !m_hasFailedCommit;
 }
 
 SettingsDatabase::Write::Write(SettingsDatabase& database) : m_database(database) {
@@ -322,7 +327,9 @@ void SettingsDatabase::Write::TrimLog(std::int64_t upTo) {
 }
 
 void SettingsDatabase::Write::Commit() {
+  m_database.m_hasFailedCommit = true;
   m_database.RunPlain(m_database.m_commit);
+  m_database.m_hasFailedCommit = false;
   m_open = false;
 }
 

@@ -48,8 +48,9 @@ class SettingsDatabase {
                                               const std::vector<std::string>& keys);
 
   /// Takes back what a failed commit may have left in the engine's log: written whole, but not
-  /// synced, it would be found committed by whoever reads that log anew.
-  void Revoke() noexcept;
+  /// synced, it would be found committed by whoever reads that log anew. False when it stays there;
+  /// nobody reads the log anew while this connection is open.
+  bool Revoke() noexcept;
 
   /// A write transaction, rolled back unless committed.
   class Write {
@@ -94,6 +95,7 @@ class SettingsDatabase {
   std::string m_path;
   std::function<void()> m_onWait;
   std::chrono::steady_clock::time_point m_busyDeadline;
+  bool m_hasFailedCommit = false;
   Connection m_connection;  // before its statements, so that they go first
   Statement m_get;
   Statement m_getWithSequence;

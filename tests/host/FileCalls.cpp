@@ -9,9 +9,13 @@
 #include <array>
 #include <cerrno>
 #include <cstdarg>
+#include <string_view>
+#include <type_traits>
 
 namespace ondaro::test {
 namespace {
+
+using Kind = FileCall::Kind;
 
 thread_local const FileWatcher* t_watcher = nullptr;
 
@@ -22,35 +26,27 @@ std::string PathOf(int fd) {
   return {path.data(), size > 0 ? static_cast<std::size_t>(size) : 0};
 }
 
-/// True when the call shall fail, with errno set.
-template <typename MakeCall>
-bool IsToFail(MakeCall makeCall) {
-  const FileWatcher* const watcher = t_watcher;
-  if (watcher == nullptr) {
-    return false;
+/// Makes the system call, unless the watcher lets it fail. `path` is a name or a descriptor.
+template <typename Path, typename... Arguments>
+long Call(Kind kind, Path path, off_t offset, std::string_view data, long number,
+          Arguments... arguments) {
+  if (const FileWatcher* const watcher = t_watcher) {
+    t_watcher = nullptr;
+    const int before = errno;
+    FileCall call{kind, {}, offset, std::string(data)};
+    if constexpr (std::is_same_v<Path, int>) {
+      call.path = PathOf(path);
+    } else {
+      call.path = path;
+    }
+    const int error = (*watcher)(call);
+    errno = error != 0 ? error : before;
+    t_watcher = watcher;
+    if (error != 0) {
+      return -1;
+    }
   }
-  t_watcher = nullptr;
-  const int before = errno;
-  const int error = (*watcher)(makeCall());
-  errno = error != 0 ? error : before;
-  t_watcher = watcher;
-  return error != 0;
-}
-
-using Kind = FileCall::Kind;
-
-template <typename... Arguments>
-long Call(long number, const FileCall& call, Arguments... arguments) {
-  return IsToFail([&] { return call; }) ? -1 : syscall(number, arguments...);
-}
-
-template <typename... Arguments>
-long CallOn(int fd, Kind kind, off_t offset, long number, Arguments... arguments) {
-  return IsToFail([&] {
-    return FileCall{kind, PathOf(fd), offset, {}};
-  })
-             ? -1
-             : syscall(number, fd, arguments...);
+  return syscall(number, arguments...);
 }
 
 }  // namespace
@@ -62,7 +58,8 @@ FileWatch::~FileWatch() { t_watcher = nullptr; }
 
 }  // namespace ondaro::test
 
-using namespace ondaro::test;
+using ondaro::test::Call;
+using ondaro::test::Kind;
 
 // The engine calls the names that end in 64, the backend the others; both are the same calls here.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): nor are the system's allowed
@@ -74,54 +71,41 @@ int open64(const char* path, int flags, ...) {
   const int mode = va_arg(rest, int);  // NOLINT(clang-analyzer-valist.Uninitialized)
   va_end(rest);
   const bool creates = (flags & O_CREAT) != 0 && access(path, F_OK) != 0;
-  return static_cast<int>(Call(SYS_openat, {creates ? Kind::CREATE : Kind::OPEN, path, 0, {}},
+  return static_cast<int>(Call(creates ? Kind::CREATE : Kind::OPEN, path, 0, {}, SYS_openat,
                                AT_FDCWD, path, flags, mode));
 }
-int open(const char* path, int flags, ...) {
-  va_list rest;
-  va_start(rest, flags);
-  const int mode = va_arg(rest, int);  // NOLINT(clang-analyzer-valist.Uninitialized)
-  va_end(rest);
-  return open64(path, flags, mode);
-}
 ssize_t pread64(int fd, void* data, size_t size, off_t offset) {
-  return CallOn(fd, Kind::READ, offset, SYS_pread64, data, size, offset);
-}
-ssize_t pread(int fd, void* data, size_t size, off_t offset) {
-  return pread64(fd, data, size, offset);
+  return Call(Kind::READ, fd, offset, {}, SYS_pread64, fd, data, size, offset);
 }
 ssize_t pwrite64(int fd, const void* data, size_t size, off_t offset) {
-  const bool fails = IsToFail([&] {
-    return FileCall{Kind::WRITE, PathOf(fd), offset, {static_cast<const char*>(data), size}};
-  });
-  return fails ? -1 : syscall(SYS_pwrite64, fd, data, size, offset);
-}
-ssize_t pwrite(int fd, const void* data, size_t size, off_t offset) {
-  return pwrite64(fd, data, size, offset);
+  return Call(Kind::WRITE, fd, offset, {static_cast<const char*>(data), size}, SYS_pwrite64, fd,
+              data, size, offset);
 }
 int ftruncate64(int fd, off_t length) noexcept {
-  return static_cast<int>(CallOn(fd, Kind::TRUNCATE, length, SYS_ftruncate, length));
+  return static_cast<int>(Call(Kind::TRUNCATE, fd, length, {}, SYS_ftruncate, fd, length));
 }
-int ftruncate(int fd, off_t length) noexcept { return ftruncate64(fd, length); }
-int fdatasync(int fd) { return static_cast<int>(CallOn(fd, Kind::SYNC, 0, SYS_fdatasync)); }
-int fsync(int fd) { return static_cast<int>(CallOn(fd, Kind::SYNC, 0, SYS_fsync)); }
+int fdatasync(int fd) { return static_cast<int>(Call(Kind::SYNC, fd, 0, {}, SYS_fdatasync, fd)); }
+int fsync(int fd) { return static_cast<int>(Call(Kind::SYNC, fd, 0, {}, SYS_fsync, fd)); }
 int unlink(const char* path) noexcept {
-  return static_cast<int>(Call(SYS_unlink, {Kind::REMOVE, path, 0, {}}, path));
+  return static_cast<int>(Call(Kind::REMOVE, path, 0, {}, SYS_unlink, path));
 }
 int rename(const char* from, const char* to) noexcept {
-  return static_cast<int>(Call(SYS_rename, {Kind::RENAME, from, 0, to}, from, to));
+  return static_cast<int>(Call(Kind::RENAME, from, 0, to, SYS_rename, from, to));
 }
 void* mmap64(void* address, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
-  const bool fails = fd >= 0 && IsToFail([&] {
-                       return FileCall{Kind::MAP, PathOf(fd), offset, {}};
-                     });
-  return fails ? MAP_FAILED
-               : reinterpret_cast<void*>(  // NOLINT(performance-no-int-to-ptr)
-                     syscall(SYS_mmap, address, size, protection, flags, fd, offset));
+  const long result = fd < 0 ? syscall(SYS_mmap, address, size, protection, flags, fd, offset)
+                             : Call(Kind::MAP, fd, offset, {}, SYS_mmap, address, size, protection,
+                                    flags, fd, offset);
+  return reinterpret_cast<void*>(result);  // NOLINT(performance-no-int-to-ptr)
 }
-void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
-  return mmap64(address, size, protection, flags, fd, offset);
-}
+
+int open(const char* path, int flags, ...) __attribute__((alias("open64")));
+ssize_t pread(int fd, void* data, size_t size, off_t offset) __attribute__((alias("pread64")));
+ssize_t pwrite(int fd, const void* data, size_t size, off_t offset)
+    __attribute__((alias("pwrite64")));
+int ftruncate(int fd, off_t length) noexcept __attribute__((alias("ftruncate64")));
+void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset) noexcept
+    __attribute__((alias("mmap64")));
 
 }  // extern "C"
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)

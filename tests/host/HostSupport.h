@@ -13,6 +13,7 @@
 
 namespace ondaro::test {
 
+/// Goes with its object, but not with the copies of it that forked processes have.
 class TemporaryDirectory {
  public:
   explicit TemporaryDirectory(
@@ -25,8 +26,9 @@ class TemporaryDirectory {
   }
   ~TemporaryDirectory() {
     std::error_code ignored;
-    std::filesystem::permissions(m_path, std::filesystem::perms::owner_all, ignored);
-    std::filesystem::remove_all(m_path, ignored);
+    if (m_owner == getpid()) {
+      std::filesystem::remove_all(m_path, ignored);
+    }
   }
   TemporaryDirectory(const TemporaryDirectory&) = delete;
   TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
@@ -36,6 +38,7 @@ class TemporaryDirectory {
 
  private:
   std::filesystem::path m_path;
+  const pid_t m_owner = getpid();
 };
 
 /// Where a sync costs nothing, for tests of what is not the disk's.
@@ -46,7 +49,7 @@ inline std::filesystem::path FastDirectory() {
 
 /// The process's own state directory, from the first call on. The settings in it outlast a test.
 inline const TemporaryDirectory& StateDirectory() {
-  static const TemporaryDirectory directory;
+  static const TemporaryDirectory directory(FastDirectory());
   setenv("ONDARO_HOST_STATE", directory.Path().c_str(), 1);
   return directory;
 }

@@ -1,88 +1,73 @@
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 
-#include <fstream>
 #include <map>
-#include <optional>
 #include <string>
 
+#include "HostSupport.h"
 #include "StateDirectory.h"
-#include "host/StoreProcess.h"
 
 namespace ondaro::test {
 namespace {
 
 namespace fs = std::filesystem;
 
-/// Sets the variables for the test and gives them back after it.
-class StateDirectoryTest : public testing::Test {
- protected:
-  ~StateDirectoryTest() override {
-    for (const auto& [name, value] : m_before) Put(name, value);
-  }
-
-  void Environment(const std::map<std::string, fs::path>& variables) {
-    for (const char* name : {"ONDARO_HOST_STATE", "XDG_STATE_HOME", "XDG_RUNTIME_DIR", "HOME"}) {
-      const char* before = getenv(name);
-      m_before.try_emplace(name,
-                           before != nullptr ? std::optional<std::string>(before) : std::nullopt);
-      const auto wanted = variables.find(name);
-      Put(name, wanted != variables.end() ? std::optional(wanted->second.string()) : std::nullopt);
-    }
-  }
-  fs::path Root() const { return m_root.Path(); }
-
- private:
-  static void Put(const std::string& name, const std::optional<std::string>& value) {
-    value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
-  }
-
-  TemporaryDirectory m_root;
-  std::map<std::string, std::optional<std::string>> m_before;
-};
-
-TEST_F(StateDirectoryTest, IsTheFirstOfItsPlacesAndPrivate) {
-  const fs::path home = Root() / "home";
-  Environment({{"HOME", home}});
-  EXPECT_EQ(host::StateDirectory(), home / ".local/state/ondaro");
-  Environment({{"HOME", home}, {"XDG_STATE_HOME", "relative/is/ignored"}});
-  EXPECT_EQ(host::StateDirectory(), home / ".local/state/ondaro");
-  Environment({{"HOME", home}, {"XDG_STATE_HOME", Root() / "xdg"}});
-  EXPECT_EQ(host::StateDirectory(), Root() / "xdg/ondaro");
-  Environment({{"XDG_STATE_HOME", Root() / "xdg"}, {"ONDARO_HOST_STATE", Root() / "own/deep"}});
-  EXPECT_EQ(host::StateDirectory(), Root() / "own/deep");
-
-  struct stat status = {};
-  ASSERT_EQ(stat((Root() / "own/deep").c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777U, 0700U);
+/// What `look` finds in a process that has these variables and no others of them.
+template <typename Look>
+void With(const std::map<std::string, fs::path>& variables, Look look) {
+  EXPECT_EQ(RunInChild([&] {
+              for (const char* name :
+                   {"ONDARO_HOST_STATE", "XDG_STATE_HOME", "XDG_RUNTIME_DIR", "HOME"}) {
+                unsetenv(name);
+              }
+              for (const auto& [name, value] : variables) {
+                setenv(name.c_str(), value.c_str(), 1);
+              }
+              look();
+              _exit(testing::Test::HasFailure() ? 1 : 0);
+            }),
+            0);
 }
 
-TEST_F(StateDirectoryTest, WhatAnEarlierBootLeftIsRemoved) {
-  Environment({{"ONDARO_HOST_STATE", Root() / "own"}, {"XDG_RUNTIME_DIR", Root() / "runtime"}});
-  fs::create_directories(Root() / "own/run/an-earlier-boot");
-  std::ofstream(Root() / "own/run/an-earlier-boot/memory.db") << "old";
-  const fs::path run = host::RuntimeDirectory();
-  EXPECT_EQ(run.parent_path(), Root() / "own/run");
-  EXPECT_TRUE(fs::is_directory(run));
-  EXPECT_FALSE(fs::exists(Root() / "own/run/an-earlier-boot"));
-
-  std::ofstream(run / "memory.db") << "this boot's";
-  EXPECT_EQ(host::RuntimeDirectory(), run);
-  EXPECT_TRUE(fs::exists(run / "memory.db"));
-
-  Environment({{"HOME", Root()}, {"XDG_RUNTIME_DIR", Root() / "runtime"}});
-  EXPECT_EQ(fs::path(host::RuntimeDirectory()).parent_path(), Root() / "runtime/ondaro");
+TEST(HostDirectory, IsTheFirstOfItsPlacesAndPrivate) {
+  const TemporaryDirectory root;
+  const auto expect = [&](const std::map<std::string, fs::path>& variables, const char* place) {
+    With(variables, [&] { EXPECT_EQ(host::StateDirectory(), root / place); });
+  };
+  const fs::path home = root / "home";
+  expect({{"HOME", home}}, "home/.local/state/ondaro");
+  expect({{"HOME", home}, {"XDG_STATE_HOME", "relative"}}, "home/.local/state/ondaro");
+  expect({{"HOME", home}, {"XDG_STATE_HOME", root / "xdg"}}, "xdg/ondaro");
+  expect({{"XDG_STATE_HOME", root / "xdg"}, {"ONDARO_HOST_STATE", root / "own/deep"}}, "own/deep");
+  EXPECT_EQ(fs::status(root / "own/deep").permissions(), fs::perms::owner_all);
 }
 
-TEST_F(StateDirectoryTest, FileInItsPlaceIsAnErrorAndKept) {
-  std::ofstream(Root() / "file") << "text";
-  Environment({{"ONDARO_HOST_STATE", Root() / "file"}});
-  EXPECT_EQ(host::StateDirectory(), "");
-  EXPECT_EQ(errno, ENOTDIR);
-  Environment({{"ONDARO_HOST_STATE", Root() / "file/below"}});
-  EXPECT_EQ(host::StateDirectory(), "");
-  EXPECT_TRUE(fs::is_regular_file(Root() / "file"));
+TEST(HostDirectory, WhatAnEarlierBootLeftIsRemoved) {
+  const TemporaryDirectory root;
+  fs::create_directories(root / "own/run/an-earlier-boot");
+  With({{"ONDARO_HOST_STATE", root / "own"}, {"XDG_RUNTIME_DIR", root / "runtime"}}, [&] {
+    const fs::path run = host::RuntimeDirectory();
+    EXPECT_EQ(run.parent_path(), root / "own/run");
+    EXPECT_FALSE(fs::exists(root / "own/run/an-earlier-boot"));
+    WriteFile(run / "memory.db", "this boot's");
+    EXPECT_EQ(host::RuntimeDirectory(), run);
+    EXPECT_TRUE(fs::exists(run / "memory.db"));
+  });
+  With({{"HOME", root.Path()}, {"XDG_RUNTIME_DIR", root / "runtime"}}, [&] {
+    EXPECT_EQ(fs::path(host::RuntimeDirectory()).parent_path(), root / "runtime/ondaro");
+  });
+}
+
+TEST(HostDirectory, FileInItsPlaceIsAnErrorAndKept) {
+  const TemporaryDirectory root;
+  WriteFile(root / "file", "text");
+  With({{"ONDARO_HOST_STATE", root / "file"}}, [] {
+    EXPECT_EQ(host::StateDirectory(), "");
+    EXPECT_EQ(errno, ENOTDIR);
+  });
+  With({{"ONDARO_HOST_STATE", root / "file/below"}}, [] { EXPECT_EQ(host::StateDirectory(), ""); });
+  EXPECT_EQ(ReadFile(root / "file"), "text");
 }
 
 }  // namespace

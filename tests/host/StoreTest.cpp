@@ -1,26 +1,22 @@
-// The store as its callers know it: values, processes, and changes called back. The directory is
-// the executable's, since a process has one store; each test has keys of its own.
+// What the store promises beyond the seam: its keys, the contexts of its calls, forks, and what
+// comes of a subscriber in an unusual moment. The directory is the executable's, since a process
+// has one store; each test has keys of its own.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
-#include <climits>
-#include <cstdlib>
 #include <functional>
 #include <future>
-#include <map>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "FileCalls.h"
+#include "HostSupport.h"
 #include "SettingsLimits.h"
+#include "StoreArea.h"
 #include "bus/WaitUntil.h"
-#include "host/StoreProcess.h"
 #include "platform/Log.h"
 #include "platform/SettingsStore.h"
 
@@ -38,84 +34,74 @@ int platform_log_print(int, int priority, const char*, const char*, ...) {
 namespace ondaro::test {
 namespace {
 
-std::optional<std::string> GetString(const std::string& key) {
-  const std::unique_ptr<char, decltype(&std::free)> value(platform_settings_get_string(key.c_str()),
-                                                          &std::free);
-  return value ? std::optional<std::string>(value.get()) : std::nullopt;
+using Values = std::vector<std::string>;
+
+std::string Get(const std::string& key) {
+  char* value = platform_settings_get_string(key.c_str());
+  std::string text = value != nullptr ? value : "(none)";
+  std::free(value);
+  return text;
 }
 
-int SetString(const std::string& key, const std::string& value) {
-  return platform_settings_set_string(key.c_str(), value.c_str());
+bool Set(const std::string& key, const std::string& value) {
+  return platform_settings_set_string(key.c_str(), value.c_str()) == 0;
 }
 
-/// The directory of this executable, for as long as it runs.
-class Directory : public testing::Environment {
- public:
-  void SetUp() override {
-    m_directory = std::make_unique<TemporaryDirectory>();
-    setenv("ONDARO_HOST_STATE", m_directory->Path().c_str(), 1);
-    g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
+/// Registered before the store is first used, so what that leaves to be destroyed has gone by then.
+std::string g_keyAtExit;
+[[maybe_unused]] const int g_isRegistered = std::atexit([] {
+  if (!g_keyAtExit.empty()) {
+    Set(g_keyAtExit, Get(g_keyAtExit) + ", late");
   }
-  void TearDown() override { m_directory.reset(); }
-
-  std::filesystem::path Path() const { return m_directory->Path(); }
-
- private:
-  std::unique_ptr<TemporaryDirectory> m_directory;
-};
-
-Directory* const g_directory =
-    static_cast<Directory*>(testing::AddGlobalTestEnvironment(new Directory));
+});
 
 /// Notes what it is called with, then does what the test wants done from within.
 struct Recorder {
-  std::vector<std::string> values;
+  Values values;
   std::thread::id thread;
   std::function<void()> action;
 
   static void Changed(platform_settings_node* node, void* userData) {
     auto* self = static_cast<Recorder*>(userData);
-    const char* text = platform_settings_node_string(node);
-    self->values.emplace_back(text != nullptr ? text
-                                              : std::to_string(platform_settings_node_int(node)));
+    self->values.emplace_back(platform_settings_node_string(node));
     self->thread = std::this_thread::get_id();
-    if (self->action) self->action();
+    if (self->action) {
+      self->action();
+    }
   }
   /// Another function of the same use, since key and function are what identifies.
   static void ChangedToo(platform_settings_node* node, void* userData) { Changed(node, userData); }
 };
 
-using Values = std::vector<std::string>;
-
-class Store : public testing::TestWithParam<const char*> {
+class Store : public testing::TestWithParam<std::string> {
  protected:
+  Store() { StateDirectory(); }
   ~Store() override {
     for (const auto& [key, callback] : m_subscribed) {
       platform_settings_unsubscribe(key.c_str(), callback);
     }
   }
 
-  std::string Key(const std::string& name) const {
-    const std::string area = GetParam();
-    return area + "/" + testing::UnitTest::GetInstance()->current_test_info()->name() + "/" + name;
+  static std::string Key(const std::string& name) {
+    return GetParam() + "/" + testing::UnitTest::GetInstance()->current_test_info()->name() + "/" +
+           name;
   }
-  int Subscribe(const std::string& key, Recorder& recorder,
-                platform_settings_changed_cb callback = &Recorder::Changed) {
+  void Subscribe(const std::string& key, Recorder& recorder,
+                 platform_settings_changed_cb callback = &Recorder::Changed) {
     m_subscribed.emplace_back(key, callback);
-    return platform_settings_subscribe(key.c_str(), callback, &recorder);
+    EXPECT_EQ(platform_settings_subscribe(key.c_str(), callback, &recorder), 0);
   }
-  static int Unsubscribe(const std::string& key,
-                         platform_settings_changed_cb callback = &Recorder::Changed) {
-    return platform_settings_unsubscribe(key.c_str(), callback);
+  static bool Unsubscribe(const std::string& key,
+                          platform_settings_changed_cb callback = &Recorder::Changed) {
+    return platform_settings_unsubscribe(key.c_str(), callback) == 0;
   }
   /// Returns when all that has been written so far has been called back.
   void Settle() {
     Recorder last;
-    const std::string key = Key("settle");
-    ASSERT_EQ(platform_settings_subscribe(key.c_str(), &Recorder::ChangedToo, &last), 0);
-    SetString(key, "settled");
+    Subscribe(Key("settle"), last, &Recorder::ChangedToo);
+    Set(Key("settle"), "settled");
     EXPECT_TRUE(WaitUntil([&] { return !last.values.empty(); }));
-    platform_settings_unsubscribe(key.c_str(), &Recorder::ChangedToo);
+    Unsubscribe(Key("settle"), &Recorder::ChangedToo);
   }
 
  private:
@@ -123,343 +109,175 @@ class Store : public testing::TestWithParam<const char*> {
 };
 
 INSTANTIATE_TEST_SUITE_P(Areas, Store, testing::Values("db", "memory"),
-                         [](const auto& area) { return std::string(area.param); });
+                         [](const auto& area) { return area.param; });
 
-TEST_P(Store, ValuesComeBackByteForByte) {
-  std::string everyByte;
-  for (int byte = 1; byte <= UCHAR_MAX; ++byte) everyByte += static_cast<char>(byte);
-  for (const std::string& value : {std::string(), everyByte, std::string(1 << 20, 'x')}) {
-    ASSERT_EQ(SetString(Key("text"), value), 0);
-    EXPECT_EQ(GetString(Key("text")), value);
-  }
-  for (const int value : {0, 1, 2, -1, INT_MIN, INT_MAX}) {
-    int read = 7;
-    ASSERT_EQ(platform_settings_set_int(Key("number").c_str(), value), 0);
-    ASSERT_EQ(platform_settings_get_int(Key("number").c_str(), &read), 0);
-    EXPECT_EQ(read, value);
-    ASSERT_EQ(platform_settings_set_bool(Key("bool").c_str(), value), 0);
-    ASSERT_EQ(platform_settings_get_bool(Key("bool").c_str(), &read), 0);
-    EXPECT_EQ(read, value);
-  }
-}
-
-TEST_P(Store, TextAndIntegerAreDistinctAndAMissingKeyIsNeither) {
-  const std::string key = Key("key");
-  const auto failsAsInt = [&] {
-    int value = 7;
-    return platform_settings_get_int(key.c_str(), &value) != 0 &&
-           platform_settings_get_bool(key.c_str(), &value) != 0 && value == 7;
-  };
-  EXPECT_EQ(GetString(key), std::nullopt);
-  EXPECT_TRUE(failsAsInt());
-  ASSERT_EQ(SetString(key, "42"), 0);
-  EXPECT_TRUE(failsAsInt());
-  ASSERT_EQ(platform_settings_set_int(key.c_str(), 42), 0);
-  EXPECT_EQ(GetString(key), std::nullopt);
-}
-
-TEST_P(Store, BadKeysAreRefusedEverywhereAndTouchNothing) {
+TEST_P(Store, BadKeysAndNullPointersAreRefusedWithALineEach) {
   const std::string area = GetParam();
-  const std::string atLimit = area + "/" + std::string(255 - area.size() - 1, 'k');
-  ASSERT_EQ(SetString(atLimit, "value"), 0);
-  EXPECT_EQ(GetString(atLimit), "value");
-  const std::vector<std::string> bad = {"",
-                                        "/" + area,
-                                        area + "/",
-                                        area + "//k",
-                                        "./" + area,
-                                        area + "/.",
-                                        area + "/../k",
-                                        "../" + area,
-                                        atLimit + "k",
-                                        area + "/\xff",
-                                        area + "/\xc3"};
-  for (const std::string& key : bad) {
+  const std::string longest = area + "/" + std::string(255 - area.size() - 1, 'k');
+  for (const std::string& key :
+       {longest, area + "/.hidden", area + "/...", area + "/\xc3\xa4", area + "s"}) {
+    EXPECT_TRUE(Set(key, "value")) << key;
+    EXPECT_EQ(Get(key), "value") << key;
+  }
+  for (const std::string& key :
+       {std::string(), "/" + area, area + "/", area + "//k", "./" + area, area + "/.",
+        area + "/../k", "../" + area, longest + "k", area + "/\xff", area + "/\xc3"}) {
     int value = 7;
     const int before = g_errorLines;
-    EXPECT_NE(SetString(key, "value"), 0) << key;
+    EXPECT_FALSE(Set(key, "value")) << key;
     EXPECT_NE(platform_settings_set_int(key.c_str(), 1), 0) << key;
-    EXPECT_EQ(GetString(key), std::nullopt) << key;
+    EXPECT_EQ(Get(key), "(none)") << key;
     EXPECT_NE(platform_settings_get_int(key.c_str(), &value), 0) << key;
     EXPECT_NE(platform_settings_subscribe(key.c_str(), &Recorder::Changed, nullptr), 0) << key;
-    EXPECT_NE(platform_settings_unsubscribe(key.c_str(), &Recorder::Changed), 0) << key;
+    EXPECT_FALSE(Unsubscribe(key)) << key;
     EXPECT_EQ(value, 7);
     EXPECT_EQ(g_errorLines - before, 6) << key;
   }
-  for (const std::string& key :
-       {area + "/.hidden", area + "/...", area + "/\xc3\xa4", area + "s"}) {
-    EXPECT_EQ(SetString(key, "value"), 0) << key;
-  }
-}
-
-TEST_P(Store, NullPointersAreRefused) {
-  const std::string key = Key("key");
-  EXPECT_NE(platform_settings_set_string(key.c_str(), nullptr), 0);
+  EXPECT_NE(platform_settings_set_string(longest.c_str(), nullptr), 0);
   EXPECT_NE(platform_settings_set_string(nullptr, "value"), 0);
   EXPECT_EQ(platform_settings_get_string(nullptr), nullptr);
-  ASSERT_EQ(platform_settings_set_int(key.c_str(), 1), 0);
-  EXPECT_NE(platform_settings_get_int(key.c_str(), nullptr), 0);
-  EXPECT_NE(platform_settings_subscribe(key.c_str(), nullptr, nullptr), 0);
+  EXPECT_NE(platform_settings_subscribe(longest.c_str(), nullptr, nullptr), 0);
+  ASSERT_EQ(platform_settings_set_int(longest.c_str(), 1), 0);
+  EXPECT_NE(platform_settings_get_int(longest.c_str(), nullptr), 0);
 }
 
-TEST_P(Store, ValueSetByOneProcessIsReadByAnother) {
-  StoreProcess other(g_directory->Path());
-  for (const std::string value : {"one", "two", "two", "three"}) {
-    ASSERT_EQ(other.Ask("set " + Key("key") + " " + value), "0");
-    EXPECT_EQ(GetString(Key("key")), value);
-    ASSERT_EQ(SetString(Key("key"), "answer-to-" + value), 0);
-    EXPECT_EQ(other.Ask("get " + Key("key")), "answer-to-" + value);
-    EXPECT_EQ(other.Ask("get " + Key("missing")), "(null)");
+TEST_P(Store, SyncsItsDurableKeysBeforeTheSetReturns) {
+  Set(Key("key"), "opened");
+  int syncs = 0;
+  const FileWatch watch([&](const FileCall& call) {
+    syncs += call.kind == FileCall::Kind::SYNC ? 1 : 0;
+    return 0;
+  });
+  for (int write = 1; write <= 5; ++write) {
+    EXPECT_TRUE(Set(Key("key"), "value"));
+    EXPECT_TRUE(GetParam() == "db" ? syncs >= write : syncs == 0) << syncs;
   }
-}
-
-TEST_P(Store, WritesInARowFromTwoProcessesReachAThirdCompleteAndInOrder) {
-  const int count = GetParam() == std::string("memory") ? 1000 : 200;  // these wait for the disk
-  const std::size_t expected = 2 * static_cast<std::size_t>(count);
-  Recorder other;
-  Recorder shared;
-  ASSERT_EQ(SetString(Key("large"), std::string(1 << 20, 'x')), 0);  // to be no one's burden
-  ASSERT_EQ(Subscribe(Key("other"), other), 0);
-  ASSERT_EQ(Subscribe(Key("shared"), shared), 0);
-  StoreProcess one(g_directory->Path());
-  StoreProcess two(g_directory->Path());
-  one.Begin("burst " + Key("shared") + " " + std::to_string(count) + " one");
-  two.Begin("burst " + Key("shared") + " " + std::to_string(count) + " two");
-  EXPECT_TRUE(WaitUntil([&] { return shared.values.size() >= expected; }));
-  EXPECT_EQ(one.Reply(), "0") << one.Log();
-  EXPECT_EQ(two.Reply(), "0") << two.Log();
-  Settle();
-  EXPECT_EQ(shared.values.size(), expected);
-  std::map<std::string, int> next;
-  for (const std::string& value : shared.values) {
-    const std::string writer = value.substr(0, 3);
-    EXPECT_EQ(value, writer + "-" + std::to_string(next[writer]++));
-  }
-  EXPECT_EQ(next["one"], count);
-  EXPECT_EQ(next["two"], count);
-  EXPECT_EQ(GetString(Key("shared")), shared.values.back());
-  EXPECT_EQ(other.values, Values());
 }
 
 TEST_P(Store, WriterBesideOneThatWritesInARowIsLetThrough) {
-  StoreProcess other(g_directory->Path());
-  Recorder recorder;
-  ASSERT_EQ(Subscribe(Key("key"), recorder), 0);
-  other.Begin("burst " + Key("key") + " 1000000 other");
-  EXPECT_TRUE(WaitUntil([&] { return !recorder.values.empty(); }));
-  for (int write = 0; write < 20; ++write) EXPECT_EQ(SetString(Key("between"), "value"), 0);
-  other.Process().Kill();
+  const Child other([] {
+    while (Set(Key("other"), "value")) {
+    }
+  });
+  EXPECT_TRUE(WaitUntil([] { return Get(Key("other")) == "value"; }));
+  for (int write = 0; write < 20; ++write) {
+    EXPECT_TRUE(Set(Key("between"), "value"));
+  }
 }
 
-TEST_P(Store, EveryWriteIsOneCallAlsoOfTheSameValue) {
-  Recorder recorder;
-  ASSERT_EQ(SetString(Key("key"), "earlier"), 0);
-  ASSERT_EQ(Subscribe(Key("key"), recorder), 0);
-  SetString(Key("key"), "same");
-  SetString(Key("key"), "same");
-  platform_settings_set_int(Key("key").c_str(), -1);
-  SetString(Key("key") + "/below", "another key");
-  Settle();
-  EXPECT_EQ(recorder.values, (Values{"same", "same", "-1"}));
-}
-
-TEST_P(Store, NodeTellsNameTypeAndValue) {
-  struct Seen {
-    std::string name;
-    bool isText;
-    int number;
-    int error;
+TEST_P(Store, CallbackMayDoAnything) {
+  Recorder once;
+  Recorder thrower;
+  Recorder outer;
+  Recorder inner;
+  once.action = [] { EXPECT_TRUE(Unsubscribe(Key("key"))); };
+  thrower.action = [] { throw std::runtime_error("from a callback"); };
+  outer.action = [&] {
+    if (outer.values.size() == 1) {
+      Subscribe(Key("inner"), inner);
+    }
+    EXPECT_TRUE(Set(Key("inner"), "from " + outer.values.back()));
+    EXPECT_TRUE(outer.values.size() == 3 || Set(Key("outer"), outer.values.back() + "+"));
   };
-  std::vector<Seen> seen;
-  const auto callback = [](platform_settings_node* node, void* userData) {
-    errno = 0;
-    const bool isText = platform_settings_node_string(node) != nullptr;
-    const int number = platform_settings_node_int(node);
-    static_cast<std::vector<Seen>*>(userData)->push_back(
-        {platform_settings_node_name(node), isText, number, errno});
-  };
-  ASSERT_EQ(platform_settings_subscribe(Key("key").c_str(), callback, &seen), 0);
-  platform_settings_set_int(Key("key").c_str(), -1);
-  SetString(Key("key"), "-1");
-  EXPECT_TRUE(WaitUntil([&] { return seen.size() == 2; }));
-  EXPECT_EQ(platform_settings_unsubscribe(Key("key").c_str(), callback), 0);
-  EXPECT_EQ(seen[0].name, Key("key"));
-  EXPECT_FALSE(seen[0].isText);
-  EXPECT_EQ(seen[0].number, -1);
-  EXPECT_EQ(seen[0].error, 0);
-  EXPECT_TRUE(seen[1].isText);
-  EXPECT_EQ(seen[1].number, -1);
-  EXPECT_NE(seen[1].error, 0);
-}
-
-TEST_P(Store, SubscribedAgainIsStillOneSubscriptionWithTheNewestData) {
-  Recorder first;
-  Recorder second;
-  ASSERT_EQ(Subscribe(Key("key"), first), 0);
-  ASSERT_EQ(Subscribe(Key("key"), second), 0);
-  SetString(Key("key"), "value");
-  Settle();
-  EXPECT_EQ(first.values, Values());
-  EXPECT_EQ(second.values, Values{"value"});
-  EXPECT_EQ(Unsubscribe(Key("key")), 0);
-  EXPECT_NE(Unsubscribe(Key("key")), 0);
-}
-
-TEST_P(Store, UnsubscribedMeansNoFurtherCallAlsoForChangesOnTheirWay) {
-  Recorder gone;
-  Recorder kept;
-  ASSERT_EQ(Subscribe(Key("key"), gone), 0);
-  ASSERT_EQ(Subscribe(Key("key"), kept, &Recorder::ChangedToo), 0);
-  SetString(Key("key"), "on its way");
-  EXPECT_EQ(Unsubscribe(Key("key")), 0);
-  EXPECT_TRUE(WaitUntil([&] { return kept.values.size() == 1; }));
-  // Subscribed again it sees what comes after that only.
-  ASSERT_EQ(Subscribe(Key("key"), gone), 0);
-  SetString(Key("key"), "later");
-  EXPECT_TRUE(WaitUntil([&] { return kept.values.size() == 2; }));
-  EXPECT_EQ(gone.values, Values{"later"});
-}
-
-TEST_P(Store, CallbackMayUnsubscribeItself) {
-  Recorder recorder;
-  recorder.action = [&] { EXPECT_EQ(Unsubscribe(Key("key")), 0); };
-  ASSERT_EQ(Subscribe(Key("key"), recorder), 0);
-  SetString(Key("key"), "one");
-  SetString(Key("key"), "two");
-  Settle();
-  EXPECT_EQ(recorder.values, Values{"one"});
+  Subscribe(Key("key"), once);
+  Subscribe(Key("key"), thrower, &Recorder::ChangedToo);
+  Subscribe(Key("outer"), outer);
+  const int before = g_errorLines;
+  for (const char* value : {"same", "same"}) {
+    Set(Key("key"), value);
+  }
+  Set(Key("inner"), "before it is subscribed");
+  Set(Key("outer"), "x");
+  EXPECT_TRUE(WaitUntil([&] { return inner.values.size() == 3; }));
+  EXPECT_EQ(once.values, Values{"same"});
+  EXPECT_EQ(thrower.values, (Values{"same", "same"}));
+  EXPECT_EQ(g_errorLines - before, 2) << "a line each for what was thrown";
+  EXPECT_EQ(outer.values, (Values{"x", "x+", "x++"}));
+  EXPECT_EQ(inner.values, (Values{"from x", "from x+", "from x++"}));
 }
 
 TEST_P(Store, CallbackMayUnsubscribeAnother) {
   // Whichever is called first ends the other one.
   Recorder one;
   Recorder two;
-  one.action = [&] { Unsubscribe(Key("key"), &Recorder::ChangedToo); };
-  two.action = [&] { Unsubscribe(Key("key"), &Recorder::Changed); };
-  ASSERT_EQ(Subscribe(Key("key"), one), 0);
-  ASSERT_EQ(Subscribe(Key("key"), two, &Recorder::ChangedToo), 0);
-  SetString(Key("key"), "a");
-  SetString(Key("key"), "b");
+  one.action = [] { Unsubscribe(Key("key"), &Recorder::ChangedToo); };
+  two.action = [] { Unsubscribe(Key("key")); };
+  Subscribe(Key("key"), one);
+  Subscribe(Key("key"), two, &Recorder::ChangedToo);
+  Set(Key("key"), "a");
+  Set(Key("key"), "b");
   Settle();
   EXPECT_EQ(one.values.size() * two.values.size(), 0U);
   EXPECT_EQ(one.values.size() + two.values.size(), 2U);
 }
 
-TEST_P(Store, CallbackMaySubscribeAndWrite) {
-  Recorder inner;
-  Recorder outer;
-  outer.action = [&] {
-    if (outer.values.size() > 3) return;
-    EXPECT_EQ(Subscribe(Key("inner"), inner), 0);
-    EXPECT_EQ(SetString(Key("inner"), "from " + outer.values.back()), 0);
-    EXPECT_EQ(SetString(Key("outer"), outer.values.back() + "+"), 0);
-  };
-  ASSERT_EQ(Subscribe(Key("outer"), outer), 0);
-  SetString(Key("inner"), "before");
-  SetString(Key("outer"), "x");
-  EXPECT_TRUE(WaitUntil([&] { return outer.values.size() == 4; }));
+TEST_P(Store, SubscribedAgainSeesOnlyWhatComesAfterThat) {
+  Recorder recorder;
+  Subscribe(Key("key"), recorder);
+  Set(Key("key"), "on its way");
+  EXPECT_TRUE(Unsubscribe(Key("key")));
+  Subscribe(Key("key"), recorder);
+  Set(Key("key"), "later");
   Settle();
-  EXPECT_EQ(outer.values, (Values{"x", "x+", "x++", "x+++"}));
-  EXPECT_EQ(inner.values, (Values{"from x", "from x+", "from x++"}));
+  EXPECT_EQ(recorder.values, Values{"later"});
 }
 
-TEST_P(Store, ExceptionEndsAtTheCallbackThatThrewIt) {
-  Recorder thrower;
-  Recorder other;
-  thrower.action = [] { throw std::runtime_error("from a callback"); };
-  ASSERT_EQ(Subscribe(Key("key"), thrower), 0);
-  ASSERT_EQ(Subscribe(Key("key"), other, &Recorder::ChangedToo), 0);
-  const int before = g_errorLines;
-  SetString(Key("key"), "one");
-  SetString(Key("key"), "two");
-  Settle();
-  EXPECT_EQ(thrower.values, (Values{"one", "two"}));
-  EXPECT_EQ(other.values, thrower.values);
-  EXPECT_EQ(g_errorLines - before, 2);
-}
-
-/// A thread with a main context of its own, iterated until it is told to end.
+/// A thread that subscribes in a main context of its own, which it serves until it is ended.
 class ContextThread {
  public:
-  ContextThread() : m_thread([this] { Run(); }) {}
-  ~ContextThread() { End(); }
-
-  void Do(const std::function<void()>& work) {
-    std::promise<void> done;
-    {
-      std::lock_guard lock(m_mutex);
-      m_work.push_back([&] {
-        work();
-        done.set_value();
-      });
+  explicit ContextThread(const std::function<void()>& subscribe)
+      : m_thread([this, subscribe] {
+          GMainContext* context = g_main_context_new();
+          g_main_context_push_thread_default(context);
+          subscribe();
+          m_hasBegun = true;
+          WaitUntil([this] { return m_mustEnd.load(); });
+          g_main_context_pop_thread_default(context);
+          g_main_context_unref(context);
+        }) {
+    while (!m_hasBegun) {
+      std::this_thread::yield();
     }
-    done.get_future().wait();
   }
-  void End() {
+  ~ContextThread() {
     m_mustEnd = true;
-    if (m_thread.joinable()) m_thread.join();
+    m_thread.join();
   }
 
  private:
-  void Run() {
-    GMainContext* context = g_main_context_new();
-    g_main_context_push_thread_default(context);
-    WaitUntil([this] {
-      std::vector<std::function<void()>> work;
-      {
-        std::lock_guard lock(m_mutex);
-        work.swap(m_work);
-      }
-      for (const auto& each : work) each();
-      return m_mustEnd.load();
-    });
-    g_main_context_pop_thread_default(context);
-    g_main_context_unref(context);
-  }
-
-  std::mutex m_mutex;
-  std::vector<std::function<void()>> m_work;
+  std::atomic<bool> m_hasBegun{false};
   std::atomic<bool> m_mustEnd{false};
   std::thread m_thread;
 };
 
 TEST_P(Store, CallsComeInTheContextOfTheThreadThatSubscribed) {
+  constexpr std::size_t COUNT = 300;
   Recorder here;
   Recorder there;
-  ContextThread thread;
   std::atomic<std::size_t> calls{0};
   there.action = [&] { ++calls; };
-  ASSERT_EQ(Subscribe(Key("key"), here), 0);
-  thread.Do([&] { ASSERT_EQ(Subscribe(Key("key"), there, &Recorder::ChangedToo), 0); });
-  // The other thread is called however long this one does not look, and the other way round.
-  constexpr int COUNT = 300;
-  StoreProcess writer(g_directory->Path());
-  ASSERT_EQ(writer.Ask("burst " + Key("key") + " 300 x"), "0");
-  while (calls < COUNT) std::this_thread::yield();
-  EXPECT_EQ(here.values, Values());
-  EXPECT_TRUE(WaitUntil([&] { return here.values.size() == COUNT; }));
-  thread.End();
+  Subscribe(Key("key"), here);
+  {
+    const ContextThread thread([&] { Subscribe(Key("key"), there, &Recorder::ChangedToo); });
+    // The other thread is called however long this one does not look.
+    for (std::size_t i = 0; i < COUNT; ++i) {
+      Set(Key("key"), std::to_string(i));
+    }
+    while (calls < COUNT) {
+      std::this_thread::yield();
+    }
+    EXPECT_EQ(here.values, Values());
+    EXPECT_TRUE(WaitUntil([&] { return here.values.size() == COUNT; }));
+  }
   EXPECT_EQ(here.values, there.values);
   EXPECT_EQ(here.thread, std::this_thread::get_id());
   EXPECT_NE(there.thread, here.thread);
-}
 
-TEST_P(Store, SubscriptionOfAContextThatIsGoneCanBeEndedOrMovedOn) {
-  Recorder recorder;
-  {
-    ContextThread thread;
-    thread.Do([&] {
-      Subscribe(Key("ended"), recorder);
-      Subscribe(Key("moved"), recorder);
-    });
-  }
-  SetString(Key("ended"), "lost");
-  SetString(Key("moved"), "lost");
-  EXPECT_EQ(Unsubscribe(Key("ended")), 0);
-  ASSERT_EQ(Subscribe(Key("moved"), recorder), 0);
-  SetString(Key("moved"), "heard");
+  // What the ended thread had subscribed can be subscribed again elsewhere.
+  Subscribe(Key("key"), here, &Recorder::ChangedToo);
+  Set(Key("key"), "twice");
   Settle();
-  EXPECT_EQ(recorder.values, Values{"heard"});
+  EXPECT_EQ(here.values.size(), COUNT + 2);
 }
 
 TEST_P(Store, UnsubscribingInAnotherThreadWaitsForTheCallToEnd) {
@@ -469,106 +287,82 @@ TEST_P(Store, UnsubscribingInAnotherThreadWaitsForTheCallToEnd) {
   Recorder recorder;
   recorder.action = [&] {
     isInCall = true;
-    while (!mayEnd) std::this_thread::yield();
+    while (!mayEnd) {
+      std::this_thread::yield();
+    }
     hasEnded = true;
   };
-  ContextThread thread;
-  thread.Do([&] { Subscribe(Key("key"), recorder); });
-  SetString(Key("key"), "one");
-  SetString(Key("key"), "two");
-  while (!isInCall) std::this_thread::yield();
-  auto unsubscribed = std::async(std::launch::async, [&] {
-    EXPECT_EQ(Unsubscribe(Key("key")), 0);
+  const ContextThread thread([&] { Subscribe(Key("key"), recorder); });
+  Set(Key("key"), "one");
+  Set(Key("key"), "two");
+  while (!isInCall) {
+    std::this_thread::yield();
+  }
+  auto unsubscribed = std::async(std::launch::async, [&, key = Key("key")] {
+    EXPECT_TRUE(Unsubscribe(key));
     return hasEnded.load();
   });
   EXPECT_EQ(unsubscribed.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
   mayEnd = true;
   EXPECT_TRUE(unsubscribed.get());
-  thread.End();
   EXPECT_EQ(recorder.values, Values{"one"});
 }
 
-/// For what takes thousands of writes, which say the same without a disk to wait for.
-class LongLog : public Store {};
-INSTANTIATE_TEST_SUITE_P(Areas, LongLog, testing::Values("memory"));
-
-TEST_P(LongLog, OneThatFellBehindTheCapGetsTheCurrentValueOfItsKeys) {
+TEST_P(Store, OneThatFellBehindTheCapGetsTheCurrentValueOfItsKeys) {
+  constexpr int COUNT = host::SETTINGS_LOG_CAP + 2 * host::SETTINGS_TRIM_BATCH;
   Recorder busy;
   Recorder once;
   Recorder unchanged;
-  SetString(Key("unchanged"), "early");
-  ASSERT_EQ(Subscribe(Key("busy"), busy), 0);
-  ASSERT_EQ(Subscribe(Key("once"), once), 0);
-  ASSERT_EQ(Subscribe(Key("unchanged"), unchanged), 0);
-  SetString(Key("once"), "trimmed");
-  SetString(Key("once"), "current");
-  const auto count =
-      std::to_string(ondaro::host::SETTINGS_LOG_CAP + 2 * ondaro::host::SETTINGS_TRIM_BATCH);
-  StoreProcess writer(g_directory->Path());
-  ASSERT_EQ(writer.Ask("burst " + Key("busy") + " " + count + " x"), "0");
+  Set(Key("unchanged"), "early");
+  Subscribe(Key("busy"), busy);
+  Subscribe(Key("once"), once);
+  Subscribe(Key("unchanged"), unchanged);
+  Set(Key("once"), "trimmed");
+  Set(Key("once"), "current");
+  for (int i = 1; i <= COUNT; ++i) {
+    Set(Key("busy"), std::to_string(i));
+  }
   Settle();
   EXPECT_EQ(once.values, Values{"current"});
   EXPECT_EQ(unchanged.values, Values());
-  ASSERT_FALSE(busy.values.empty());
-  EXPECT_EQ(busy.values.back(), "x-" + std::to_string(std::stoi(count) - 1));
-  EXPECT_GE(busy.values.size(), static_cast<std::size_t>(ondaro::host::SETTINGS_LOG_CAP));
-  SetString(Key("busy"), "and on");
-  Settle();
-  EXPECT_EQ(busy.values.back(), "and on");
+  EXPECT_GE(busy.values.size(), static_cast<std::size_t>(host::SETTINGS_LOG_CAP));
+  EXPECT_EQ(busy.values.back(), std::to_string(COUNT));
 }
 
-TEST_P(Store, ThreadsUseItAtOnce) {
-  constexpr int ROUNDS = 200;
+TEST_P(Store, ThreadsSubscribeAndWriteAtOnce) {
+  constexpr std::size_t ROUNDS = 200;
   Recorder recorder;
-  ASSERT_EQ(Subscribe(Key("shared"), recorder), 0);
-  std::vector<std::thread> threads;
-  for (const std::string name : {"one", "two"}) {
-    threads.emplace_back([this, name] {
+  Subscribe(Key("shared"), recorder);
+  std::vector<std::future<void>> threads;
+  for (const std::string& own : {Key("one"), Key("two")}) {
+    threads.push_back(std::async(std::launch::async, [own, shared = Key("shared")] {
       Recorder ignored;
-      for (int round = 0; round < ROUNDS; ++round) {
-        const std::string value = name + std::to_string(round);
-        EXPECT_EQ(SetString(Key(name), value), 0);
-        EXPECT_EQ(SetString(Key("shared"), value), 0);
-        EXPECT_EQ(GetString(Key(name)), value);
-        EXPECT_NE(GetString(Key("shared")), std::nullopt);
-        EXPECT_EQ(platform_settings_subscribe(Key(name).c_str(), &Recorder::ChangedToo, &ignored),
-                  0);
-        EXPECT_EQ(Unsubscribe(Key(name), &Recorder::ChangedToo), 0);
+      for (std::size_t round = 0; round < ROUNDS; ++round) {
+        const auto subscribe = platform_settings_subscribe;
+        EXPECT_EQ(subscribe(own.c_str(), &Recorder::ChangedToo, &ignored), 0);
+        EXPECT_TRUE(Set(own, std::to_string(round)) && Set(shared, "value"));
+        EXPECT_EQ(Get(own), std::to_string(round));
+        EXPECT_TRUE(Unsubscribe(own, &Recorder::ChangedToo));
       }
-    });
+    }));
   }
   EXPECT_TRUE(WaitUntil([&] { return recorder.values.size() == 2 * ROUNDS; }));
-  for (std::thread& thread : threads) thread.join();
-}
-
-/// The exit code of `work` in a forked child; it is not to return to the test.
-int InChild(const std::function<bool()>& work) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    alarm(static_cast<unsigned>(PATIENCE.count()));
-    _exit(work() ? 0 : 1);
-  }
-  int status = -1;
-  waitpid(pid, &status, 0);
-  return status;
 }
 
 TEST_P(Store, ForkedChildReadsWritesAndIsCalledBackLikeItsParent) {
   Recorder recorder;
-  ASSERT_EQ(Subscribe(Key("key"), recorder), 0);
-  SetString(Key("key"), "parent");
-  EXPECT_TRUE(WaitUntil([&] { return recorder.values.size() == 1; }));
-  EXPECT_EQ(GetString(Key("key")), "parent");
-  EXPECT_EQ(InChild([&] {
-              return GetString(Key("key")) == "parent" && SetString(Key("key"), "child") == 0 &&
-                     GetString(Key("key")) == "child" &&
-                     WaitUntil([&] { return recorder.values.size() == 2; }) &&
-                     recorder.values.back() == "child";
+  Subscribe(Key("key"), recorder);
+  Set(Key("key"), "parent");
+  Settle();
+  EXPECT_EQ(RunInChild([&] {
+              const bool isRead = Get(Key("key")) == "parent";
+              const bool isWritten = Set(Key("key"), "child") && Get(Key("key")) == "child";
+              Settle();
+              _exit(isRead && isWritten && recorder.values.back() == "child" ? 0 : 1);
             }),
             0);
-  EXPECT_EQ(GetString(Key("key")), "child");
-  EXPECT_TRUE(WaitUntil([&] { return recorder.values.size() == 2; }));
-  SetString(Key("key"), "parent again");
+  EXPECT_EQ(Get(Key("key")), "child");
+  Set(Key("key"), "parent again");
   Settle();
   EXPECT_EQ(recorder.values, (Values{"parent", "child", "parent again"}));
 }
@@ -577,18 +371,50 @@ TEST_P(Store, ForkedChildReadsWritesAndIsCalledBackLikeItsParent) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST_P(Store, ForkWhileAnotherThreadWrites) {
   std::atomic<bool> mustEnd{false};
-  std::thread writer([&] {
-    while (!mustEnd) EXPECT_EQ(SetString(Key("thread"), "value"), 0);
+  const auto writer = std::async(std::launch::async, [&, key = Key("thread")] {
+    while (!mustEnd) {
+      EXPECT_TRUE(Set(key, "value"));
+    }
   });
   for (int round = 0; round < 10; ++round) {
     const std::string value = std::to_string(round);
-    EXPECT_EQ(InChild([&] { return SetString(Key("child"), value) == 0; }), 0);
-    EXPECT_EQ(GetString(Key("child")), value);
+    EXPECT_EQ(RunInChild([&] { _exit(Set(Key("child"), value) ? 0 : 1); }), 0);
+    EXPECT_EQ(Get(Key("child")), value);
   }
   mustEnd = true;
-  writer.join();
 }
 #endif
+
+TEST_P(Store, WorksUntilTheProcessHasEnded) {
+  EXPECT_EQ(RunInChild([] {
+              g_keyAtExit = Key("key");
+              Set(g_keyAtExit, "early");
+              std::exit(0);
+            }),
+            0);
+  EXPECT_EQ(Get(Key("key")), "early, late");
+}
+
+class Damaged : public Store {};
+INSTANTIATE_TEST_SUITE_P(Areas, Damaged, testing::Values("db"));
+
+TEST_P(Damaged, MovesEveryProcessToTheNewDatabase) {
+  Recorder recorder;
+  Subscribe(Key("key"), recorder);
+  StoreArea other(StateDirectory().Path());
+  EXPECT_TRUE(other.Set(Key("key"), "before"));
+  Settle();
+  for (const char* name : {"settings.db", "settings.db-wal"}) {
+    std::fstream(StateDirectory() / name, std::ios::binary | std::ios::in | std::ios::out)
+        << std::string(20'000, 'g');
+  }
+  EXPECT_TRUE(StoreArea(StateDirectory().Path()).Set(Key("key"), "after"));
+  EXPECT_TRUE(WaitUntil([&] { return recorder.values.size() == 2; }));
+  EXPECT_EQ(Get(Key("key")), "after");
+  EXPECT_TRUE(other.Set(Key("key"), "again"));
+  Settle();
+  EXPECT_EQ(recorder.values, (Values{"before", "after", "again"}));
+}
 
 }  // namespace
 }  // namespace ondaro::test
