@@ -37,7 +37,9 @@ static gboolean OnInput(GIOChannel* channel, GIOCondition condition, gpointer us
   (void)channel, (void)condition, (void)userData;
   char letters[64];
   const ssize_t size = read(STDIN_FILENO, letters, sizeof letters);
-  if (size <= 0) exit(EXIT_SUCCESS);
+  if (size <= 0) {
+    exit(EXIT_SUCCESS);
+  }
   for (ssize_t i = 0; i < size; ++i) {
     if (letters[i] == 's') {
       g_dbus_connection_emit_signal(theConnection, NULL, OBJECT_PATH, NAME, "sendDataToClient",

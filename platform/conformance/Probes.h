@@ -4,11 +4,9 @@
 #include <string>
 #include <vector>
 
-namespace conformance {
-
 /// What a process of the kit does when it is started as a probe. Each probe answers on CHANNEL
 /// and returns whether it could do its work.
-namespace probes {
+namespace conformance::probes {
 
 inline constexpr char OPTION[] = "--probe";
 
@@ -52,7 +50,6 @@ void Answer(const std::string& line);
 /// False also for a probe that does not exist.
 bool RunProbe(const std::string& name, const Arguments& arguments);
 
-}  // namespace probes
-}  // namespace conformance
+}  // namespace conformance::probes
 
 #endif

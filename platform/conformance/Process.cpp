@@ -13,8 +13,6 @@
 #include <cstring>
 #include <system_error>
 
-extern char** environ;
-
 namespace conformance {
 namespace {
 
@@ -155,7 +153,7 @@ Child::~Child() {
   }
 }
 
-void Child::Kill() { kill(m_id, SIGKILL); }
+void Child::Kill() const { kill(m_id, SIGKILL); }
 
 void Child::Wait() {
   while (waitpid(m_id, &m_status, 0) < 0 && errno == EINTR) {

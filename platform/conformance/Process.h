@@ -81,7 +81,7 @@ class Child {
   std::string ReadLine(std::chrono::milliseconds patience);
   /// Ends its standard input and waits for its end.
   Outcome Finish(std::chrono::milliseconds patience);
-  void Kill();
+  void Kill() const;
 
  private:
   bool ReadSome(std::chrono::steady_clock::time_point deadline);

@@ -178,7 +178,7 @@ void Supervisor::Take(const std::string& line, Current& current, std::vector<Cla
                       Report& report) {
   Json::Value message;
   if (!Parse(line, message)) {
-    report.remarks.push_back("the port wrote on the kit's channel");
+    report.remarks.emplace_back("the port wrote on the kit's channel");
     return;
   }
   const std::string test = message[worker::TEST].asString();

@@ -113,7 +113,7 @@ std::shared_ptr<SettingsSubscriptions::Subscription> SettingsSubscriptions::Remo
     const Found& found) {
   Subscribed& list = found.subscribed->second;
   const auto place = list.begin() + static_cast<std::ptrdiff_t>(found.place);
-  const std::shared_ptr<Subscription> subscription = *place;
+  std::shared_ptr<Subscription> subscription = *place;
   subscription->isActive = false;
   list.erase(place);
   if (list.empty()) {
