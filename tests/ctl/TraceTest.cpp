@@ -54,7 +54,7 @@ std::vector<std::string> Generate(std::mt19937& random, Figures& figures) {
 std::string Damaged(const std::vector<std::string>& lines, std::mt19937& random) {
   std::string text;
   for (const std::string& line : lines) {
-    const auto fate = random() % 25;  // lost, cut, doubled, late; else it stays
+    const auto fate = random() % 25;  // lost, cut, doubled, late, changed; else it stays
     text += fate == 0 ? "" : line.substr(0, fate == 1 ? random() % line.size() : line.size());
     text += fate == 2 ? line : fate == 3 ? lines[random() % lines.size()] : "";
     if (fate == 4) {
@@ -76,6 +76,7 @@ std::string Calls(const std::string& events) {
     EXPECT_GE(event["ts"].asInt64(), times[thread]);
     times[thread] = event["ts"].asInt64();
     if (event["ph"] == "B") {
+      EXPECT_EQ(event["args"]["signature"].asString().find(" > ["), std::string::npos);
       open[thread].push_back(name);
     } else if (event["ph"] == "E") {
       EXPECT_EQ(open[thread].empty() ? "nothing" : open[thread].back(), name);

@@ -130,6 +130,7 @@ bool RecogniseTracer(TraceLine& line) {
   }
   constexpr std::string_view ENTERED = "]Entered";
   constexpr std::string_view LEFT = "]Left";
+  constexpr std::string_view BEFORE_SIGNATURE = " > [";
   std::string_view text = line.text;
   text.remove_suffix(EndsWith(text, " ") ? 1 : 0);
   const std::string_view end = isLeft ? LEFT : ENTERED;
@@ -138,9 +139,10 @@ bool RecogniseTracer(TraceLine& line) {
   }
   text = text.substr(1, text.size() - 1 - end.size());
   // Two lines of which the middle was lost look like one.
-  if (text.empty() || text.find(ENTERED) != std::string_view::npos ||
-      text.find(LEFT) != std::string_view::npos) {
-    return false;
+  for (const std::string_view inner : {ENTERED, LEFT, BEFORE_SIGNATURE}) {
+    if (text.find(inner) != std::string_view::npos) {
+      return false;
+    }
   }
   line.kind = isLeft ? TraceLine::Kind::Left : TraceLine::Kind::Entered;
   line.text = text;

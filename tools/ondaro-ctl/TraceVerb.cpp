@@ -36,11 +36,11 @@ std::string CheckFormat(const std::string& name) {
 void Remark(const Output& output, std::uint64_t lines, std::uint64_t unknown,
             std::uint64_t incomplete) {
   if (unknown != 0) {
-    output.Note(std::to_string(unknown) + " of " + std::to_string(lines) +
-                " lines are damaged, or none of the log as the host backend writes it; left out");
+    output.Note("lines left out, damaged or of something else: " + std::to_string(unknown) +
+                " of " + std::to_string(lines));
   }
   if (incomplete != 0) {
-    output.Note(std::to_string(incomplete) + R"( calls lack their "Entered" or their "Left")");
+    output.Note(R"(calls without "Entered" or "Left": )" + std::to_string(incomplete));
   }
 }
 
