@@ -36,7 +36,7 @@ class Store {
  public:
   /// Made by the first call and never destroyed: other libraries call until the process has ended.
   static Store& Instance() {
-    static Store* const store = new Store;
+    static auto* const store = new Store;
     return *store;
   }
 
