@@ -1,5 +1,7 @@
 #include "ondaro/pal/CIpcClientImpl.h"
 
+#include <unistd.h>
+
 #include "BusContract.h"
 #include "CallbackFunnel.h"
 #include "GLibPtr.h"
@@ -14,7 +16,7 @@ constexpr int DEFAULT_TIMEOUT = -1;
 
 }  // namespace
 
-CIpcClientImpl::CIpcClientImpl() {
+CIpcClientImpl::CIpcClientImpl() : m_nOwnPid(getpid()) {
   ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__);
   CGErrorOut error;
   GLibPtr<GDBusConnection> connection(g_bus_get_sync(BusContract::BUS_TYPE, nullptr, error.Out()));
@@ -36,6 +38,10 @@ CIpcClientImpl::CIpcClientImpl() {
 
 CIpcClientImpl::~CIpcClientImpl() {
   ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__);
+  // GLib's thread did not come along: a forked child would wait for the bus in vain.
+  if (getpid() != m_nOwnPid) {
+    return;
+  }
   // The subscription's user data is this object. Calls under way have none and end in the log.
   if (m_nSubscriptionId != 0) {
     g_dbus_connection_signal_unsubscribe(m_pGDBusConnection, m_nSubscriptionId);

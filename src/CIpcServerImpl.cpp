@@ -1,5 +1,7 @@
 #include "ondaro/pal/CIpcServerImpl.h"
 
+#include <unistd.h>
+
 #include "BusContract.h"
 #include "CallbackFunnel.h"
 #include "GLibPtr.h"
@@ -84,7 +86,7 @@ GLibPtr<GDBusNodeInfo> _LoadDescription() {
 
 }  // namespace
 
-CIpcServerImpl::CIpcServerImpl() {
+CIpcServerImpl::CIpcServerImpl() : m_nOwnPid(getpid()) {
   ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__);
   m_pBusNodeInfo = _LoadDescription().release();
   m_nOwnerId = g_bus_own_name(BusContract::BUS_TYPE, BusContract::NAME, G_BUS_NAME_OWNER_FLAGS_NONE,
@@ -95,6 +97,10 @@ CIpcServerImpl::CIpcServerImpl() {
 
 CIpcServerImpl::~CIpcServerImpl() {
   ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__);
+  // GLib's thread did not come along: a forked child would wait for the bus in vain.
+  if (getpid() != m_nOwnPid) {
+    return;
+  }
   if (m_pDbusConnection != nullptr && m_nRegistrationId != 0) {
     const gboolean removed =
         g_dbus_connection_unregister_object(m_pDbusConnection, m_nRegistrationId);

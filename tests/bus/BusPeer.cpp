@@ -1,228 +1,226 @@
 // One end of the messaging, or both, in a process of its own, driven through the exported functions
 // by lines on standard input; answers and events go to standard output, a line each:
 //
-//   server | client | config | auth     get the handle              -> "server ok" or "server null"
+//   get server|client|config|auth       get the handle              -> "server ok" or "server null"
+//   race COUNT                          that many threads get all handles at once -> "race ok"
+//   stay                                outlive the bus             -> "staying"
 //   expect NAME (as server or client)   register, print events      -> later "NAME DATA"
-//   echo NAME REPLY                     server: answer NAME's data with the event REPLY
-//   send NAME DATA                      from the end whose handle was got last -> "sent CODE"
-//   clear                               unregister everything       -> "cleared"
-//   sync                                wait for what the bus has sent so far -> "synced"
-//   volley COUNT WINDOW                 client: COUNT events "ping" with WINDOW unanswered at most;
+//   hold NAME                           as expect, but the first event is handled until a line
+//   comes echo NAME REPLY                     server: answer NAME's data with the event REPLY send
+//   NAME DATA                      from the end whose handle was got last -> "sent CODE" large NAME
+//   SIZE                     send data of that size      -> "sent CODE" clear unregister everything
+//   -> "cleared" sync                                wait for what the bus has sent so far ->
+//   "synced" volley COUNT WINDOW                 client: COUNT events "ping" with WINDOW unanswered
+//   at most;
 //                                       each must come back as "pong", in order -> "volley ok"
 //   flood NAME COUNT                    send COUNT events and say nothing
-//   memory                              -> "memory KIB", resident now
+//   fork                                a child that exits as programs do, soon -> "forked STATUS"
+//   usage                               -> "usage KIB DESCRIPTORS", resident and open now
 //   quit                                exit at once, whatever is under way
 //
 // The main loop runs between two lines. The process ends with its input too.
 #include <gio/gio.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <functional>
+#include <list>
 #include <map>
-#include <memory>
 #include <sstream>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "ondaro/OndaroApi.h"
 
 namespace {
 
-class Peer {
- public:
-  void Run(const std::string& line) {
-    std::istringstream words(line);
-    std::string command;
-    words >> command;
-    const auto entry = COMMANDS.find(command);
-    if (entry == COMMANDS.end()) {
-      Say("unknown " + command);
-      return;
-    }
-    (this->*entry->second)(words);
-  }
+using Handler = std::function<void(const char* data)>;
 
-  static void Say(const std::string& text) { std::printf("%s\n", text.c_str()); }
+// All of it outlives main(): the library's objects point to it.
+OndaroApi_IpcServer_h g_server = nullptr;
+OndaroApi_IpcClient_h g_client = nullptr;
+bool g_sendsToClient = false;
+std::list<Handler> g_handlers;
+GIOChannel* g_input = nullptr;
 
- private:
-  using Command = void (Peer::*)(std::istringstream&);
-  static const std::map<std::string, Command> COMMANDS;
+void Say(const std::string& text) { std::printf("%s\n", text.c_str()); }
 
-  struct Registration {
-    std::string name;
-    std::string reply;
-    Peer* peer;
-  };
-
-  static std::string Word(std::istringstream& words) {
-    std::string word;
-    words >> word;
-    return word;
-  }
-
-  void GetServer(std::istringstream&) {
-    m_server = OndaroFactory_GetIpcServerHandle();
-    m_sendsToClient = true;
-    Say(m_server != nullptr ? "server ok" : "server null");
-  }
-
-  void GetClient(std::istringstream&) {
-    m_client = OndaroFactory_GetIpcClientHandle();
-    m_sendsToClient = false;
-    Say(m_client != nullptr ? "client ok" : "client null");
-  }
-
-  void GetConfig(std::istringstream&) {
-    Say(OndaroFactory_GetSystemConfigHandle() != nullptr ? "config ok" : "config null");
-  }
-
-  void GetAuth(std::istringstream&) {
-    Say(OndaroFactory_GetCoreAuthHandle() != nullptr ? "auth ok" : "auth null");
-  }
-
-  Registration* Remember(const std::string& name, const std::string& reply) {
-    m_registrations.push_back(std::make_unique<Registration>(Registration{name, reply, this}));
-    return m_registrations.back().get();
-  }
-
-  void Expect(std::istringstream& words) {
-    Registration* registration = Remember(Word(words), {});
-    const auto print = [](const char* data, void* userData) {
-      Say(static_cast<Registration*>(userData)->name + " " + data);
-    };
-    if (m_sendsToClient) {
-      OndaroApi_IpcServer_RegisterEventHandler(m_server, registration->name.c_str(), print,
-                                               registration);
-    } else {
-      OndaroApi_IpcClient_RegisterEventHandler(m_client, registration->name.c_str(), print,
-                                               registration);
-    }
-    Say("expecting " + registration->name);
-  }
-
-  void Echo(std::istringstream& words) {
-    const std::string name = Word(words);
-    Registration* registration = Remember(name, Word(words));
-    OndaroApi_IpcServer_RegisterEventHandler(
-        m_server, name.c_str(),
-        [](const char* data, void* userData) {
-          const auto* self = static_cast<Registration*>(userData);
-          OndaroApi_IpcServer_SendDataToClient(self->peer->m_server, self->reply.c_str(), data);
-        },
-        registration);
-    Say("echoing " + name);
-  }
-
-  int SendEvent(const std::string& name, const std::string& data) {
-    return m_sendsToClient
-               ? OndaroApi_IpcServer_SendDataToClient(m_server, name.c_str(), data.c_str())
-               : OndaroApi_IpcClient_SendDataToServer(m_client, name.c_str(), data.c_str());
-  }
-
-  void Send(std::istringstream& words) {
-    const std::string name = Word(words);
-    Say("sent " + std::to_string(SendEvent(name, Word(words))));
-  }
-
-  void Clear(std::istringstream&) {
-    if (m_sendsToClient) {
-      OndaroApi_IpcServer_UnregisterEventHandler(m_server);
-    } else {
-      OndaroApi_IpcClient_UnregisterEventHandler(m_client);
-    }
-    Say("cleared");
-  }
-
-  void Sync(std::istringstream&) {
-    GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-    GVariant* reply = g_dbus_connection_call_sync(
-        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "GetId", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-    g_variant_unref(reply);
-    g_object_unref(connection);
-    Say("synced");
-  }
-
-  void Volley(std::istringstream& words) {
-    words >> m_count >> m_window;
-    m_sent = m_answered = 0;
-    OndaroApi_IpcClient_RegisterEventHandler(
-        m_client, "pong",
-        [](const char* data, void* userData) { static_cast<Peer*>(userData)->Answered(data); },
-        this);
-    SendOn();
-  }
-
-  void SendOn() {
-    while (m_sent < m_count && m_sent - m_answered < m_window) {
-      SendEvent("ping", std::to_string(m_sent++));
-    }
-  }
-
-  void Answered(const std::string& data) {
-    if (data != std::to_string(m_answered)) {
-      Say("volley: " + data + " instead of " + std::to_string(m_answered));
-      std::exit(EXIT_FAILURE);
-    }
-    ++m_answered;
-    if (m_answered == m_count) {
-      Say("volley ok");
-    }
-    SendOn();
-  }
-
-  void Flood(std::istringstream& words) {
-    const std::string name = Word(words);
-    const int count = std::stoi(Word(words));
-    for (int i = 0; i < count; ++i) {
-      SendEvent(name, std::to_string(i));
-    }
-  }
-
-  void Memory(std::istringstream&) {
-    std::ifstream statm("/proc/self/statm");
-    long total = 0;
-    long resident = 0;
-    statm >> total >> resident;
-    Say("memory " + std::to_string(resident * (sysconf(_SC_PAGESIZE) / 1024)));
-  }
-
-  void Quit(std::istringstream&) { std::exit(EXIT_SUCCESS); }
-
-  OndaroApi_IpcServer_h m_server = nullptr;
-  OndaroApi_IpcClient_h m_client = nullptr;
-  bool m_sendsToClient = false;
-  std::vector<std::unique_ptr<Registration>> m_registrations;
-  long m_count = 0;
-  long m_window = 0;
-  long m_sent = 0;
-  long m_answered = 0;
-};
-
-const std::map<std::string, Peer::Command> Peer::COMMANDS = {
-    {"server", &Peer::GetServer}, {"client", &Peer::GetClient}, {"config", &Peer::GetConfig},
-    {"auth", &Peer::GetAuth},     {"expect", &Peer::Expect},    {"echo", &Peer::Echo},
-    {"send", &Peer::Send},        {"clear", &Peer::Clear},      {"sync", &Peer::Sync},
-    {"volley", &Peer::Volley},    {"flood", &Peer::Flood},      {"memory", &Peer::Memory},
-    {"quit", &Peer::Quit},
-};
-
-gboolean OnInput(GIOChannel* channel, GIOCondition, gpointer peer) {
+std::string ReadLine() {
   gchar* text = nullptr;
   gsize end = 0;
-  const GIOStatus status = g_io_channel_read_line(channel, &text, nullptr, &end, nullptr);
-  if (status == G_IO_STATUS_AGAIN) {
-    return G_SOURCE_CONTINUE;
-  }
-  if (status != G_IO_STATUS_NORMAL) {
+  if (g_io_channel_read_line(g_input, &text, nullptr, &end, nullptr) != G_IO_STATUS_NORMAL) {
     std::exit(EXIT_SUCCESS);
   }
-  const std::string line(text, end);
+  std::string line(text, end);
   g_free(text);
-  static_cast<Peer*>(peer)->Run(line);
-  return G_SOURCE_CONTINUE;
+  return line;
+}
+
+const void* Get(const std::string& family) {
+  g_sendsToClient = family == "server" || (family != "client" && g_sendsToClient);
+  if (family == "server") {
+    return g_server = OndaroFactory_GetIpcServerHandle();
+  }
+  if (family == "client") {
+    return g_client = OndaroFactory_GetIpcClientHandle();
+  }
+  return family == "config" ? static_cast<const void*>(OndaroFactory_GetSystemConfigHandle())
+                            : OndaroFactory_GetCoreAuthHandle();
+}
+
+/// Each thread begins with another family. True when all were given the same handles.
+bool Race(std::size_t count) {
+  using Handles = std::array<const void*, 4>;
+  std::vector<Handles> got(count);
+  std::atomic<std::size_t> waiting{count};
+  std::vector<std::thread> threads;
+  for (std::size_t number = 0; number < count; ++number) {
+    threads.emplace_back([&, number] {
+      for (--waiting; waiting > 0;) {
+        std::this_thread::yield();
+      }
+      const std::function<const void*()> getters[] = {
+          OndaroFactory_GetIpcServerHandle, OndaroFactory_GetIpcClientHandle,
+          OndaroFactory_GetSystemConfigHandle, OndaroFactory_GetCoreAuthHandle};
+      for (std::size_t turn = number; turn < number + 4; ++turn) {
+        got[number][turn % 4] = getters[turn % 4]();
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  const bool isAnyNull = std::count(got[0].begin(), got[0].end(), nullptr) > 0;
+  return !isAnyNull && std::count(got.begin(), got.end(), got[0]) == std::ptrdiff_t(count);
+}
+
+void Register(const std::string& name, const Handler& handler) {
+  const auto call = [](const char* data, void* entry) { (*static_cast<Handler*>(entry))(data); };
+  void* entry = &g_handlers.emplace_back(handler);
+  if (g_sendsToClient) {
+    OndaroApi_IpcServer_RegisterEventHandler(g_server, name.c_str(), call, entry);
+  } else {
+    OndaroApi_IpcClient_RegisterEventHandler(g_client, name.c_str(), call, entry);
+  }
+}
+
+int Send(const std::string& name, const std::string& text) {
+  const std::string data = text[0] != '*' ? text : std::string(std::stoul(text.substr(1)), 'x');
+  return g_sendsToClient
+             ? OndaroApi_IpcServer_SendDataToClient(g_server, name.c_str(), data.c_str())
+             : OndaroApi_IpcClient_SendDataToServer(g_client, name.c_str(), data.c_str());
+}
+
+void Expect(const std::string& name, bool isHeld) {
+  constexpr std::size_t SHOWN = 1000;
+  Register(name, [name, isHeld](const char* data) mutable {
+    const std::string text = data;
+    Say(name + " " + (text.size() < SHOWN ? text : std::to_string(text.size()) + " bytes"));
+    if (std::exchange(isHeld, false)) {
+      ReadLine();
+    }
+  });
+  Say("expecting " + name);
+}
+
+void Echo(const std::string& name, const std::string& reply) {
+  Register(name, [reply](const char* data) {
+    OndaroApi_IpcServer_SendDataToClient(g_server, reply.c_str(), data);
+  });
+  Say("echoing " + name);
+}
+
+void Volley(long count, long window) {
+  static long sent, answered;
+  sent = answered = 0;
+  const auto sendOn = [=] {
+    while (sent < count && sent - answered < window) {
+      Send("ping", std::to_string(sent++));
+    }
+  };
+  Register("pong", [=](const char* data) {
+    if (data != std::to_string(answered)) {
+      Say(std::string("volley: ") + data + " instead of " + std::to_string(answered));
+    }
+    if (++answered == count) {
+      Say("volley ok");
+    }
+    sendOn();
+  });
+  sendOn();
+}
+
+GDBusConnection* Shared() {
+  static GDBusConnection* const connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+  return connection;
+}
+
+void Sync() {
+  g_variant_unref(g_dbus_connection_call_sync(
+      Shared(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId",
+      nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
+  Say("synced");
+}
+
+void Stay() {
+  g_dbus_connection_set_exit_on_close(Shared(), FALSE);
+  Say("staying");
+}
+
+void Fork() {
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(10);
+    std::exit(EXIT_SUCCESS);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  Say("forked " + std::to_string(status));
+}
+
+void ReportUsage() {
+  std::ifstream statm("/proc/self/statm");
+  long total = 0, resident = 0;
+  statm >> total >> resident;
+  const std::filesystem::directory_iterator open("/proc/self/fd");
+  Say("usage " + std::to_string(resident * (sysconf(_SC_PAGESIZE) / 1024)) + " " +
+      std::to_string(std::distance(begin(open), end(open))));
+}
+
+void Run(const std::string& line) {
+  std::istringstream words(line);
+  std::string command, first, second;
+  words >> command >> first >> second;
+  const auto number = [](const std::string& text) { return std::stol(text); };
+  const std::map<std::string, std::function<void()>> commands = {
+      {"get", [&] { Say(first + (Get(first) != nullptr ? " ok" : " null")); }},
+      {"race", [&] { Say(Race(std::stoul(first)) ? "race ok" : "race lost"); }},
+      {"stay", Stay},
+      {"expect", [&] { Expect(first, false); }},
+      {"hold", [&] { Expect(first, true); }},
+      {"echo", [&] { Echo(first, second); }},
+      {"send", [&] { Say("sent " + std::to_string(Send(first, second))); }},
+      {"sync", Sync},
+      {"volley", [&] { Volley(number(first), number(second)); }},
+      {"flood",
+       [&] {
+         for (long i = 0; i < number(second); ++i) {
+           Send(first, std::to_string(i));
+         }
+       }},
+      {"fork", Fork},
+      {"usage", ReportUsage},
+      {"quit", [] { std::exit(EXIT_SUCCESS); }}};
+  commands.at(command)();
 }
 
 }  // namespace
@@ -230,9 +228,12 @@ gboolean OnInput(GIOChannel* channel, GIOCondition, gpointer peer) {
 int main() {
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
   g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_FATAL_MASK | G_LOG_LEVEL_CRITICAL));
-  static Peer peer;  // outlives main(): the library's objects point to its registrations
-  GIOChannel* input = g_io_channel_unix_new(STDIN_FILENO);
-  g_io_channel_set_encoding(input, nullptr, nullptr);  // any bytes
-  g_io_add_watch(input, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP), OnInput, &peer);
+  g_input = g_io_channel_unix_new(STDIN_FILENO);
+  g_io_channel_set_encoding(g_input, nullptr, nullptr);  // any bytes
+  const auto onInput = [](GIOChannel*, GIOCondition, gpointer) -> gboolean {
+    Run(ReadLine());
+    return G_SOURCE_CONTINUE;
+  };
+  g_io_add_watch(g_input, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP), onInput, nullptr);
   g_main_loop_run(g_main_loop_new(nullptr, FALSE));
 }

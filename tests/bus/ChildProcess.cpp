@@ -1,9 +1,7 @@
 #include "bus/ChildProcess.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <poll.h>
-#include <pwd.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -11,7 +9,6 @@
 
 #include <array>
 #include <cerrno>
-#include <stdexcept>
 #include <system_error>
 #include <utility>
 
@@ -28,45 +25,16 @@ int Checked(int result, const char* what) {
   return result;
 }
 
-/// The user's identity, looked up before the fork.
-struct Identity {
-  uid_t uid;
-  gid_t gid;
-  std::vector<gid_t> groups;
-};
-
-std::optional<Identity> Lookup(const std::optional<std::string>& user) {
-  if (!user) {
-    return std::nullopt;
-  }
-  const passwd* entry = getpwnam(user->c_str());
-  if (entry == nullptr) {
-    throw std::runtime_error("no such user: " + *user);
-  }
-  Identity identity{entry->pw_uid, entry->pw_gid, std::vector<gid_t>(256)};
-  int count = static_cast<int>(identity.groups.size());
-  Checked(getgrouplist(user->c_str(), entry->pw_gid, identity.groups.data(), &count), "groups");
-  identity.groups.resize(static_cast<std::size_t>(count));
-  return identity;
-}
-
-bool Become(const Identity& identity) {
-  return setgroups(identity.groups.size(), identity.groups.data()) == 0 &&
-         setgid(identity.gid) == 0 && setuid(identity.uid) == 0;
-}
-
 }  // namespace
 
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const Options& options) {
-  const std::optional<Identity> identity = Lookup(options.user);
   std::vector<char*> argv;
   for (const std::string& argument : arguments) {
     argv.push_back(const_cast<char*>(argument.c_str()));
   }
   argv.push_back(nullptr);
 
-  std::array<int, 2> input{};
-  std::array<int, 2> output{};
+  std::array<int, 2> input{}, output{};
   Checked(pipe2(input.data(), O_CLOEXEC), "pipe");
   Checked(pipe2(output.data(), O_CLOEXEC), "pipe");
   m_pid = Checked(fork(), "fork");
@@ -80,10 +48,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const Opti
       dup2(open(options.errorFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644),
            STDERR_FILENO);
     }
-    if (identity && !Become(*identity)) {
-      _exit(126);
-    }
-    prctl(PR_SET_PDEATHSIG, SIGKILL);  // after the change of identity, which clears it
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     signal(SIGPIPE, SIG_DFL);
     execvp(argv[0], argv.data());
     _exit(127);
@@ -183,12 +148,10 @@ int ChildProcess::Wait() {
 }
 
 void ChildProcess::Kill() {
-  if (m_pid <= 0) {
-    return;
+  if (m_pid > 0) {
+    kill(m_pid, SIGKILL);
+    waitpid(std::exchange(m_pid, -1), nullptr, 0);
   }
-  Signal(SIGKILL);
-  waitpid(m_pid, nullptr, 0);
-  m_pid = -1;
 }
 
 }  // namespace ondaro::test

@@ -17,9 +17,8 @@ constexpr std::chrono::seconds PATIENCE{30};
 class ChildProcess {
  public:
   struct Options {
-    std::optional<std::string> user = std::nullopt;  // run as this user; needs root
-    bool mergeError = false;                         // standard error goes where the output goes
-    std::string errorFile = {};                      // or into this file
+    bool mergeError = false;     // standard error goes where the output goes
+    std::string errorFile = {};  // or into this file
   };
 
   explicit ChildProcess(const std::vector<std::string>& arguments)

@@ -42,10 +42,6 @@ class PlainPeer {
   /// Who owns the well-known name; empty when nobody does.
   std::string Owner();
 
-  /// Exposes the daemon's object as described in `descriptionFile`, answering every call 0.
-  void Serve(const std::string& descriptionFile);
-  const std::vector<Event>& Received() const { return m_received; }
-
   /// Records the events that anyone sends, from now on.
   void Listen();
   const std::vector<Event>& Heard() const { return m_heard; }
@@ -58,13 +54,10 @@ class PlainPeer {
   std::string Call(GVariant* body, const char* member = METHOD, const char* interface = INTERFACE,
                    const char* path = OBJECT_PATH, const char* destination = BUS_NAME,
                    int timeoutMilliseconds = -1);
-  std::string CallEvent(const std::string& name, const std::string& data);
-
- private:
   std::string CallBus(const char* member, GVariant* body);
 
+ private:
   GDBusConnection* m_connection;
-  std::vector<Event> m_received;
   std::vector<Event> m_heard;
 };
 

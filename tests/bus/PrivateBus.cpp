@@ -45,19 +45,12 @@ PrivateBus::PrivateBus(const std::string& policy)
          " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
          "<busconfig>\n  <type>system</type>\n  <auth>EXTERNAL</auth>\n  <listen>"
       << m_address << "</listen>" << policy << "\n</busconfig>\n";
-  if (const char* before = getenv(ADDRESS_VARIABLE)) {
-    m_addressBefore = before;
-  }
   Start();
   setenv(ADDRESS_VARIABLE, m_address.c_str(), 1);
 }
 
 PrivateBus::~PrivateBus() {
-  if (m_addressBefore) {
-    setenv(ADDRESS_VARIABLE, m_addressBefore->c_str(), 1);
-  } else {
-    unsetenv(ADDRESS_VARIABLE);
-  }
+  unsetenv(ADDRESS_VARIABLE);
   m_daemon.reset();
   std::error_code ignored;
   std::filesystem::remove_all(m_directory, ignored);
@@ -74,7 +67,7 @@ void PrivateBus::Start() {
   m_daemon = std::make_unique<ChildProcess>(
       std::vector<std::string>{"dbus-daemon", "--config-file=" + m_directory + "/bus.conf",
                                "--nofork", "--nopidfile", "--nosyslog", "--print-address"},
-      ChildProcess::Options{std::nullopt, false, log});
+      ChildProcess::Options{false, log});
   if (m_daemon->ReadLine()) {
     return;
   }

@@ -2,7 +2,6 @@
 #define ONDARO_TESTS_BUS_PRIVATEBUS_H
 
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "bus/ChildProcess.h"
@@ -26,7 +25,6 @@ class PrivateBus {
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
 
-  const std::string& Address() const { return m_address; }
   pid_t Pid() const { return m_daemon->Pid(); }
 
   /// Ends the daemon; every connection closes.
@@ -40,7 +38,6 @@ class PrivateBus {
  private:
   std::string m_directory;
   std::string m_address;
-  std::optional<std::string> m_addressBefore;
   std::unique_ptr<ChildProcess> m_daemon;
 };
 

@@ -4,7 +4,6 @@
 #include <glib.h>
 
 #include <chrono>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -22,20 +21,15 @@ bool WaitUntil(Predicate predicate, std::chrono::milliseconds limit = PATIENCE) 
   g_source_set_callback(
       tick, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
   g_source_attach(tick, context);
-  const auto destroy = [](GSource* source) {
-    g_source_destroy(source);
-    g_source_unref(source);
-  };
-  const std::unique_ptr<GSource, decltype(destroy)> owner(tick, destroy);
-
   const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!predicate()) {
-    if (std::chrono::steady_clock::now() >= deadline) {
-      return false;
-    }
+  bool holds = predicate();
+  while (!holds && std::chrono::steady_clock::now() < deadline) {
     g_main_context_iteration(context, TRUE);
+    holds = predicate();
   }
-  return true;
+  g_source_destroy(tick);
+  g_source_unref(tick);
+  return holds;
 }
 
 /// Delivers what is ready now.

@@ -22,7 +22,7 @@ const std::string EVERYBODY_SENDS =
 
 // Another library, and the description that it reads is not there.
 const std::string ANOTHER_LIBRARY =
-    "cp $LIBRARY lib-ondaro-platform-tv.so.1.2.3;"
+    "LC_ALL=C sed s/interface.xml/interface.nil/ $LIBRARY >lib-ondaro-platform-tv.so.1.2.3;"
     "ln -s lib-ondaro-platform-tv.so.1.2.3 lib-ondaro-platform-tv.so.1;"
     "LD_LIBRARY_PATH=.:${LIBRARY%/*} doctor";
 

@@ -33,7 +33,7 @@ Words Prepend(const Words& front, const Words& back) {
 
 ToolTest::ToolTest() : m_directory(MakeDirectory()) {
   setenv("CTL", ONDARO_CTL, 1);
-  setenv("LIBRARY", ONDARO_TEST_ANOTHER_LIBRARY, 1);
+  setenv("LIBRARY", ONDARO_TEST_LIBRARY, 1);
   setenv("DESCRIPTION", ONDARO_TEST_DESCRIPTION, 1);
   unsetenv("ONDARO_HOST_LOG");
   unsetenv("NO_COLOR");
@@ -61,7 +61,7 @@ Outcome ToolTest::RunShell(const std::string& script) const {
 Outcome ToolTest::RunProgram(const Words& program, const std::string& input) const {
   const std::string error = Path("stderr of run");
   std::filesystem::remove(error);
-  ChildProcess child(program, {std::nullopt, false, error});
+  ChildProcess child(program, {false, error});
   child.Write(input);
   child.CloseInput();
   const std::string out = child.ReadAll();
@@ -71,7 +71,7 @@ Outcome ToolTest::RunProgram(const Words& program, const std::string& input) con
 std::unique_ptr<ChildProcess> ToolTest::Start(const Words& arguments) const {
   std::filesystem::remove(Path("stderr"));
   return std::make_unique<ChildProcess>(Prepend({ONDARO_CTL}, arguments),
-                                        ChildProcess::Options{std::nullopt, false, Path("stderr")});
+                                        ChildProcess::Options{false, Path("stderr")});
 }
 
 std::unique_ptr<ChildProcess> ToolTest::StartReady(const Words& arguments) const {

@@ -70,7 +70,7 @@ struct Failure {
 
 std::optional<Failure> Replay(Mutation mutation, const std::string& file) {
   test::ChildProcess child({"/proc/self/exe", "--compare", std::to_string(int(mutation)), file},
-                           {std::nullopt, true, ""});
+                           {true, ""});
   const std::string report = child.ReadAll();
   const int exit = child.Wait();
   if (exit == 0) {

@@ -2,6 +2,7 @@
 #define ONDARO_PAL_CIPCCLIENTIMPL_H
 
 #include <gio/gio.h>
+#include <sys/types.h>
 
 #include <map>
 #include <string>
@@ -45,6 +46,7 @@ class ONDARO_EXPORT CIpcClientImpl : public NOndaroAPI::IIpcClientImpl {
   GDBusConnection* m_pGDBusConnection = nullptr;  // owned, one reference
   GDBusProxy* m_pGDBusProxy = nullptr;            // owned
   guint m_nSubscriptionId = 0;                    // the one subscription; 0 without
+  pid_t m_nOwnPid;  // of the process that made it; a forked child has no use of the connection
 };
 
 }  // namespace NOndaroPAL

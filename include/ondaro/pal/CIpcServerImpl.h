@@ -2,6 +2,7 @@
 #define ONDARO_PAL_CIPCSERVERIMPL_H
 
 #include <gio/gio.h>
+#include <sys/types.h>
 
 #include <functional>
 #include <map>
@@ -54,6 +55,7 @@ class ONDARO_EXPORT CIpcServerImpl : public NOndaroAPI::IIpcServerImpl {
   guint m_nOwnerId = 0;
   guint m_nRegistrationId = 0;
   GDBusConnection* m_pObjectConnection = nullptr;  // owned; where the object was registered
+  pid_t m_nOwnPid;  // of the process that made it; a forked child has no use of the connection
 };
 
 }  // namespace NOndaroPAL

@@ -1,0 +1,318 @@
+// Each end in this process, over the scripted platform, against an independent peer.
+#include <gio/gio.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bus/PlainPeer.h"
+#include "bus/PrivateBus.h"
+#include "bus/WaitUntil.h"
+#include "library/FakePlatform.h"
+#include "ondaro/OndaroApi.h"
+#include "ondaro/pal/CPALFactory.h"
+
+namespace {
+
+/// What the library finds as its interface description; nothing: no file.
+std::optional<std::string> g_description;
+
+}  // namespace
+
+gboolean g_file_get_contents(const gchar*, gchar** contents, gsize* length, GError** error) {
+  if (!g_description) {
+    g_set_error_literal(error, G_FILE_ERROR, G_FILE_ERROR_NOENT, "no such file");
+    return FALSE;
+  }
+  *contents = g_strndup(g_description->data(), g_description->size());
+  if (length != nullptr) {
+    *length = g_description->size();
+  }
+  return TRUE;
+}
+
+namespace ondaro::test {
+namespace {
+
+using NOndaroPAL::CPALFactory;
+
+class Ends : public testing::Test {
+ protected:
+  /// The process's shared connection is held to see what is left of it.
+  Ends() {
+    std::ifstream file(ONDARO_TEST_DESCRIPTION);
+    g_description.emplace(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    m_shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    g_dbus_connection_set_exit_on_close(m_shared, FALSE);
+    ForgetLog();
+  }
+
+  /// Whatever the test did, nothing of the library holds the connection when it is over.
+  ~Ends() override {
+    m_server.reset();
+    m_client.reset();
+    g_dbus_connection_close_sync(m_shared, nullptr, nullptr);
+    gpointer weak = m_shared;
+    g_object_add_weak_pointer(G_OBJECT(m_shared), &weak);
+    g_object_unref(m_shared);
+    EXPECT_TRUE(WaitUntil([&] { return weak == nullptr; }));
+  }
+
+  void ForgetLog() {
+    FakePlatform::Get().TakeLog();
+    m_log.clear();
+  }
+  bool Logged(const std::string& start) {
+    for (const SLogEntry& entry : FakePlatform::Get().TakeLog()) {
+      m_log.push_back(entry.body);
+    }
+    return std::any_of(m_log.begin(), m_log.end(),
+                       [&](const std::string& body) { return body.rfind(start, 0) == 0; });
+  }
+
+  NOndaroAPI::IpcEventHandler Recorder(const std::string& name) {
+    return [this, name](const std::string& data) { m_events.emplace_back(name, data); };
+  }
+  void CreateServer() {
+    m_server.reset(CPALFactory::CreateIpcServerImpl());
+    m_server->RegisterEventHandler("event", Recorder("event"));
+  }
+  void AwaitServing() {
+    ASSERT_TRUE(WaitUntil([this] { return CanSend(*m_server); }));
+  }
+  void CreateServing() {
+    CreateServer();
+    AwaitServing();
+  }
+  static bool CanSend(NOndaroAPI::IIpcServerImpl& server) {
+    try {
+      server.SendDataToClient("probe", "");
+      return true;
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
+  void CreateClient() {
+    m_client.reset(CPALFactory::CreateIpcClientImpl());
+    m_client->RegisterEventHandler("event", Recorder("event"));
+  }
+
+  PrivateBus m_bus;
+  GDBusConnection* m_shared;
+  PlainPeer m_peer;
+  std::vector<std::string> m_log;
+  std::vector<Event> m_events;
+  std::unique_ptr<NOndaroAPI::IIpcServerImpl> m_server;
+  std::unique_ptr<NOndaroAPI::IIpcClientImpl> m_client;
+};
+
+TEST_F(Ends, LeaveNothingBehindInWhateverStateTheyAreDestroyed) {
+  const auto soon = [this](const char* start) {
+    ASSERT_TRUE(WaitUntil([&] { return Logged(start); }));
+  };
+  const auto acquire = [&] { CreateServer(), soon("pThis->m_pBusNodeInfo:"); };
+  const auto queue = [&] {
+    ASSERT_TRUE(m_peer.Own());
+    acquire(), ForgetLog();
+    soon("pDbusConnection:");  // the name is not to be had
+  };
+  const auto send = [&] {
+    for (int i = 0; i < 100; ++i) {
+      m_client->SendDataToServer("event", "data");
+    }
+  };
+  // Calls and signals that wait in the main context.
+  const auto burst = [&] {
+    const std::string destination = g_dbus_connection_get_unique_name(m_shared);
+    for (int i = 0; i < 100; ++i) {
+      g_dbus_connection_call(m_peer.Connection(), destination.c_str(), OBJECT_PATH, INTERFACE,
+                             METHOD, g_variant_new("(ss)", "event", "data"), nullptr,
+                             G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr, nullptr);
+      m_peer.EmitEvent("event", "data");
+    }
+    SyncWithBus(m_shared);
+  };
+  const struct {
+    const char* state;
+    std::function<void()> reach;
+    const char* log = "";
+  } rows[] = {
+      {"name requested", [&] { CreateServer(); }},
+      {"bus acquired", acquire},
+      {"bus acquired, the answer waiting", [&] { acquire(), SyncWithBus(m_shared); }},
+      {"bus acquired, calls waiting", [&] { acquire(), burst(); }},
+      {"serving", [&] { CreateServing(); }, "unregister_object() result:OK"},
+      {"serving, calls waiting", [&] { CreateServing(), burst(); },
+       "unregister_object() result:OK"},
+      {"queued behind another", queue},
+      {"owner after another", [&] { queue(), m_peer.Release(), AwaitServing(); },
+       "unregister_object() result:FAILED"},
+      {"listening", [&] { CreateClient(); }},
+      {"calls under way", [&] { CreateClient(), send(); }},
+      {"a burst waiting, calls under way", [&] { CreateClient(), burst(), send(); }},
+      {"not listening any more, a burst waiting",
+       [&] { CreateClient(), burst(), m_client->UnregisterEventHandler(); }},
+      {"both ends, the connection closed and not told yet",
+       [&] {
+         CreateClient(), CreateServing(), burst(), send();
+         g_dbus_connection_close_sync(m_shared, nullptr, nullptr);
+       },
+       "unregister_object() result:OK"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.state);
+    row.reach();
+    m_events.clear();
+    ForgetLog();
+    m_server.reset();
+    m_client.reset();
+    EXPECT_TRUE(Logged(row.log));
+    ForgetLog();
+    m_peer.Release();
+    for (int i = 0; i < 2; ++i) {
+      SyncWithBus(m_shared);
+      Drain();
+    }
+    EXPECT_EQ(m_peer.Owner(), "");
+    EXPECT_TRUE(m_events.empty());
+    EXPECT_FALSE(Logged("Start ") || Logged("pDbusConnection:"));
+  }
+}
+
+TEST_F(Ends, AreServedByTheContextOfTheThreadThatMadeThem) {
+  const auto onThread = [](const std::function<void()>& work) {
+    return std::thread([work] {
+      GMainContext* context = g_main_context_new();
+      g_main_context_push_thread_default(context);
+      work();
+      Drain();
+      g_main_context_pop_thread_default(context);
+      g_main_context_unref(context);
+    });
+  };
+  std::atomic<bool> isReady{false}, isDone{false};
+  std::thread::id handled;
+  std::thread daemon = onThread([&] {
+    const std::unique_ptr<NOndaroAPI::IIpcServerImpl> server(CPALFactory::CreateIpcServerImpl());
+    server->RegisterEventHandler("ping", [&](const std::string& data) {
+      handled = std::this_thread::get_id();
+      server->SendDataToClient("pong", data);
+    });
+    EXPECT_TRUE(WaitUntil([&] { return CanSend(*server); }));
+    isReady = true;
+    EXPECT_TRUE(WaitUntil([&] { return isDone.load(); }));
+  });
+  std::thread application = onThread([&] {
+    EXPECT_TRUE(WaitUntil([&] { return isReady.load(); }));
+    const std::unique_ptr<NOndaroAPI::IIpcClientImpl> client(CPALFactory::CreateIpcClientImpl());
+    std::thread::id heard;
+    client->RegisterEventHandler("pong",
+                                 [&](const std::string&) { heard = std::this_thread::get_id(); });
+    client->SendDataToServer("ping", "data");
+    // The completion belongs to this thread's context too, which is gone after it.
+    EXPECT_TRUE(WaitUntil([&] {
+      return heard == std::this_thread::get_id() && Logged("g_dbus_proxy_call result : 0");
+    }));
+    isDone = true;
+  });
+  const std::thread::id daemonId = daemon.get_id();
+  application.join();
+  daemon.join();
+  EXPECT_EQ(handled, daemonId);
+}
+
+// ---- Interface descriptions that are not what they should be ------------------------------------
+
+std::string Node(const std::string& attributes, const std::string& content) {
+  return "<node " + attributes + ">" + content + "</node>";
+}
+
+std::string Interface(const std::string& arguments, const std::string& other = "") {
+  return "<interface name='com.halvex.tv.ondaro'>" + other + "<method name='sendDataToServer'>" +
+         arguments + "</method></interface>";
+}
+
+const std::string PATH = "name='/com/halvex/tv/ondaro'";
+const std::string ARGUMENTS =
+    "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='i' direction='out'/>";
+
+TEST_F(Ends, HaveNoServerWithoutAUsableDescription) {
+  const std::string whole = Node(PATH, Interface(ARGUMENTS));
+  std::vector<std::optional<std::string>> texts = {
+      std::nullopt,
+      std::string(4, '\0'),
+      Node(PATH, ""),
+      Node("", Interface(ARGUMENTS)),
+      Node("name='com/halvex'", Interface(ARGUMENTS)),
+      Node(PATH, "<interface name='ondaro'/>"),
+      Node(PATH, "<interface/>"),
+      Node(PATH, Interface("<arg type='ss' direction='in'/>")),
+      Node(PATH, Interface("<arg type='mi' direction='out'/>")),
+      Node(PATH, Interface("<arg type='s'/><node><interface name='c.d'/></node>"))};
+  for (std::size_t size = 0; size < whole.size(); size += 5) {
+    texts.emplace_back(whole.substr(0, size));
+  }
+  for (const auto& text : texts) {
+    g_description = text;
+    ForgetLog();
+    EXPECT_EQ(OndaroFactory_GetIpcServerHandle(), nullptr) << text.value_or("(none)");
+    EXPECT_TRUE(Logged("exception : PAL Exception: InvalidCase: " ONDARO_TEST_DESCRIPTION ": "));
+  }
+}
+
+TEST_F(Ends, ServeWhatAnOddDescriptionDeclares) {
+  constexpr int SHORT_TIMEOUT = 200;  // milliseconds, where no answer is to be had
+  const std::string input = "<arg type='s' direction='in'/>", other = "<method name='other'/>";
+  const std::string none = "error: Timeout was reached";
+  const struct {
+    std::string description;
+    const char* member;
+    const char* body;
+    std::string answer;
+    const char* log;
+  } rows[] = {
+      {Interface(input), METHOD, "('1',)", "error: GDBus.Error", "unexpected arguments (s)"},
+      // GLib sends no answer that the description does not allow.
+      {Interface(input + input), METHOD, "('event', '')", none, "Finish sender:"},
+      {Interface(ARGUMENTS, other), "other", "()", none, "invalid method is sent method_name : "},
+      {Interface(ARGUMENTS, other), METHOD, "('event', '')", "(0,)", "Finish sender:"}};
+  for (const auto& row : rows) {
+    g_description = Node(PATH, row.description);
+    ForgetLog();
+    CreateServing();
+    GVariant* body = g_variant_parse(nullptr, row.body, nullptr, nullptr, nullptr);
+    const std::string answer =
+        m_peer.Call(body, row.member, INTERFACE, OBJECT_PATH, BUS_NAME, SHORT_TIMEOUT);
+    g_variant_unref(body);
+    EXPECT_EQ(answer.rfind(row.answer, 0), 0U) << answer;
+    EXPECT_TRUE(Logged(row.log)) << row.log;
+    m_server.reset();
+  }
+  EXPECT_EQ(m_events, std::vector<Event>({{"event", ""}, {"event", ""}}));
+}
+
+TEST_F(Ends, SendAlthoughTheObjectIsRefused) {
+  // The process exports the same object already.
+  GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(g_description->c_str(), nullptr);
+  const guint other = g_dbus_connection_register_object(m_shared, OBJECT_PATH, node->interfaces[0],
+                                                        nullptr, nullptr, nullptr, nullptr);
+  m_peer.Listen();
+  CreateServing();
+  EXPECT_TRUE(Logged("g_dbus_connection_register_object failed: "));
+  EXPECT_TRUE(WaitUntil([&] { return !m_peer.Heard().empty(); }));
+  m_server.reset();
+  g_dbus_connection_unregister_object(m_shared, other);
+  g_dbus_node_info_unref(node);
+}
+
+}  // namespace
+}  // namespace ondaro::test

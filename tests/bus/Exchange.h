@@ -1,0 +1,72 @@
+#ifndef ONDARO_TESTS_BUS_EXCHANGE_H
+#define ONDARO_TESTS_BUS_EXCHANGE_H
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "Tier.h"
+#include "bus/PlainPeer.h"
+#include "bus/PrivateBus.h"
+#include "bus/WaitUntil.h"
+
+namespace ondaro::test {
+
+/// A process of the helper program BusPeer, which says what the lines mean.
+class Peer : public ChildProcess {
+ public:
+  explicit Peer(const std::string& logFile = "/dev/null")
+      : ChildProcess({"env", "ONDARO_HOST_LOG=verbose:" + logFile, ONDARO_TEST_BUS_PEER}),
+        m_logFile(logFile) {}
+
+  /// The answer to one line.
+  std::string Do(const std::string& line) {
+    Write(line + "\n");
+    return ReadLine().value_or("(nothing)");
+  }
+  /// Becomes the daemon's end, which may send some time after the handle was got.
+  bool Serve() {
+    return Do("get server") == "server ok" &&
+           WaitUntil([this] { return Do("send probe") == "sent 0"; });
+  }
+  /// How many lines of its log contain `text`.
+  int Logged(const std::string& text) const {
+    std::ifstream file(m_logFile);
+    int count = 0;
+    for (std::string line; std::getline(file, line);) {
+      count += line.find(text) != std::string::npos ? 1 : 0;
+    }
+    return count;
+  }
+  bool LogsSoon(const std::string& text, int times = 1,
+                std::chrono::seconds limit = PATIENCE) const {
+    return WaitUntil([&] { return Logged(text) == times; }, limit);
+  }
+
+ private:
+  std::string m_logFile;
+};
+
+/// A bus, and a state of the host backend that is the test's own.
+class Exchange : public testing::Test {
+ protected:
+  Exchange() {
+    if (mkdtemp(m_state.data()) == nullptr) {
+      throw std::runtime_error("no directory for the state");
+    }
+    setenv("ONDARO_HOST_STATE", m_state.c_str(), 1);
+  }
+  ~Exchange() override { std::filesystem::remove_all(m_state); }
+
+  std::string m_state = testing::TempDir() + "ondaro-state-XXXXXX";
+  std::unique_ptr<PrivateBus> m_bus = std::make_unique<PrivateBus>();
+};
+
+}  // namespace ondaro::test
+
+#endif
