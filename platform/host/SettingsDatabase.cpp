@@ -260,8 +260,14 @@ void SettingsDatabase::CollectChanges(std::int64_t position, std::vector<Setting
   Query query(*this, m_changes);
   query.Bind(1, position).Bind(2, std::int64_t{SETTINGS_READ_BATCH});
   while (query.Step()) {
+    const std::int64_t sequence = query.Number(0);
+    if (sequence <= position) {
+      // Whoever read on from here would do so for ever.
+      throw SettingsError(SettingsError::Kind::DAMAGED, m_path + ": its log is out of order");
+    }
+    position = sequence;
     if (std::optional<SettingsValue> value = query.Value(2)) {
-      changes.push_back({query.Number(0), query.Text(1), std::move(*value)});
+      changes.push_back({sequence, query.Text(1), std::move(*value)});
     }
   }
 }

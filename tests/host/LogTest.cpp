@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <functional>
 #include <map>
 #include <sstream>
 #include <thread>
@@ -24,7 +23,6 @@ using namespace ondaro::test;
 
 constexpr std::size_t MAX_LINE = 4096;
 constexpr int INFO = 4;
-constexpr int ERROR = 6;
 
 struct Line {
   double time = 0;
@@ -107,40 +105,28 @@ TEST_F(LogTest, KeepsOneMessageOnOneLineThatAReaderCanUndo) {
   }
 }
 
-TEST_F(LogTest, CountsWhatALongMessageLostAndNeverHalfACharacter) {
-  LogTo("debug:" + m_file);
-  ASSERT_EQ(RunInChild([] {
-              // Cut at each of its bytes.
-              for (std::size_t before = 0; before < 3; ++before) {
-                std::string message(before, 'x');
-                while (message.size() < 2 * MAX_LINE) {
-                  message += "\xe2\x82\xac";
-                }
-                platform_log_print(0, INFO, "T", "%s", message.c_str());
-              }
-            }),
-            0);
-  std::size_t before = 0;
-  for (const Line& line : Lines()) {
-    const std::size_t mark = line.text.find("\\+");
-    const std::size_t kept = mark - std::string("T: ").size() - before;
-    const std::size_t whole = (2 * MAX_LINE - before + 2) / 3 * 3;
-    EXPECT_EQ(kept % 3, 0U);
-    EXPECT_EQ(std::stoul(line.text.substr(mark + 2)), whole - kept);
-    ++before;
-  }
-  EXPECT_EQ(before, 3U);
-}
+TEST_F(LogTest, FiltersBeforeItFormatsAndWritesErrorsToStandardErrorUnlessTold) {
+  const std::map<std::string, std::string> logged = {{"verbose:" + m_file, "VDIWEF"},
+                                                     {"debug:" + m_file, "DIWEF"},
+                                                     {"info:" + m_file, "IWEF"},
+                                                     {"warning:" + m_file, "WEF"},
+                                                     {"error:" + m_file, "EF"},
+                                                     {"fatal:" + m_file, "F"},
+                                                     {"off:" + m_file, ""},
+                                                     {"nonsense:" + m_file, "EF"},
+                                                     {":" + m_file, "EF"},
+                                                     {"info", "IWEF"},
+                                                     {"error:stderr", "EF"},
+                                                     {":", "EF"},
+                                                     {"", "EF"},
 
-TEST_F(LogTest, FiltersByThresholdBeforeItFormats) {
-  const std::map<std::string, std::string> logged = {
-      {"verbose", "VDIWEF"}, {"debug", "DIWEF"}, {"info", "IWEF"},
-      {"warning", "WEF"},    {"error", "EF"},    {"fatal", "F"},
-      {"off", ""},           {"", "EF"},         {"nonsense", "EF"}};
-  for (const auto& [threshold, letters] : logged) {
-    LogTo(threshold + ":" + m_file);
+                                                     {"unset", "EF"}};
+  for (const auto& [settings, letters] : logged) {
+    LogTo(settings);
     const auto lowest = 8 - static_cast<int>(letters.size());
-    ASSERT_EQ(RunInChild([lowest] {
+    ASSERT_EQ(RunInChild([&, unset = settings == "unset"] {
+                unset ? unsetenv("ONDARO_HOST_LOG") : 0;
+                dup2(open(m_file.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
                 const auto* const nowhere = reinterpret_cast<const char*>(8);
                 for (int priority = 2; priority <= 7; ++priority) {
                   platform_log_print(0, priority, "T", "%s", priority < lowest ? nowhere : "");
@@ -151,44 +137,8 @@ TEST_F(LogTest, FiltersByThresholdBeforeItFormats) {
     for (const Line& line : Lines()) {
       found += line.priority;
     }
-    EXPECT_EQ(found, letters) << threshold;
+    EXPECT_EQ(found, letters) << settings;
   }
-}
-
-TEST_F(LogTest, WritesErrorsToStandardErrorUnlessTold) {
-  for (const char* settings : {"unset", "", "error", "error:stderr", ":"}) {
-    LogTo(settings);
-    if (std::string(settings) == "unset") {
-      unsetenv("ONDARO_HOST_LOG");
-    }
-    ASSERT_EQ(RunInChild([&] {
-                dup2(open(m_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
-                platform_log_print(0, INFO, "T", "not this");
-                platform_log_print(0, ERROR, "T", "this");
-              }),
-              0);
-    const std::vector<Line> lines = Lines();
-    ASSERT_EQ(lines.size(), 1U) << settings;
-    EXPECT_EQ(lines[0].text, "T: this");
-  }
-}
-
-TEST_F(LogTest, DoesNotMixLinesOfProcesses) {
-  constexpr int MESSAGES = 500;
-  LogTo("debug:" + m_file);
-  const auto log = [] {
-    for (int i = 0; i < MESSAGES; ++i) {
-      platform_log_print(0, INFO, "T", "%s%d", std::string(500, 'x').c_str(), i);
-    }
-  };
-  Child first(log);
-  Child second(log);
-  ASSERT_EQ(first.Wait() + second.Wait(), 0);
-  std::map<pid_t, int> next;
-  for (const Line& line : Lines()) {
-    EXPECT_EQ(line.text, "T: " + std::string(500, 'x') + std::to_string(next[line.process]++));
-  }
-  EXPECT_EQ(next.size(), 2U);
 }
 
 TEST_F(LogTest, ServesForkedChildrenAndTheLastDestructorsUnderTheirOwnIds) {
@@ -250,44 +200,25 @@ bool DropsQuietly() {
 }
 
 TEST_F(LogTest, DropsWhatTheSinkDoesNotTake) {
-  struct Case {
-    const char* name;
-    std::string settings;
-    std::function<void()> makeSink;
-  };
-  const auto pipeToNobody = [](bool hasReader) {
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    dup2(ends[1], STDERR_FILENO);
-    if (!hasReader) {
-      close(ends[0]);
-    }
-  };
-  const auto fileAtItsLimit = [] {
-    const rlimit limit{100, 100};
-    setrlimit(RLIMIT_FSIZE, &limit);
-  };
-  const auto socketNobodyReads = [] {
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    dup2(ends[1], STDERR_FILENO);
-  };
-  const std::vector<Case> cases = {
-      {"file at its limit", "info:" + m_file, fileAtItsLimit},
-      {"pipe without reader", "info", [&] { pipeToNobody(false); }},
-      {"full pipe", "info", [&] { pipeToNobody(true); }},
-      {"full socket", "info", socketNobodyReads},
-      {"full disk", "info:/dev/full", [] {}},
-      {"closed standard error", "info", [] { close(STDERR_FILENO); }},
-  };
-  for (const Case& sink : cases) {
-    LogTo(sink.settings);
-    EXPECT_EQ(RunInChild([&] {
-                sink.makeSink();
+  int pipes[4];
+  int sockets[2];
+  ASSERT_EQ(pipe(pipes) + pipe(pipes + 2) + socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
+  close(pipes[2]);
+  const std::map<std::string, int> sinks = {
+      {"a pipe nobody reads", pipes[1]},          {"a pipe without reader", pipes[3]},
+      {"a socket nobody reads", sockets[1]},      {"a file at its limit", -1},
+      {"/dev/full", open("/dev/full", O_WRONLY)}, {"closed", -1}};
+  for (const auto& [name, descriptor] : sinks) {
+    LogTo(name == "a file at its limit" ? "info:" + m_file : "info");
+    EXPECT_EQ(RunInChild([descriptor = descriptor] {
+                const rlimit limit{100, 100};
+                setrlimit(RLIMIT_FSIZE, &limit);
+                close(STDERR_FILENO);
+                dup2(descriptor, STDERR_FILENO);
                 _exit(DropsQuietly() ? 0 : 1);
               }),
               0)
-        << sink.name;
+        << name;
   }
 }
 

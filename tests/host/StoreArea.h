@@ -41,11 +41,10 @@ class StoreArea {
   std::vector<host::SettingsChange> Log(std::int64_t position = 0) {
     std::vector<host::SettingsChange> all;
     Try([&] {
-      std::vector<host::SettingsChange> next;
-      do {
-        next = m_area.ChangesAfterGap(all.empty() ? position : all.back().sequence, {});
+      for (auto next = m_area.ChangesAfterGap(position, {}); !next.empty();
+           next = m_area.ChangesAfterGap(all.back().sequence, {})) {
         all.insert(all.end(), next.begin(), next.end());
-      } while (!next.empty());
+      }
     });
     return all;
   }

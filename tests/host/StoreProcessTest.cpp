@@ -12,6 +12,7 @@
 #include <chrono>
 #include <iostream>
 #include <memory>
+#include <numeric>
 #include <random>
 #include <string>
 #include <vector>
@@ -51,18 +52,6 @@ struct Board {
   std::atomic<bool> mustEnd;
 };
 
-template <typename Predicate>
-bool Await(Predicate predicate, std::chrono::seconds limit = PATIENCE) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!predicate()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    usleep(100);
-  }
-  return true;
-}
-
 class Processes : public testing::Test {
  protected:
   explicit Processes(std::string area)
@@ -83,12 +72,13 @@ class Processes : public testing::Test {
     platform_settings_get_int(Key(writer).c_str(), &number);
     return number;
   }
+  /// A write that was not acknowledged may be there or not.
+  bool IsKept(std::size_t writer) const {
+    const int beyond = Stored(writer) - m_board->acknowledged.at(writer);
+    return beyond == 0 || beyond == 1;
+  }
   int Written() const {
-    int sum = 0;
-    for (const auto& number : m_board->acknowledged) {
-      sum += number;
-    }
-    return sum;
+    return std::accumulate(m_board->acknowledged.begin(), m_board->acknowledged.end(), 0);
   }
 
   /// Counts up while less than the goal is written, until it is killed: at a call on a file, where
@@ -101,7 +91,7 @@ class Processes : public testing::Test {
           [&](const FileCall&) { return ++calls == killedAt ? raise(SIGKILL) : 0; });
       std::atomic<int>& acknowledged = m_board->acknowledged.at(writer);
       int number = Stored(writer);
-      m_board->lost += number == acknowledged || number == acknowledged + 1 ? 0 : 1;
+      m_board->lost += IsKept(writer) ? 0 : 1;
       for (acknowledged = number;; acknowledged = number) {
         while (Written() >= m_board->goal || IsWatcherFarBehind()) {
           usleep(100);
@@ -116,7 +106,7 @@ class Processes : public testing::Test {
   void StartWatchers(std::size_t count) {
     for (std::size_t watcher = 0; watcher < count; ++watcher) {
       m_watchers.push_back(std::make_unique<Child>([=] { Watch(m_board->watchers.at(watcher)); }));
-      EXPECT_TRUE(Await([&] { return m_board->watchers.at(watcher).isReady.load(); }));
+      EXPECT_TRUE(WaitUntil([&] { return m_board->watchers.at(watcher).isReady.load(); }));
     }
   }
 
@@ -125,7 +115,7 @@ class Processes : public testing::Test {
     for (std::size_t watcher = 0; watcher < m_watchers.size(); ++watcher) {
       const Watched& watched = m_board->watchers.at(watcher);
       for (std::size_t writer = 0; writer < WRITERS; ++writer) {
-        EXPECT_TRUE(Await([&] { return watched.seen.at(writer) == Stored(writer); }))
+        EXPECT_TRUE(WaitUntil([&] { return watched.seen.at(writer) == Stored(writer); }))
             << "watcher " << watcher << " ends with " << watched.seen.at(writer) << " of "
             << Stored(writer);
       }
@@ -174,8 +164,7 @@ class Processes : public testing::Test {
   }
 };
 
-class Kills : public Processes {
- protected:
+struct Kills : Processes {
   Kills() : Processes("db") {}
 };
 
@@ -185,36 +174,30 @@ TEST_F(Kills, LoseNoAcknowledgedWriteAndNoChange) {
   std::mt19937 random(1);
   m_board->goal = 1 << 30;
   StartWatchers(2);
-  std::array<bool, WRITERS> isAtCall{};
+  // Half of them die at a call on a file, unless they are killed before, half at any instant.
   const auto start = [&](std::size_t writer) {
-    // Half are killed at a call on a file, half at any instant.
-    isAtCall.at(writer) = random() % 2 == 0;
-    StartWriter(writer, isAtCall.at(writer) ? 1 + static_cast<int>(random() % CALLS_IN_A_LIFE) : 0);
+    StartWriter(writer, random() % 2 == 0 ? 1 + static_cast<int>(random() % CALLS_IN_A_LIFE) : 0);
   };
   for (std::size_t writer = 0; writer < WRITERS; ++writer) {
     start(writer);
   }
   for (int kill = 0; kill < kills; ++kill) {
     const std::size_t writer = random() % WRITERS;
-    if (!isAtCall.at(writer)) {
-      usleep(static_cast<useconds_t>(random() % 8000));
-      ::kill(m_writers.at(writer)->Pid(), SIGKILL);
-    }
+    usleep(static_cast<useconds_t>(random() % 10'000));
+    ::kill(m_writers.at(writer)->Pid(), SIGKILL);
     ASSERT_EQ(m_writers.at(writer)->Wait(), SIGKILL);
     start(writer);
   }
   m_writers = std::vector<std::unique_ptr<Child>>(WRITERS);  // kills the rest
   for (std::size_t writer = 0; writer < WRITERS; ++writer) {
-    EXPECT_GE(Stored(writer), m_board->acknowledged.at(writer));
-    EXPECT_LE(Stored(writer), m_board->acknowledged.at(writer) + 1);
+    m_board->lost += IsKept(writer) ? 0 : 1;
   }
   EXPECT_EQ(m_board->lost, 0);
   ExpectAllSeen();
   std::cout << kills << " kills, " << Written() << " writes\n";
 }
 
-class Soak : public Processes {
- protected:
+struct Soak : Processes {
   Soak() : Processes("memory") {}
 
   struct Use {
@@ -241,7 +224,7 @@ TEST_F(Soak, KeepsEveryChangeMemoryAndDescriptors) {
   constexpr long MOST_GROWTH = 200;  // pages
   const int changes = ByTier(30'000, 150'000, 1'000'000);
   const auto untilWritten = [&](int count) {
-    ASSERT_TRUE(Await([&] { return Written() >= count; }, std::chrono::hours(1)));
+    ASSERT_TRUE(WaitUntil([&] { return Written() >= count; }, std::chrono::hours(1)));
   };
   StartWatchers(MOST_WATCHERS);
   m_board->goal = changes;
