@@ -15,14 +15,6 @@
 namespace ondaro::test {
 namespace {
 
-std::string MakeDirectory() {
-  std::string path = std::filesystem::temp_directory_path() / "ondaro-ctl-XXXXXX";
-  if (mkdtemp(path.data()) == nullptr) {
-    throw std::system_error(errno, std::generic_category(), path);
-  }
-  return path;
-}
-
 Words Prepend(const Words& front, const Words& back) {
   Words all = front;
   all.insert(all.end(), back.begin(), back.end());
@@ -31,7 +23,10 @@ Words Prepend(const Words& front, const Words& back) {
 
 }  // namespace
 
-ToolTest::ToolTest() : m_directory(MakeDirectory()) {
+ToolTest::ToolTest() {
+  if (mkdtemp(m_directory.data()) == nullptr) {
+    throw std::system_error(errno, std::generic_category(), m_directory);
+  }
   setenv("CTL", ONDARO_CTL, 1);
   setenv("LIBRARY", ONDARO_TEST_LIBRARY, 1);
   setenv("DESCRIPTION", ONDARO_TEST_DESCRIPTION, 1);
@@ -99,21 +94,16 @@ std::string ReadWholeFile(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-Json::Value ParseObject(const std::string& line) {
-  Json::Value object;
-  std::istringstream text(line);
-  std::string errors;
-  EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), text, &object, &errors))
-      << line << errors;
-  EXPECT_TRUE(object.isObject()) << line;
-  return object;
-}
-
-std::vector<Json::Value> ParseObjects(const std::string& text) {
+std::vector<Json::Value> ParseObjects(const std::string& out) {
   std::vector<Json::Value> objects;
-  std::istringstream lines(text);
+  std::istringstream lines(out);
   for (std::string line; std::getline(lines, line);) {
-    objects.push_back(ParseObject(line));
+    std::istringstream text(line);
+    std::string errors;
+    EXPECT_TRUE(
+        Json::parseFromStream(Json::CharReaderBuilder(), text, &objects.emplace_back(), &errors))
+        << line << errors;
+    EXPECT_TRUE(objects.back().isObject()) << line;
   }
   return objects;
 }

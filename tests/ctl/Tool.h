@@ -56,16 +56,13 @@ class ToolTest : public testing::Test {
  private:
   Outcome RunProgram(const Words& program, const std::string& input) const;
 
-  std::string m_directory;
+  std::string m_directory = testing::TempDir() + "ondaro-ctl-XXXXXX";
 };
 
 std::string ReadWholeFile(const std::string& path);
 
-/// The object on the line; a failure of the test when there is none.
-Json::Value ParseObject(const std::string& line);
-
-/// Every line of `text` as an object.
-std::vector<Json::Value> ParseObjects(const std::string& text);
+/// Every line of the output as an object; a failure of the test when one is none.
+std::vector<Json::Value> ParseObjects(const std::string& out);
 
 }  // namespace ondaro::test
 

@@ -1,6 +1,7 @@
 #include "NewFile.h"
 #include "Properties.h"
 #include "Text.h"
+#include "TextFile.h"
 #include "Verbs.h"
 #include "ondaro/OndaroApi.h"
 

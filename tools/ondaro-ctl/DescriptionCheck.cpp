@@ -6,7 +6,7 @@
 
 #include "DoctorChecks.h"
 #include "ExitCode.h"
-#include "NewFile.h"
+#include "TextFile.h"
 #include "ondaro/OndaroApi.h"
 
 namespace ondaro::ctl {

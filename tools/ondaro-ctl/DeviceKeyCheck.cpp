@@ -7,7 +7,7 @@
 
 #include "DoctorChecks.h"
 #include "ExitCode.h"
-#include "NewFile.h"
+#include "TextFile.h"
 #include "ondaro/OndaroApi.h"
 #include "ondaro/pal/CPALFactory.h"
 

@@ -1,9 +1,6 @@
-#include <fstream>
-#include <iostream>
-#include <iterator>
-
 #include "Properties.h"
 #include "Text.h"
+#include "TextFile.h"
 #include "Verbs.h"
 
 /*
@@ -68,31 +65,15 @@ std::optional<Assignment> ParseLine(const std::string& line, const std::string& 
 }
 
 /// The whole input, before anything is written.
-std::vector<Assignment> ParseDump(std::istream& input, const std::string& name) {
+std::vector<Assignment> ReadDump(const std::string& path) {
   std::vector<Assignment> assignments;
-  std::size_t number = 0;
-  for (std::string line; std::getline(input, line);) {
-    ++number;
-    auto assignment = ParseLine(line, name + ", line " + std::to_string(number));
+  ReadLines(path, [&](const std::string& line, const std::string& place) {
+    auto assignment = ParseLine(line, place);
     if (assignment) {
       assignments.push_back(std::move(*assignment));
     }
-  }
-  if (input.bad()) {
-    throw Failure(ExitCode::Failed, name + " could not be read to its end; nothing was written");
-  }
+  });
   return assignments;
-}
-
-std::vector<Assignment> ReadDump(const std::string& path) {
-  if (path == "-") {
-    return ParseDump(std::cin, "standard input");
-  }
-  std::ifstream file(path, std::ios::binary);
-  if (!file) {
-    throw Failure(ExitCode::Failed, path + " cannot be opened for reading");
-  }
-  return ParseDump(file, path);
 }
 
 /// A dump holds what can only be read as well; and a process group is nothing to be restored.

@@ -6,7 +6,7 @@
 namespace ondaro::ctl {
 namespace {
 
-constexpr double LONGEST_TIMEOUT = 1'000'000.0;
+constexpr double HIGHEST_SPEED = 1'000'000.0;
 
 template <class Number>
 bool Parse(const std::string& text, Number& number) {
@@ -19,6 +19,12 @@ std::string CheckSeconds(const std::string& text) {
   double seconds = 0;
   const bool isFine = Parse(text, seconds) && seconds >= 0 && seconds <= LONGEST_TIMEOUT;
   return isFine ? "" : "'" + text + "' is not a number of seconds from 0 to 1000000";
+}
+
+std::string CheckSpeed(const std::string& text) {
+  double speed = 0;
+  const bool isFine = Parse(text, speed) && speed > 0 && speed <= HIGHEST_SPEED;
+  return isFine ? "" : "'" + text + "' is not a number above 0, up to 1000000";
 }
 
 std::string CheckCount(const std::string& text) {
@@ -34,6 +40,12 @@ void AddTimeout(CLI::App& verb, std::optional<double>& seconds) {
   verb.add_option("--timeout", seconds, "Give up after SECONDS, with exit code 5")
       ->type_name("SECONDS")
       ->check(CheckSeconds);
+}
+
+CLI::Option& AddSpeed(CLI::App& verb, double& speed) {
+  return *verb.add_option("--speed", speed, "That many times as fast")
+              ->type_name("N")
+              ->check(CheckSpeed);
 }
 
 void AddLimits(CLI::App& verb, Limits& limits) {

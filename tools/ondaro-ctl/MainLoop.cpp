@@ -2,6 +2,7 @@
 
 #include <glib-unix.h>
 
+#include <cmath>
 #include <csignal>
 
 #include "ExitCode.h"
@@ -38,10 +39,12 @@ void MainLoop::Stop() {
   g_main_loop_quit(m_pLoop.get());
 }
 
-void MainLoop::Run(std::optional<double> seconds, const std::string& onTimeout) {
+bool MainLoop::RunFor(std::optional<double> seconds) {
   constexpr double MILLISECONDS = 1000.0;
   const guint timer =
-      seconds ? g_timeout_add(static_cast<guint>(*seconds * MILLISECONDS), OnTimeout, this) : 0;
+      seconds
+          ? g_timeout_add(static_cast<guint>(std::ceil(*seconds * MILLISECONDS)), OnTimeout, this)
+          : 0;
   // What stopped it before it ran, a callback during a call into the library, counts as well.
   if (!m_stopped) {
     g_main_loop_run(m_pLoop.get());
@@ -53,7 +56,11 @@ void MainLoop::Run(std::optional<double> seconds, const std::string& onTimeout) 
   if (m_failure != nullptr) {
     std::rethrow_exception(std::exchange(m_failure, nullptr));
   }
-  if (std::exchange(m_timedOut, false)) {
+  return !std::exchange(m_timedOut, false);
+}
+
+void MainLoop::Run(std::optional<double> seconds, const std::string& onTimeout) {
+  if (!RunFor(seconds)) {
     throw Failure(ExitCode::TimedOut, onTimeout);
   }
 }

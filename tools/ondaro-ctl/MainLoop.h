@@ -22,8 +22,11 @@ class MainLoop {
   MainLoop(const MainLoop&) = delete;
   MainLoop& operator=(const MainLoop&) = delete;
 
-  /// Iterates until Stop(), SIGINT or SIGTERM. Throws what ended a callback, and a Failure with
-  /// `onTimeout` when `seconds` are over first.
+  /// Iterates until Stop(), SIGINT or SIGTERM; false when `seconds` are over first. Throws what
+  /// ended a callback.
+  bool RunFor(std::optional<double> seconds);
+
+  /// The same, with a Failure of that message when the time is over.
   void Run(std::optional<double> seconds, const std::string& onTimeout);
 
   void Stop();

@@ -2,8 +2,8 @@
 #include <list>
 
 #include "Bus.h"
+#include "Client.h"
 #include "InputLines.h"
-#include "ReplyWatch.h"
 #include "Text.h"
 #include "Verbs.h"
 #include "ondaro/OndaroApi.h"
@@ -14,12 +14,6 @@ namespace {
 struct EventOptions {
   std::vector<std::string> names;
   Limits limits;
-};
-
-struct SendOptions {
-  std::string event;
-  std::string data;
-  std::optional<double> seconds = 25.0;
 };
 
 /// Shows the events of the names given, as the library delivers them.
@@ -161,18 +155,7 @@ void Serve(const Output& output, const EventOptions& options) {
   Server(output, options).Run(options.limits.seconds);
 }
 
-// ---- The application's end
-// ------------------------------------------------------------------------
-
-OndaroApi_IpcClient_h Client() {
-  const OndaroApi_IpcClient_h handle = OndaroFactory_GetIpcClientHandle();
-  if (handle == nullptr) {
-    throw Failure(ExitCode::BusAbsent,
-                  "the messaging could not be set up on the system bus; "
-                  "'--log error' shows why");
-  }
-  return handle;
-}
+// ---- The application's end ----------------------------------------------------------------------
 
 class ClientRegistrations {
  public:
@@ -204,44 +187,6 @@ void Listen(const Output& output, const EventOptions& options) {
   loop.Run(options.limits.seconds, "the time is over");
 }
 
-void RequireSuccess(const Reply& reply) {
-  if (!reply.isError) {
-    return;
-  }
-  if (reply.IsFromNobody()) {
-    throw Failure(ExitCode::BusAbsent,
-                  std::string("no daemon answers on the bus (nobody owns ") + DAEMON_NAME +
-                      "); start it, or stand in for it with 'ondaro-ctl serve EVENT'");
-  }
-  throw Failure(ExitCode::Failed, "the daemon's end refused the event: " + reply.errorMessage);
-}
-
-void StartSending(const SendOptions& options) {
-  if (OndaroApi_IpcClient_SendDataToServer(Client(), options.event.c_str(), options.data.c_str()) !=
-      0) {
-    throw Failure(ExitCode::Failed,
-                  "the event was not sent: event and data must be UTF-8 and "
-                  "together shorter than 32 MiB; '--log error' shows more");
-  }
-}
-
-void Send(const Output& /*output*/, const SendOptions& options) {
-  MainLoop loop;
-  Bus bus(loop);
-  std::optional<Reply> answer;
-  const ReplyWatch watch(bus, loop, DAEMON_METHOD, [&](const Reply& reply) {
-    answer = reply;
-    // The library gets to see the reply before the tool ends.
-    bus.AfterRoundTrip([&] { loop.Stop(); });
-  });
-  bus.WhenDaemonAnswers([&] { StartSending(options); });
-  loop.Run(options.seconds, "the daemon did not answer in time");
-  if (!answer) {
-    throw Failure(ExitCode::Failed, "interrupted before the daemon answered");
-  }
-  RequireSuccess(*answer);
-}
-
 }  // namespace
 
 void AddMessageVerbs(CLI::App& app, Session& session) {
@@ -256,13 +201,6 @@ void AddMessageVerbs(CLI::App& app, Session& session) {
   listen.add_option("EVENT", options->names, "Names of the events to print")->required();
   AddLimits(listen, options->limits);
   OnVerb(listen, session, options, Listen);
-
-  auto sent = std::make_shared<SendOptions>();
-  CLI::App& send = *app.add_subcommand("send", "Be an application: send an event to the daemon");
-  send.add_option("EVENT", sent->event, "The event's name")->required();
-  send.add_option("DATA", sent->data, "The event's data")->required();
-  AddTimeout(send, sent->seconds);
-  OnVerb(send, session, sent, Send);
 }
 
 }  // namespace ondaro::ctl

@@ -9,7 +9,6 @@
 #include <cstring>
 
 #include "ExitCode.h"
-#include "GLibOwner.h"
 
 namespace ondaro::ctl {
 namespace {
@@ -71,18 +70,6 @@ void NewFile::Commit() {
     FailWithErrno(m_path);
   }
   m_written.clear();
-}
-
-std::string ReadFile(const std::string& path) {
-  char* contents = nullptr;
-  gsize length = 0;
-  GError* error = nullptr;
-  if (g_file_get_contents(path.c_str(), &contents, &length, &error) == FALSE) {
-    const GLibError owned(error);
-    throw Failure(ExitCode::Failed, error->message);
-  }
-  const GLibText owned(contents);
-  return {contents, length};
 }
 
 }  // namespace ondaro::ctl

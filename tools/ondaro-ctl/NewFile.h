@@ -29,9 +29,6 @@ class NewFile {
   int m_descriptor = -1;
 };
 
-/// The whole contents.
-std::string ReadFile(const std::string& path);
-
 }  // namespace ondaro::ctl
 
 #endif

@@ -29,7 +29,8 @@ void AddWatchVerbs(CLI::App& app, Session& session);     // watch wait
 void AddStoreVerbs(CLI::App& app, Session& session);     // store get|set|watch
 void AddDeviceVerbs(CLI::App& app, Session& session);    // device
 void AddAuthVerbs(CLI::App& app, Session& session);      // auth generate|sign|system-id
-void AddMessageVerbs(CLI::App& app, Session& session);   // serve listen send
+void AddMessageVerbs(CLI::App& app, Session& session);   // serve listen
+void AddSendVerb(CLI::App& app, Session& session);       // send
 void AddDoctorVerb(CLI::App& app, Session& session);     // doctor
 void AddTraceVerbs(CLI::App& app, Session& session);     // trace
 
@@ -42,6 +43,10 @@ struct Limits {
 /// Limits of a verb that shows what arrives: -n and --timeout.
 void AddLimits(CLI::App& verb, Limits& limits);
 void AddTimeout(CLI::App& verb, std::optional<double>& seconds);
+inline constexpr double LONGEST_TIMEOUT = 1'000'000.0;
+
+/// --speed of a verb that plays back.
+CLI::Option& AddSpeed(CLI::App& verb, double& speed);
 
 /// Makes `run` what happens when the verb is given. It gets the options, which live until then.
 template <class Options, class Run>

@@ -65,6 +65,7 @@ void AddVerbs(CLI::App& app, Session& session) {
   AddDeviceVerbs(app, session);
   AddAuthVerbs(app, session);
   AddMessageVerbs(app, session);
+  AddSendVerb(app, session);
   AddDoctorVerb(app, session);
   AddTraceVerbs(app, session);
   CallThemVerbs(app);
@@ -81,12 +82,21 @@ std::string FullName(const CLI::App& verb) {
   return parent == nullptr ? "ondaro-ctl" : FullName(*parent) + " " + verb.get_name();
 }
 
+std::string DescribeUnknownOption(const CLI::App& app, const std::string& word) {
+  std::vector<std::string> names;
+  for (const CLI::App* known : {&app, &VerbOf(app)}) {
+    for (const CLI::Option* option : known->get_options()) {
+      names.push_back(option->get_name());
+    }
+  }
+  const std::string offer = Suggest(word, names);
+  return "there is no option '" + word + "'" +
+         (offer.empty() ? "; a word that begins with '-' goes after '--'" : offer);
+}
+
 std::string DescribeMissingVerb(const CLI::App& verb, const std::vector<std::string>& words) {
   if (words.empty()) {
     return "a verb is missing";
-  }
-  if (words.front().rfind('-', 0) == 0) {
-    return "there is no option '" + words.front() + "'";
   }
   std::vector<std::string> names;
   for (const CLI::App* known : verb.get_subcommands({})) {
@@ -96,11 +106,15 @@ std::string DescribeMissingVerb(const CLI::App& verb, const std::vector<std::str
 }
 
 std::string DescribeWrongUsage(const CLI::App& app, const CLI::ParseError& error) {
+  const std::vector<std::string> unused = app.remaining(true);
+  if (!unused.empty() && unused.front().rfind('-', 0) == 0) {
+    return DescribeUnknownOption(app, unused.front());
+  }
   const CLI::App& verb = VerbOf(app);
-  const bool needsVerb = verb.get_require_subcommand_min() > 0;
-  const std::string reason =
-      needsVerb ? DescribeMissingVerb(verb, app.remaining(true)) : error.what();
-  return reason + "\nSee '" + FullName(verb) + " --help'";
+  if (verb.get_require_subcommand_min() > 0) {
+    return DescribeMissingVerb(verb, unused);
+  }
+  return unused.empty() ? error.what() : "'" + unused.front() + "' is one word too many";
 }
 
 /// Parses; true when a verb is to be run. Help and version are printed.
@@ -138,9 +152,17 @@ void Run(Session& session, int argc, char** argv) {
   app.get_formatter()->label("TEXT", "");
   AddGlobalOptions(app, session, log);
   AddVerbs(app, session);
-  if (Parse(app, session, argc, argv)) {
-    ChooseLog(log);
-    session.verb();
+  try {
+    if (Parse(app, session, argc, argv)) {
+      ChooseLog(log);
+      session.verb();
+    }
+  } catch (const Failure& failure) {
+    if (failure.Code() == ExitCode::Usage) {
+      throw Failure(ExitCode::Usage,
+                    std::string(failure.what()) + "\nSee '" + FullName(VerbOf(app)) + " --help'");
+    }
+    throw;
   }
 }
 
