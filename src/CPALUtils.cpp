@@ -228,11 +228,11 @@ void CPALUtils::PrintDataToHex(const char* label, const void* data, std::uint64_
   const auto* bytes = static_cast<const unsigned char*>(data);
   char line[2 * BYTES_PER_HEX_LINE + 1] = {};
   std::size_t column = 0;
-  int lineCount = 0;
+  std::uint64_t lineCount = 0;
   for (std::uint64_t index = 0; index < length; ++index) {
     // A full line is written only once more follows: the last one belongs to the statement below.
     if (column == BYTES_PER_HEX_LINE) {
-      PAL_LOG_INFO("%s[%3d]:[%s]", label, lineCount * static_cast<int>(BYTES_PER_HEX_LINE), line);
+      PAL_LOG_INFO("%s[%3d]:[%s]", label, static_cast<int>(lineCount * BYTES_PER_HEX_LINE), line);
       column = 0;
       ++lineCount;
     }
@@ -241,7 +241,7 @@ void CPALUtils::PrintDataToHex(const char* label, const void* data, std::uint64_
     ++column;
     line[2 * column] = '\0';
   }
-  PAL_LOG_INFO("%s[%3d]:[%s]", label, lineCount * static_cast<int>(BYTES_PER_HEX_LINE), line);
+  PAL_LOG_INFO("%s[%3d]:[%s]", label, static_cast<int>(lineCount * BYTES_PER_HEX_LINE), line);
 }
 
 }  // namespace NOndaroPAL

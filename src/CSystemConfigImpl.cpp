@@ -175,8 +175,7 @@ bool _SetOndaroWidevineOndaroSupport(const std::string& val) {
   return CPALUtils::SetregSetStr(SETREG_ONDARO_WIDEVINE_ONDARO_SUPPORT, val);
 }
 
-// ---- Callback managers: subscribe or unsubscribe one key
-// ------------------------------------------
+// ---- Callback managers: subscribe or unsubscribe one key ---------------------------------------
 
 void _ManageSubscription(bool subscribe, const std::string& key,
                          platform_settings_changed_cb callback, void* pUserData) {
@@ -250,8 +249,7 @@ void CSystemConfigImpl::_ManageOndaroWidevineOndaroSupportCb(bool subscribe, voi
                       OndaroWidevineOndaroSupportChangedCallback, pUserData);
 }
 
-// ---- Construction
-// ---------------------------------------------------------------------------------
+// ---- Construction ------------------------------------------------------------------------------
 
 CSystemConfigImpl::CSystemConfigImpl() {
   ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__);
@@ -312,8 +310,7 @@ void CSystemConfigImpl::_InitCbManagerMap(CbManagerMap_t& cbManagerMap) {
   cbManagerMap[FUNCTION_NAME_ONDARO_WIDEVINE_ONDARO_SUPPORT] = _ManageOndaroWidevineOndaroSupportCb;
 }
 
-// ---- Reads and writes
-// -------------------------------------------------------------------------------
+// ---- Reads and writes --------------------------------------------------------------------------
 
 std::string CSystemConfigImpl::GetProperty(const std::string& key) const {
   return _GetProperty(key);
@@ -369,8 +366,7 @@ std::string CSystemConfigImpl::_ExtractDataFromMixedKey(const std::string& mixed
   return data;
 }
 
-// ---- Change events
-// ----------------------------------------------------------------------------------
+// ---- Change events -----------------------------------------------------------------------------
 
 void CSystemConfigImpl::RegisterEventHandler(const std::string& key,
                                              const NOndaroAPI::PropertyEventHandler& handler) {

@@ -5,7 +5,6 @@
 
 /// Statements of the sources that log under the exported layer's tag.
 #define ONDARO_API_TAG "ONDARO_API"
-#define API_LOG_DEBUG(...) ONDARO_LOG(::ondaro::log::PRIORITY_DEBUG, ONDARO_API_TAG, __VA_ARGS__)
 #define API_LOG_INFO(...) ONDARO_LOG(::ondaro::log::PRIORITY_INFO, ONDARO_API_TAG, __VA_ARGS__)
 #define API_LOG_ERROR(...) ONDARO_LOG(::ondaro::log::PRIORITY_ERROR, ONDARO_API_TAG, __VA_ARGS__)
 #define API_LOG_ERROR_AT(site, ...) \

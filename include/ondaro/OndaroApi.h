@@ -15,21 +15,26 @@
  *     failure value: null, false, -1, or nothing. There is no error code, no errno and no
  *     last-error state.
  *  5. Null arguments. A null handle, or null for a pointer that is marked required, is a broken
- *     precondition: one error line that names the parameter, then the failure value. Nothing is
- *     read or changed.
+ *     precondition: one error line, then the failure value. Nothing is read or changed. The line
+ *     names the parameter; for the key or event name of a registration and the texts of a send it
+ *     says instead that a string was to be made from null.
  *  6. Exceptions derived from std::exception never leave a function. An exception of another
- *     type, which only code of the host process can throw, passes through.
+ *     type, which only the set's own services can throw, passes through.
  *  7. Threads. The library has no thread and no main loop, and takes no lock but for the first
- *     use of each factory. Different families are independent. Within one family the caller
- *     keeps registration, sending and the main loop that delivers events on one thread.
+ *     use of each factory. Different families are independent, but for reading SYSTEM_ID, which
+ *     makes and asks the device-authentication service. Within one family the caller keeps
+ * registration, sending and the main loop that delivers events on one thread.
  *  8. Main contexts. GLib delivers the library's callbacks in the thread-default main context of
  *     the thread that caused them: the daemon's incoming events where the server handle was
- *     first obtained, the application's where the first handler was registered, property changes
- *     where the settings store delivers (the host backend: where the handler was registered).
- *     That context must be iterated by a main loop of the host process.
+ *     first obtained, the application's where a handler was registered while there was none, the
+ *     completion of a send where it was sent, property changes where the settings store delivers
+ * (the host backend: where the handler was registered). That context must be iterated by a main
+ * loop of the host process.
  *  9. Callbacks run synchronously inside the delivery. They may call every function of this
  *     header, also to register, replace or unregister their own event. Their data argument is
- *     valid during the call only. User data is passed through and never released.
+ *     valid during the call only. User data is passed through and never released; the caller
+ *     keeps it alive until the event is unregistered or replaced. An exception that leaves a
+ *     callback ends there, with an error line.
  * 10. The bus connection is the shared system-bus connection of the process. GLib ends the
  *     process when that connection is closed by the bus, unless the host process turns this off
  *     with g_dbus_connection_set_exit_on_close(); the library leaves the setting alone.
@@ -94,6 +99,28 @@ ONDARO_EXPORT OndaroApi_CoreAuth_h OndaroFactory_GetCoreAuthHandle(void);
 
 /* ---- System configuration ---------------------------------------------------------------- */
 
+/*
+ * The properties. Flags read "true" or "false".
+ *
+ *   ONDARO_INIT              flag                                    read, write
+ *   ONDARO_SUPPORT           flag                                    read, write, event
+ *   ONDARO_CLEAR_DATA        flag                                    read, write, event
+ *   ONDARO_ENABLE_USAGE_RPT  "false", "default", "true" or "set"     read, write, event
+ *   ONDARO_TOS_STATUS        text                                    read, write, event
+ *   ONDARO_STATUS            text; lost when the set is restarted    read, write, event (changed)
+ *   ONDARO_ENROLLMENT        text                                    read, write, event (changed)
+ *   WIDEVINE_ONDARO_VERSION  text                                    read, write, event (changed)
+ *   WIDEVINE_ONDARO_SUPPORT  text                                    read, write, event (changed)
+ *   SDR                      "1"                                     read
+ *   SYSTEM_ID                the DRM system identifier               read
+ *   TARGET_REPOSITORY        "emulator"                              read
+ *   ONDARO_SET_PROCESS_GRP   an application's id: puts the calling   write
+ *                            process into that application's group
+ *
+ * An event (changed) comes only when the text differs from the last one known; the other events
+ * come with each notification of the settings store, equal values too.
+ */
+
 /**
  * Called when a property changed.
  *
@@ -108,7 +135,7 @@ typedef void (*OndaroApi_SystemConfigEventCallback)(const char* data, void* user
  * @param handle   required
  * @param key      required; the property's name, or "name:data" to pass data to the read
  * @param pLength  required; receives the value's length in bytes, without the final NUL. Written
- *                 only when the read itself succeeded.
+ *                 as soon as there is a value, be it "error"; not when reading it threw.
  * @return the value, NUL-terminated, to be released with OndaroApi_SystemConfig_DestroyProperty();
  *         an empty string for an unknown property, "error" for a property that could not be read;
  *         null on failure
@@ -122,9 +149,9 @@ ONDARO_EXPORT const char* OndaroApi_SystemConfig_GetProperty(OndaroApi_SystemCon
  * @param handle  required
  * @param key     required; the property's name
  * @param val     required; the value. Flags store "true" for exactly that word and false for any
- *                other.
- * @return true when the value was stored; false for an unknown or read-only property or a
- *         refusal by the settings store
+ *                other; the usage report stores an unknown word as "false".
+ * @return true when the value was stored or, for ONDARO_SET_PROCESS_GRP, the group set; false for
+ * an unknown or read-only property or a refusal by the settings store
  */
 ONDARO_EXPORT bool OndaroApi_SystemConfig_SetProperty(OndaroApi_SystemConfig_h handle,
                                                       const char* key, const char* val);
@@ -143,8 +170,8 @@ ONDARO_EXPORT void OndaroApi_SystemConfig_DestroyProperty(const char* val);
  * @param handle    required
  * @param key       required; a property's name. A name without change events is accepted and
  *                  never called.
- * @param callback  called on every change; null is accepted and drops the events
- * @param userData  passed to the callback; the caller keeps it alive until unregistration
+ * @param callback  called with each event of the property; null is accepted and drops the events
+ * @param userData  passed to the callback
  */
 ONDARO_EXPORT void OndaroApi_SystemConfig_RegisterEventHandler(
     OndaroApi_SystemConfig_h handle, const char* key, OndaroApi_SystemConfigEventCallback callback,
@@ -259,7 +286,10 @@ typedef struct OndaroApi_CoreAuthInfoRW {
   uint32_t length;
 } OndaroApi_CoreAuthInfoRW_t;
 
-/** Bytes that the caller fills and keeps; the library only reads them. */
+/**
+ * Bytes that the caller fills and keeps; the library only reads them. Null data with length 0
+ * stands for no bytes; null data with another length is refused.
+ */
 typedef struct OndaroApi_CoreAuthInfoRO {
   const char* data;
   uint32_t length;
@@ -283,8 +313,7 @@ ONDARO_EXPORT bool OndaroApi_CoreAuth_GenerateDeviceKeyAndCert(OndaroApi_CoreAut
  *
  * @param handle  required
  * @param key     required; the device key as generated
- * @param hash    required; the hash to sign. Null data with length 0 stands for no bytes; null
- *                data with another length is refused.
+ * @param hash    required; the hash to sign
  * @param sign    required; filled on success. What it held before is overwritten, not released.
  * @return true when `sign` was filled
  */

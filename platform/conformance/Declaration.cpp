@@ -107,7 +107,8 @@ Declaration::Declaration(const std::string& path) : m_path(path) {
       throw std::runtime_error(where + objection);
     }
     if (!m_values.emplace(key, value).second) {
-      throw std::runtime_error(std::string(where).append("'").append(key).append("' is declared twice"));
+      throw std::runtime_error(
+          std::string(where).append("'").append(key).append("' is declared twice"));
     }
   }
   if (Find(keys::PORT) == nullptr) {

@@ -393,6 +393,27 @@ TEST(Settings, SET_23_EveryFunctionIsForAnyThread) {
   }).join();
 }
 
+TEST(Settings, SET_26_ACallbackUsesTheStore) {
+  WriteKey(Second(), 0);
+  Recorder& recorder = NewRecorder();
+  Recorder& other = NewRecorder();
+  bool isServed = false;
+  recorder.BeforeEach([&](platform_settings_node*) {
+    isServed = platform_settings_unsubscribe(First().c_str(), OnChange) == 0 &&
+               platform_settings_subscribe(Second().c_str(), OnOtherChange, &other) == 0 &&
+               platform_settings_set_int(Second().c_str(), 1) == 0;
+  });
+  const Subscription subscription(First(), OnChange, recorder);
+  WriteKey(First(), 1);
+  Needs("SET-17", recorder.WaitForCount(1), "no event came");
+  recorder.BeforeEach(nullptr);
+  EXPECT_TRUE(isServed) << "end of its own subscription, another one, a write";
+  EXPECT_TRUE(other.WaitForNumber(1)) << "the write, on the subscription made in the callback";
+  ChangeTwiceAndSettle(First());
+  EXPECT_EQ(recorder.Events().size(), 1U) << "calls after it ended its own subscription";
+  platform_settings_unsubscribe(Second().c_str(), OnOtherChange);
+}
+
 TEST(Settings, SET_24_OtherProcessesReadWhatWasWritten) {
   NeedsSharedStore();
   ForEachRoot([](const std::string& key) {

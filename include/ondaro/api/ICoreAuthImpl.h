@@ -10,7 +10,10 @@ struct OndaroApi_CoreAuthInfoRW;
 
 namespace NOndaroAPI {
 
-/** What device authentication needs of a platform. Every operation is true on success. */
+/**
+ * What device authentication needs of a platform. Every operation is true on success; after a
+ * failure its strings hold whatever the decryption module left in them. Nothing is locked.
+ */
 class ONDARO_EXPORT ICoreAuthImpl : private boost::noncopyable {
  public:
   virtual ~ICoreAuthImpl();

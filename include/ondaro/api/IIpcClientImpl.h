@@ -14,7 +14,10 @@ class ONDARO_EXPORT IIpcClientImpl : private boost::noncopyable {
  public:
   virtual ~IIpcClientImpl();
 
-  /** Stores a copy of `handler` under the event name, replacing the one there. */
+  /**
+   * Stores a copy of `handler` under the event name, replacing the one there. Throws
+   * NOndaroPAL::CInvalidCaseException when the daemon's events cannot be listened to.
+   */
   virtual void RegisterEventHandler(const std::string& appEvt, const IpcEventHandler& handler) = 0;
 
   /** Removes every handler. */

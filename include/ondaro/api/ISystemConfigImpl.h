@@ -20,11 +20,14 @@ class ONDARO_EXPORT ISystemConfigImpl : private boost::noncopyable {
   /** True when stored. */
   virtual bool SetProperty(const std::string& key, const std::string& val) = 0;
 
-  /** Stores a copy of `handler` under `key`, replacing the one there, and subscribes. */
+  /**
+   * Stores a copy of `handler` under `key`, replacing the one there, and subscribes to a property
+   * that has change events. Under any other name a handler is never called.
+   */
   virtual void RegisterEventHandler(const std::string& key,
                                     const PropertyEventHandler& handler) = 0;
 
-  /** Puts a handler that does nothing under `key` and unsubscribes. */
+  /** Puts a handler that does nothing under `key` and ends a subscription. */
   virtual void UnregisterEventHandler(const std::string& key) = 0;
 };
 

@@ -7,9 +7,13 @@
 
 namespace NOndaroPAL {
 
+/** Requests to the set's application manager. No state; as thread-safe as that. */
 class ONDARO_EXPORT CAppManagerUtil {
  public:
-  /** Puts the calling process into the process group of the application `appId`. */
+  /**
+   * Puts the calling process into the process group of the application `appId`. True when that is
+   * done, else false with an error line.
+   */
   static bool SetProcessGroup(const std::string& appId);
 };
 

@@ -15,9 +15,9 @@ namespace NOndaroPAL {
 /**
  * The application's end on the system bus: calls the daemon's method and listens to its signal.
  *
- * Signals arrive in the thread-default main context of the thread that registered first,
- * completions of calls in that of the thread that sent. Nothing is locked: registration belongs on
- * the thread that iterates the former.
+ * Signals arrive in the thread-default main context of the thread that registered a handler
+ * while there was none, completions of calls in that of the thread that sent. Nothing is locked:
+ * registration belongs on the thread that iterates the former.
  */
 class ONDARO_EXPORT CIpcClientImpl : public NOndaroAPI::IIpcClientImpl {
  public:

@@ -13,9 +13,10 @@ namespace NOndaroPAL {
  * Access to the settings store, questions about the set, and the hex dump. No state; as
  * thread-safe as the services of the set beneath it.
  *
- * The bool operations are true on success and never throw; a failure is one error line. An empty
- * key is refused without asking the store. An out-parameter is assigned on success only, but for
- * SetregGetInt, whose variable the store itself writes: set it to 0 before.
+ * What reads, writes or subscribes is true on success; a failure is false and an error line. Only
+ * running out of memory throws, and what the set's services throw. An empty key is refused without
+ * asking the store. An out-parameter is assigned on success only, but for SetregGetInt, whose
+ * variable the store itself writes: set it to 0 before.
  */
 class ONDARO_EXPORT CPALUtils {
  public:
@@ -35,7 +36,8 @@ class ONDARO_EXPORT CPALUtils {
 
   /**
    * Subscribes `callback` to `key`; it is called as the settings store delivers, with `userData`
-   * unchanged. The callback must not throw.
+   * unchanged, which must live until the deregistration. Key and callback together name the
+   * subscription. The callback must not throw.
    */
   static bool RegisterSetregChangedCb(const std::string& key, platform_settings_changed_cb callback,
                                       const void* userData);
@@ -51,6 +53,7 @@ class ONDARO_EXPORT CPALUtils {
   /** The product year as text: "20" and the set's year number. */
   static bool GetProductYear(std::string& year);
 
+  /** The set's model as the settings store names it. */
   static bool GetModelId(std::string& modelId);
 
   /**

@@ -19,6 +19,9 @@ namespace NOndaroPAL {
  *
  * Reads and writes may run at the same time. Registration and the settings store's delivery
  * change the handler table and the cached values without a lock: keep them on one thread.
+ *
+ * One object a process: the store knows a subscription by its key and callback, which all objects
+ * share. The destructor leaves subscriptions as they are; unregister before.
  */
 class ONDARO_EXPORT CSystemConfigImpl : public NOndaroAPI::ISystemConfigImpl {
  public:

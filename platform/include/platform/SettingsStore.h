@@ -14,7 +14,7 @@
  * SET-08  An integer write returns 0 on success, after which the key holds the value.
  * SET-09  A boolean read returns 0 on success and fills `*value` with the stored integer as it is.
  * SET-10  A boolean write returns 0 on success and stores the integer given as it is.
- * SET-11  A node's name is the changed key.
+ * SET-11  A node's name is the changed key; null only when it cannot be had.
  * SET-12  A node's string is the new value, byte for byte.
  * SET-13  A node's string is null when the new value is no string.
  * SET-14  A node's integer is the new value; `errno` is left alone on success, also for -1.
@@ -28,6 +28,11 @@
  * SET-21  Unsubscribing a pair that is not subscribed returns non-zero.
  * SET-22  Once an unsubscription returned, the callback is not called again for that key.
  * SET-23  Every function may be called from any thread.
+ *
+ * SET-26  A callback may call every function: read, write, subscribe, end its own subscription.
+ *
+ * Where a callback runs is the port's choice; a host program expects the thread-default GLib main
+ * context in which it subscribed.
  *
  * Where processes share the store, as they do on a set:
  *
