@@ -56,10 +56,12 @@ static void OnStatus(const char* data, void* userData) {
   Proceed(application);
 }
 
+/* Asks again for what a daemon that went away has not answered. */
 static void OnDaemonAppeared(GDBusConnection* connection, const gchar* name, const gchar* owner,
                              gpointer userData) {
   (void)connection, (void)name, (void)owner;
-  Ask(userData, "play", "trailer");
+  Application* application = userData;
+  Ask(application, application->stopping ? "stop" : "play", "trailer");
 }
 
 static gboolean OnTimeout(gpointer loop) {

@@ -48,7 +48,9 @@ int main(void) {
     fprintf(stderr, "daemon: no service; the platform log says why\n");
     return EXIT_FAILURE;
   }
-  OndaroApi_SystemConfig_SetProperty(daemon.config, "ONDARO_STATUS", "idle");
+  if (!OndaroApi_SystemConfig_SetProperty(daemon.config, "ONDARO_STATUS", "idle")) {
+    fprintf(stderr, "daemon: the status was not stored\n");
+  }
   /* Registered before the main loop runs, so that no call finds an empty table. */
   OndaroApi_IpcServer_RegisterEventHandler(daemon.ipc, "play", OnPlay, &daemon);
   OndaroApi_IpcServer_RegisterEventHandler(daemon.ipc, "stop", OnStop, &daemon);

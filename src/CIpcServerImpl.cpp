@@ -99,6 +99,7 @@ CIpcServerImpl::~CIpcServerImpl() {
   ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__);
   // GLib's thread did not come along: a forked child would wait for the bus in vain.
   if (getpid() != m_nOwnPid) {
+    g_dbus_node_info_unref(m_pBusNodeInfo);
     return;
   }
   if (m_pDbusConnection != nullptr && m_nRegistrationId != 0) {
@@ -113,9 +114,7 @@ CIpcServerImpl::~CIpcServerImpl() {
     g_dbus_connection_unregister_object(m_pObjectConnection, m_nRegistrationId);
     g_object_unref(m_pObjectConnection);
   }
-  if (m_pBusNodeInfo != nullptr) {
-    g_dbus_node_info_unref(m_pBusNodeInfo);
-  }
+  g_dbus_node_info_unref(m_pBusNodeInfo);
 }
 
 void CIpcServerImpl::RegisterEventHandler(const std::string& appEvt,

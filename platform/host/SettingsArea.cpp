@@ -240,6 +240,10 @@ std::vector<SettingsChange> SettingsArea::ChangesAfterGap(std::int64_t position,
 void SettingsArea::BeforeFork() {
   m_mutex.lock();
   m_cacheMutex.lock();
+  // What a failed commit left behind is seen by the next connection.
+  if (m_database) {
+    m_database->Revoke();
+  }
   m_database.reset();
 }
 

@@ -19,15 +19,12 @@ namespace {
 // the lock by the thread that dispatches it.
 std::atomic<SettingsSubscriptions*> g_subscriptions{nullptr};
 
-thread_local int t_callbackDepth = 0;
-
 // The closing of a writer that died between its commit and its ring counts as a ring.
 constexpr std::uint32_t RINGS = IN_MODIFY | IN_CLOSE_WRITE;
 
 /// The one place where a callback is called: nothing that it throws goes further.
 void RunCallback(platform_settings_changed_cb callback, void* userData,
                  const SettingsChange& change) noexcept {
-  ++t_callbackDepth;
   try {
     platform_settings_node node{&change};
     callback(&node, userData);
@@ -36,7 +33,6 @@ void RunCallback(platform_settings_changed_cb callback, void* userData,
   } catch (...) {
     LogSettingsError("callback of " + change.key + " threw");
   }
-  --t_callbackDepth;
 }
 
 }  // namespace
@@ -81,9 +77,13 @@ bool SettingsSubscriptions::Unsubscribe(const std::string& key,
   }
   const std::shared_ptr<Subscription> subscription = Remove(found);
   PublishPosition(found.area);
-  if (t_callbackDepth == 0) {
-    m_callEnded.wait(lock, [&] { return !subscription->isRunning; });
-  }
+  // Not for a call that waits in here itself: for this thread's own, or for one that waits in turn.
+  m_unsubscribing.insert(std::this_thread::get_id());
+  m_callEnded.notify_all();
+  m_callEnded.wait(lock, [&] {
+    return !subscription->isRunning || m_unsubscribing.count(subscription->runner) != 0;
+  });
+  m_unsubscribing.erase(std::this_thread::get_id());
   return true;
 }
 
@@ -310,19 +310,34 @@ void SettingsSubscriptions::AfterForkInChild() {
       }
     }
   }
+  m_unsubscribing.clear();
   m_mustFollow.fill(true);
   if (m_inotify >= 0) {
-    // Under the same number, which the sources poll. The parent's own would be read by both.
-    const int own = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    if (own < 0 || dup3(own, m_inotify, O_CLOEXEC) < 0) {
-      LogSettingsError(SystemFailure("inotify in a child").what());
-    }
-    close(own);
-    for (const std::string& path : m_watched) {
-      inotify_add_watch(m_inotify, path.c_str(), RINGS);
-    }
+    RenewInotify();
   }
   m_mutex.unlock();
+}
+
+void SettingsSubscriptions::RenewInotify() {
+  // Under the same number, which the sources poll. The parent's own would be read by both.
+  const int own = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  const bool isRenewed = own >= 0 && dup3(own, m_inotify, O_CLOEXEC) >= 0;
+  if (!isRenewed) {
+    LogSettingsError(SystemFailure("inotify in a child").what());
+  }
+  if (own >= 0) {
+    close(own);
+  }
+  if (!isRenewed) {
+    return;
+  }
+  for (const std::string& path : m_watched) {
+    if (inotify_add_watch(m_inotify, path.c_str(), RINGS) < 0) {
+      LogSettingsError(SystemFailure(path + ": inotify in a child").what());
+    }
+  }
+  // What rang before this moment told the parent alone. The end of a watch wakes the sources too.
+  inotify_rm_watch(m_inotify, inotify_add_watch(m_inotify, "/", IN_DELETE_SELF));
 }
 
 }  // namespace ondaro::host

@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -43,7 +44,7 @@ class SettingsSubscriptions {
                  void* userData);
 
   /// False for a pair that is not subscribed. Waits for a call in another thread to end, unless
-  /// made from within a callback: two callbacks could then wait for each other.
+  /// that call waits in here itself.
   bool Unsubscribe(const std::string& key, platform_settings_changed_cb callback);
 
   void BeforeFork() { m_mutex.lock(); }
@@ -102,10 +103,12 @@ class SettingsSubscriptions {
   ListenerPointer ListenerOfThread();
   void Watch(const std::string& path);
   void PublishPosition(std::size_t area);
+  void RenewInotify();
 
   const Areas m_areas;
   std::mutex m_mutex;
   std::condition_variable m_callEnded;
+  std::set<std::thread::id> m_unsubscribing;
   std::vector<ListenerPointer> m_listeners;
   std::vector<std::string> m_watched;
   std::array<bool, AREAS> m_mustFollow = {};  // in a child, before its first look
