@@ -56,8 +56,8 @@ configure_file("${PROJECT_SOURCE_DIR}/data/ondaro-platform-tv.pc.in"
 install(FILES "${PROJECT_BINARY_DIR}/ondaro-platform-tv.pc"
         DESTINATION "${ONDARO_PKGCONFIG_DIR}" COMPONENT dev)
 
-# The executables, those that this build has, each with its manual page <name>.1 and its
-# completion <name>.bash beside its sources.
+# The executables, those that this build has, each with its manual page <name>.1, or
+# <name>.1.scd for scdoc, and its completion <name>.bash beside its sources.
 function(ondaro_install_program name component sources)
   if(NOT TARGET ${name})
     return()
@@ -65,9 +65,23 @@ function(ondaro_install_program name component sources)
   add_dependencies(ondaro-shipped ${name})
   install(TARGETS ${name} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT ${component})
   set(sources "${PROJECT_SOURCE_DIR}/${sources}")
-  if(EXISTS "${sources}/${name}.1")
-    install(FILES "${sources}/${name}.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
-            COMPONENT ${component})
+  set(manual "")
+  if(EXISTS "${sources}/${name}.1.scd")
+    # Without the day of the build, which would be in every package.
+    set(manual "${PROJECT_BINARY_DIR}/${name}.1")
+    add_custom_command(
+      OUTPUT "${manual}"
+      COMMAND sh -c [["$0" <"$1" >"$2.dated" && sed '/^\.TH/s/"[-0-9]*"$/""/' "$2.dated" >"$2"]]
+              "${SCDOC}" "${sources}/${name}.1.scd" "${manual}"
+      DEPENDS "${sources}/${name}.1.scd"
+      VERBATIM)
+    add_custom_target(${name}-manual ALL DEPENDS "${manual}")
+    add_dependencies(ondaro-shipped ${name}-manual)
+  elseif(EXISTS "${sources}/${name}.1")
+    set(manual "${sources}/${name}.1")
+  endif()
+  if(manual)
+    install(FILES "${manual}" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT ${component})
   endif()
   if(EXISTS "${sources}/${name}.bash")
     install(FILES "${sources}/${name}.bash"
