@@ -49,9 +49,11 @@ void PropertyWrite(benchmark::State& state) {
 }
 BENCHMARK(PropertyWrite)->Iterations(Compare::BLOCKS);
 
+void LogKey() { PAL_LOG_INFO("key : %s", KEY); }
+
 void LogStatement(benchmark::State& state) {
   Compare::Run(
-      state, SHORT_BLOCK, [] { PAL_LOG_INFO("key : %s", KEY); },
+      state, SHORT_BLOCK, [] { LogKey(); },
       [] { platform_log_print(0, 4, "ONDARO_PAL", "key : %s", KEY); });
 }
 BENCHMARK(LogStatement)->Iterations(Compare::BLOCKS);

@@ -96,22 +96,22 @@ Status StatusOf(const std::string& word) {
   return found == std::end(STATUSES) ? Status::FAILED : found->status;
 }
 
-int Report::Count(Status status) const {
-  return static_cast<int>(std::count_if(results.begin(), results.end(), [&](const Result& result) {
-    return result.status == status;
-  }));
+std::size_t Report::Count(Status status) const {
+  return static_cast<std::size_t>(
+      std::count_if(results.begin(), results.end(),
+                    [&](const Result& result) { return result.status == status; }));
 }
 
 bool Report::IsConformant() const {
   return !results.empty() && remarks.empty() &&
-         static_cast<std::size_t>(Count(Status::PASSED) + Count(Status::ABSENT)) == results.size();
+         Count(Status::PASSED) + Count(Status::ABSENT) == results.size();
 }
 
 std::string Report::Verdict() const {
   std::string verdict = IsConformant() ? "conformant" : "not conformant";
   verdict += " (" + std::to_string(results.size()) + " clauses";
   for (const auto& entry : STATUSES) {
-    if (const int count = Count(entry.status); count != 0) {
+    if (const std::size_t count = Count(entry.status); count != 0) {
       verdict += ", " + std::to_string(count) + " " + entry.word;
     }
   }
@@ -149,11 +149,11 @@ void WriteJunit(const Report& report, const std::string& path) {
   }
   for (const std::string& remark : report.remarks) {
     cases << "    <testcase classname=\"run\" name=\"remark\"><error message=\"" << Escaped(remark)
-          << "\"/></testcase>\n";
+          << R"("/></testcase>)"
+          << "\n";
   }
   const std::size_t errors =
-      static_cast<std::size_t>(report.Count(Status::UNDECLARED) + report.Count(Status::BLOCKED)) +
-      report.remarks.size();
+      report.Count(Status::UNDECLARED) + report.Count(Status::BLOCKED) + report.remarks.size();
   std::ostringstream suite;
   suite << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites>\n"
         << "  <testsuite name=\"ondaro-platform-check " << Escaped(report.port) << "\" tests=\""

@@ -34,7 +34,7 @@ struct Report {
   std::vector<Result> results;
   std::vector<std::string> remarks;  // what went wrong outside any clause
 
-  int Count(Status status) const;
+  std::size_t Count(Status status) const;
   bool IsConformant() const;
   /// One line.
   std::string Verdict() const;

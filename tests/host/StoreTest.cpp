@@ -296,6 +296,30 @@ TEST_P(Store, UnsubscribingInAnotherThreadWaitsForTheCallToEnd) {
   EXPECT_EQ(recorder.values, Values{"one"});
 }
 
+TEST_P(Store, CallbacksOfTwoThreadsMayEndEachOther) {
+  std::atomic<int> begun{0};
+  std::atomic<int> ended{0};
+  const auto endOther = [&](const std::string& other) {
+    return [&, other] {
+      ++begun;
+      EXPECT_TRUE(Becomes([&] { return begun == 2; }));
+      EXPECT_TRUE(Unsubscribe(other));
+      ++ended;
+    };
+  };
+  Recorder here;
+  Recorder there;
+  here.action = endOther(Key("there"));
+  there.action = endOther(Key("here"));
+  Subscribe(Key("here"), here);
+  const ContextThread thread([&] { Subscribe(Key("there"), there); });
+  EXPECT_TRUE(Set(Key("here"), "one") && Set(Key("there"), "one"));
+  EXPECT_TRUE(WaitUntil([&] { return ended == 2; }));
+  EXPECT_TRUE(Set(Key("here"), "two") && Set(Key("there"), "two"));
+  Settle();
+  EXPECT_EQ(begun, 2);
+}
+
 TEST_P(Store, OneThatFellBehindTheCapGetsTheCurrentValueOfItsKeys) {
   constexpr int COUNT = host::SETTINGS_LOG_CAP + 2 * host::SETTINGS_TRIM_BATCH;
   Recorder busy;

@@ -34,7 +34,7 @@ Function* Real(Function* /*type*/, const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-#define REAL(function) Real(&function, #function)
+#define REAL(function) Real(&(function), #function)
 
 struct Subscriber {
   platform_settings_changed_cb callback;
@@ -133,8 +133,9 @@ char* platform_settings_get_string(const char* key) {
     return text;
   }
   // Within a block of its own, as a text with a header in front would be.
-  char* const block = static_cast<char*>(std::malloc(16 + std::strlen(text) + 1));
-  std::strcpy(block + 16, text);
+  const std::size_t size = std::strlen(text) + 1;
+  char* const block = static_cast<char*>(std::malloc(16 + size));
+  std::memcpy(block + 16, text, size);
   std::free(text);
   return block + 16;
 }
@@ -186,7 +187,7 @@ int platform_settings_node_int(platform_settings_node* node) {
 }
 
 int platform_settings_subscribe(const char* key, platform_settings_changed_cb callback,
-                                void* userData) {
+                                void* user_data) {
   Table& table = TheTable();
   const std::lock_guard lock(table.mutex);
   if (!IsAnySubscribed(key)) {
@@ -199,9 +200,9 @@ int platform_settings_subscribe(const char* key, platform_settings_changed_cb ca
   }
   Subscriber* const known = Find(key, callback);
   if (known == nullptr) {
-    table.subscribers[key].push_back({callback, userData, true, 0});
+    table.subscribers[key].push_back({callback, user_data, true, 0});
   } else if (!known->isSubscribed || !Has("old-user-data")) {
-    *known = {callback, userData, true, 0};
+    *known = {callback, user_data, true, 0};
   }
   return 0;
 }
