@@ -1,0 +1,23 @@
+// Any text as a recording that 'ondaro-ctl send --replay' reads: events in order of time, or
+// refused.
+
+#include "ExitCode.h"
+#include "Fuzz.h"
+#include "Recording.h"
+#include "ToolOutput.h"
+
+using namespace ondaro::fuzz;
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  SetToolInput(Input(data, size).Rest());
+  try {
+    std::int64_t last = 0;
+    for (const ondaro::ctl::RecordedEvent& event : ondaro::ctl::ReadRecording("-")) {
+      Expect(event.microseconds >= last, "the times never fall");
+      last = event.microseconds;
+    }
+  } catch (const ondaro::ctl::Failure&) {
+    return 0;
+  }
+  return 0;
+}
