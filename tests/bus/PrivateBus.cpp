@@ -41,10 +41,8 @@ const char* const OPEN_POLICY = R"(
 PrivateBus::PrivateBus(const std::string& policy)
     : m_directory(MakeDirectory()), m_address("unix:path=" + m_directory + "/socket") {
   std::ofstream(m_directory + "/bus.conf")
-      << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-         " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-         "<busconfig>\n  <type>system</type>\n  <auth>EXTERNAL</auth>\n  <listen>"
-      << m_address << "</listen>" << policy << "\n</busconfig>\n";
+      << "<busconfig>\n  <type>system</type>\n  <auth>EXTERNAL</auth>\n  <listen>" << m_address
+      << "</listen>" << policy << "\n</busconfig>\n";
   Start();
   setenv(ADDRESS_VARIABLE, m_address.c_str(), 1);
 }
