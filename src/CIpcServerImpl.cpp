@@ -2,6 +2,9 @@
 
 #include <unistd.h>
 
+#include <mutex>
+#include <set>
+
 #include "BusContract.h"
 #include "CallbackFunnel.h"
 #include "GLibPtr.h"
@@ -84,11 +87,39 @@ GLibPtr<GDBusNodeInfo> _LoadDescription() {
   return node;
 }
 
+/// The servers there are. A lost connection is told of in the context that made it, from where GLib
+/// queues the name's loss for the server's: that may arrive when the server is gone.
+class CLiveServers {
+ public:
+  static CLiveServers& Get() {
+    // Never destroyed: the services of the process go at its exit, in an order of their own.
+    static auto* const servers = new CLiveServers;
+    return *servers;
+  }
+  void Add(const void* pServer) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_servers.insert(pServer);
+  }
+  void Remove(const void* pServer) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_servers.erase(pServer);
+  }
+  bool Has(const void* pServer) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_servers.count(pServer) != 0;
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::set<const void*> m_servers;
+};
+
 }  // namespace
 
 CIpcServerImpl::CIpcServerImpl() : m_nOwnPid(getpid()) {
   ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__);
   m_pBusNodeInfo = _LoadDescription().release();
+  CLiveServers::Get().Add(this);
   m_nOwnerId = g_bus_own_name(BusContract::BUS_TYPE, BusContract::NAME, G_BUS_NAME_OWNER_FLAGS_NONE,
                               BusAcquiredCallback, BusNameAcquiredCallback, BusNameLostCallback,
                               this, nullptr);
@@ -97,6 +128,7 @@ CIpcServerImpl::CIpcServerImpl() : m_nOwnPid(getpid()) {
 
 CIpcServerImpl::~CIpcServerImpl() {
   ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__);
+  CLiveServers::Get().Remove(this);
   // GLib's thread did not come along: a forked child would wait for the bus in vain.
   if (getpid() != m_nOwnPid) {
     g_dbus_node_info_unref(m_pBusNodeInfo);
@@ -146,6 +178,9 @@ void CIpcServerImpl::SendDataToClient(const std::string& appEvt, const std::stri
 
 void CIpcServerImpl::BusAcquiredCallback(GDBusConnection* pDbusConnection, const gchar* name,
                                          gpointer user_data) {
+  if (!CLiveServers::Get().Has(user_data)) {
+    return;
+  }
   PAL_LOG_DEBUG("pDbusConnection:%p,  name:%s", static_cast<void*>(pDbusConnection), name);
   auto* pThis = static_cast<CIpcServerImpl*>(user_data);
   GDBusNodeInfo* const pNode = pThis->m_pBusNodeInfo;
@@ -168,12 +203,18 @@ void CIpcServerImpl::BusAcquiredCallback(GDBusConnection* pDbusConnection, const
 
 void CIpcServerImpl::BusNameAcquiredCallback(GDBusConnection* pDbusConnection, const gchar* name,
                                              gpointer user_data) {
+  if (!CLiveServers::Get().Has(user_data)) {
+    return;
+  }
   PAL_LOG_INFO("pDbusConnection:%p,  name:%s", static_cast<void*>(pDbusConnection), name);
   static_cast<CIpcServerImpl*>(user_data)->m_pDbusConnection = pDbusConnection;
 }
 
 void CIpcServerImpl::BusNameLostCallback(GDBusConnection* pDbusConnection, const gchar* name,
                                          gpointer user_data) {
+  if (!CLiveServers::Get().Has(user_data)) {
+    return;
+  }
   PAL_LOG_INFO("pDbusConnection:%p,  name:%s", static_cast<void*>(pDbusConnection), name);
   auto* pThis = static_cast<CIpcServerImpl*>(user_data);
   pThis->m_pDbusConnection = nullptr;

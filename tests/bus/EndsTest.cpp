@@ -184,6 +184,24 @@ TEST_F(Ends, LeaveNothingBehindInWhateverStateTheyAreDestroyed) {
   }
 }
 
+TEST_F(Ends, LossToldInAnotherContextDoesNotReachADestroyedServer) {
+  GMainContext* const own = g_main_context_new();
+  g_main_context_push_thread_default(own);
+  CreateServing();
+  g_main_context_pop_thread_default(own);
+  bool isTold = false;
+  g_signal_connect_swapped(m_shared, "closed", G_CALLBACK(+[](bool* flag) { *flag = true; }),
+                           &isTold);
+  g_dbus_connection_close_sync(m_shared, nullptr, nullptr);
+  EXPECT_TRUE(WaitUntil([&] { return isTold; }));
+  m_server.reset();
+  ForgetLog();
+  while (g_main_context_iteration(own, FALSE)) {
+  }
+  EXPECT_FALSE(Logged("pDbusConnection:"));
+  g_main_context_unref(own);
+}
+
 TEST_F(Ends, AreServedByTheContextOfTheThreadThatMadeThem) {
   const auto onThread = [](const std::function<void()>& work) {
     return std::thread([work] {
