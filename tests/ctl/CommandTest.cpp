@@ -1,4 +1,3 @@
-// What ends by itself: a shell script in, exit code, standard output and error out.
 #include <gmock/gmock.h>
 
 #include <iterator>
@@ -6,6 +5,7 @@
 
 #include "Catalogue.h"
 #include "Tool.h"
+#include "bus/PrivateBus.h"
 
 namespace ondaro::test {
 namespace {
@@ -14,8 +14,8 @@ using testing::HasSubstr;
 using testing::Not;
 
 const char* const HELPERS = R"(
-  cd $ONDARO_HOST_STATE
-  S=ONDARO_STATUS
+  cd $ONDARO_HOST_STATE; mkfifo in; exec 4<>in; S=ONDARO_STATUS
+  trap 'exec 2>&-; kill -9 $pids; wait' EXIT
   ctl() { "$CTL" "$@"; }
   keep() { ctl set "$@"; ctl get "$1"; }
   pair() { ctl auth generate --key k --cert c "$@"; }
@@ -24,6 +24,18 @@ const char* const HELPERS = R"(
     for line in "$@"; do printf 'ONDARO_STATUS after\n%s\n' "$line" | ctl load; printf "$? "; done
     ctl get $S
   }
+  # up FD ARGUMENTS: ready in the background; all it prints comes by FD, its input goes to 4.
+  up() {
+    fd=$1 line=; shift; mkfifo out$fd 2>&-
+    "$CTL" "$@" <in >out$fd 2>&1 &
+    pids="$pids $!"; eval "pid$fd=$! && exec $fd<out$fd"
+    until [ "${line##*: }" = ready ] || [ "${line##*: }" = waiting ]; do read -r line <&$fd; done
+  }
+  hear() { read -r line <&$1; echo "${line#*Z }"; }
+  rest() { sed -E 's/[-0-9]{10}T[0-9:]{8}\.[0-9]{6}Z/TIME/' <&$1; }
+  await() { ctl set $S off; up 5 wait "$S$1"; ctl set $S "$2"; wait $!; printf "$? "; rest 5; }
+  frozen() { kill -STOP $1; until grep -q 'State:.T' /proc/$1/status; do :; done; }
+  event() { printf '{"event":"A","data":"%s","time":"2026-11-23T23:59:%sZ"}\n' "$1" "$2"; }
   )";
 
 const struct {
@@ -160,6 +172,52 @@ power usable  yes
     {R"(echo '{"event":"A","data":"b","time":"noon"}' | ctl send --replay -)", 1, "", "line 1: "},
     {"seq -s [ 5000 | tr -d 0-9 | ctl send --replay -", 1, "", "line 1: "},
 
+    // What goes on until it is told.
+    {"ctl set ONDARO_TOS_STATUS off; up 5 watch ONDARO_TOS_STATUS ONDARO_TOS_STATUS -n 2;"
+     "ctl set $S unseen; ctl set ONDARO_TOS_STATUS on; ctl set ONDARO_TOS_STATUS on; rest 5",
+     0, "TIME ONDARO_TOS_STATUS off → on\nTIME ONDARO_TOS_STATUS on → on\n", ""},
+    {"up 5 watch --json -n 1; ctl set $S on; rest 5", 0,
+     R"({"name":"ONDARO_STATUS","new":"on","old":null,"time":"TIME"})"
+     "\n",
+     ""},
+    {"up 5 store watch a/b c -n 4; for v in x x; do ctl store set a/b \"$(printf 'x\\ny')\"; done;"
+     "ctl store set c --int 7; ctl store set c ''; rest 5",
+     0, "TIME a/b x\\ny\nTIME a/b x\\ny\nTIME c 7\nTIME c \n", ""},
+    {"await =on=1 on=1; await !=off on; await = ''; await '' any", 0, "0 on=1\n0 on\n0 \n0 any\n",
+     ""},
+    {"for s in INT TERM; do up 5 watch; kill -$s $!; wait $!; printf \"$? \"; rest 5; done", 0,
+     "0 0 ", ""},
+    {"up 5 wait $S=never; kill -INT $!; wait $!; printf \"$? \"; rest 5", 0,
+     "1 ondaro-ctl: interrupted before ONDARO_STATUS=never came about\n", ""},
+
+    // Daemon and applications.
+    {"ctl send A b", 4, "", "nobody owns com.halvex.tv.ondaro); start it, or stand in for it with"},
+    {"each 'listen A --timeout 0.05' 'serve A --timeout 0.05'", 0, "ready\n5 ready\n5 ", "is over"},
+    {"up 5 serve A; frozen $pid5; ctl send A b --timeout 0.1", 5, "", "did not answer in time"},
+    {"up 5 serve A '' -n 4; ctl send UNHEARD x && ctl send A '' && ctl send '' 'no name' &&"
+     "ctl send A '{\"path\":\"C:\\n\"}' && ctl send A \"$(printf 'a\\nb ä')\"; echo $?; rest 5",
+     0, "0\nTIME A \nTIME  no name\nTIME A {\"path\":\"C:\\n\"}\nTIME A a\\nb ä\n", ""},
+    {"up 5 serve A; up 6 listen A B --json -n 3; printf 'A \"1\"\\n\\nUNHEARD x\\nB\\nA' >&4;"
+     "printf '  2\\n' >&4; cat <&6 >r; ctl send --replay r; kill $pid5; rest 5; rest 6 <r",
+     0, "TIME A \"1\"\nTIME A  2\n", ""},
+    {"up 5 serve A -n 4; begin=$(date +%s%3N); for s in 00 30 20 40; do event x $s; done |"  // back
+     "ctl send --replay - --speed 100; t=$(($(date +%s%3N) - begin)); [ $t -ge 400 -a $t -lt 20000 "
+     "]",
+     0, "", ""},
+    {"up 5 listen N; up 6 watch $S; for n in 1 2; do up 7 serve A; echo N $n >&4; hear 5;"
+     "ctl set $S $n; hear 6; kill $pid7; wait $pid7; echo $?; done",
+     0, "N 1\nONDARO_STATUS (unknown) → 1\n0\nN 2\nONDARO_STATUS 1 → 2\n0\n", ""},
+    {"up 5 listen N; printf 'N last words' | ctl serve A -n 1 >o 2>e & hear 5; ctl send A b; wait "
+     "$!",
+     0, "N last words\n", ""},
+    {"up 5 serve A; ctl send A $(printf '\\377'); printf 'N \\377\\n' >&4; read -r line <&5;"
+     "echo ${line%sent*}; ctl send A b",
+     0, "ondaro-ctl: 'N' was not\n", "event and data must be UTF-8"},
+    {"up 5 serve A; ctl serve A <in >o 2>e & pids=\"$pids $!\"; until grep -qs another e; do :; "
+     "done;"
+     "kill $pid5; until [ -s o ]; do :; done; grep -c took e; up 6 listen N; echo N x >&4; hear 6",
+     0, "1\nN x\n", ""},
+
     // Where the output goes.
     {"ctl --version", 0, "ondaro-ctl " ONDARO_CTL_VERSION "\n", ""},
     {"ctl list >/dev/full", 1, "", "No space left"},
@@ -175,12 +233,14 @@ power usable  yes
     {"ctl --log error get SDR", 0, "1\n", "key : SDR"},
     {"ONDARO_HOST_LOG=error $CTL get SDR", 0, "1\n", "key : SDR"},
     {"ONDARO_HOST_LOG=error $CTL get SDR --log debug:log; grep -q ']Entered ' log", 0, "1\n", ""},
+};  // namespace ondaro::test
+
+class CommandTest : public ToolTest {
+ protected:
+  PrivateBus m_bus;
 };
 
-class CommandTest : public ToolTest {};
-
 TEST_F(CommandTest, DoesWhatTheTableSays) {
-  unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
   for (const auto& command : COMMANDS) {
     SCOPED_TRACE(command.script);
     UseSet(std::to_string(&command - COMMANDS));
@@ -192,6 +252,39 @@ TEST_F(CommandTest, DoesWhatTheTableSays) {
     for (const char* internal : {"terminate", "exception", "Error:", "std::", "CLI", "PRIVATE"}) {
       EXPECT_THAT(outcome.out + outcome.err, Not(HasSubstr(internal)));
     }
+  }
+}
+
+TEST_F(CommandTest, ABusThatGoesAwayIsAbsent) {
+  auto serve = StartReady({"serve", "PLAY"});
+  auto listen = StartReady({"listen", "STATUS"});
+  m_bus.Kill();
+  EXPECT_EQ(serve->Wait(), 4);
+  EXPECT_EQ(listen->Wait(), 4);
+  EXPECT_THAT(StandardError(), HasSubstr("went away"));
+}
+
+// The tool's table and the library's are two; this holds them together.
+TEST_F(CommandTest, TheCatalogueIsTheLibrarys) {
+  auto watch = StartReady({"watch"});
+  for (const ctl::Property& property : ctl::CATALOGUE) {
+    if (property.key == nullptr) {
+      continue;
+    }
+    const std::string name(property.name);
+    const bool isText = property.kind == ctl::Kind::Text;
+    std::string old = "(unknown)";
+    for (const std::string value : {isText ? "a b" : "true", isText ? "c" : "false"}) {
+      Set(name, value);
+      if (property.hasEvents) {
+        const std::string shown = "Z " + name + " " + old + " → " + value;
+        EXPECT_THAT(watch->ReadLine().value_or(""), testing::EndsWith(shown));
+      }
+      old = value;
+    }
+    const std::string option = isText ? "" : " --int";
+    EXPECT_EQ(RunShell(std::string("$CTL store get ") + property.key + option).out,
+              isText ? "c\n" : "0\n");
   }
 }
 

@@ -10,8 +10,6 @@
 #include <sstream>
 #include <system_error>
 
-#include "bus/WaitUntil.h"
-
 namespace ondaro::test {
 namespace {
 
@@ -72,13 +70,6 @@ std::unique_ptr<ChildProcess> ToolTest::Start(const Words& arguments) const {
 std::unique_ptr<ChildProcess> ToolTest::StartReady(const Words& arguments) const {
   auto child = Start(arguments);
   EXPECT_EQ(child->ReadLine(), "ready") << StandardError();
-  return child;
-}
-
-std::unique_ptr<ChildProcess> ToolTest::StartAndSee(const Words& arguments,
-                                                    const std::string& sign) const {
-  auto child = Start(arguments);
-  EXPECT_TRUE(WaitUntil([&] { return StandardError().find(sign) != std::string::npos; }));
   return child;
 }
 

@@ -44,9 +44,6 @@ class ToolTest : public testing::Test {
   /// Starts the tool and reads on until it says that it is ready.
   std::unique_ptr<ChildProcess> StartReady(const Words& arguments) const;
 
-  /// Starts the tool and waits for `sign` on its standard error.
-  std::unique_ptr<ChildProcess> StartAndSee(const Words& arguments, const std::string& sign) const;
-
   /// What the last one started wrote to standard error.
   std::string StandardError() const;
 
