@@ -41,10 +41,16 @@ _ondaro_ctl() {
       case $verb:$current in
         :-*) words='--json --log --version --help -h' ;;
         *:-*) words="${options[$verb]} --json --log --help -h" ;;
-        get:* | set:* | watch:* | wait:*) words=$("$1" list 2>/dev/null | cut -d ' ' -f 1) ;;
+        get:* | set:* | watch:* | wait:*)
+          # All but watch take one name.
+          [[ $previous = [A-Z]* && $verb != watch ]] ||
+            words=$("$1" list 2>/dev/null | cut -d ' ' -f 1)
+          ;;
         :* | store:* | auth:*)
           for i in "${!options[@]}"; do
-            [[ $i != "$verb"* ]] || words+=" $(cut -d ' ' -f 1 <<<"${i#"$verb "}")"
+            [[ $i = "${verb:+$verb }"* ]] || continue
+            i=${i#"$verb "}
+            words+=" ${i%% *}"
           done
           ;;
       esac
