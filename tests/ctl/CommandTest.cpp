@@ -57,6 +57,7 @@ const struct {
      "2 2 2 2 2 2 2 2 ", "is required\nSee 'ondaro-ctl auth generate --help'"},
     {"ctl set $S -x", 2, "", "no option '-x'; a word that begins with '-' goes after '--'"},
     {"ctl get SDR --jsn", 2, "", "no option '--jsn', did you mean --json?"},
+    {"each 'get SDR --log' 'watch -n 1 -n 2'", 0, "2 2 ", "--count goes once, and takes one value"},
     {"ctl store put", 2, "", "no verb 'put'\nSee 'ondaro-ctl store --help'"},
     {"ctl store set --int a/b 12x", 2, "", "'12x'"},
     {"ctl store set --int a/b 4294967296", 2, "", "32 bits\nSee 'ondaro-ctl store set --help'"},
@@ -73,6 +74,7 @@ const struct {
     // No such property.
     {"each 'get NOPE' 'set nope x' 'watch ONDARO_STATUS NOPE' 'wait =1'", 0, "3 3 3 3 ",
      "no property 'NOPE'; 'ondaro-ctl list' shows them all"},
+    {"printf '\\033[2J' | ctl load", 3, "", "no property '\\x1b[2J'"},
     {"ctl get status", 3, "", "did you mean ONDARO_STATUS or ONDARO_TOS_STATUS?"},
     {"ctl get ONDARO_SUPORT", 3, "", "did you mean ONDARO_SUPPORT?"},
 
@@ -191,6 +193,12 @@ power usable  yes
      "1 ondaro-ctl: interrupted before ONDARO_STATUS=never came about\n", ""},
 
     // Daemon and applications.
+    {"up 5 store watch a --json -n 1; up 6 serve A --json -n 1; ctl store set a --int 1;"
+     "ctl send A b; rest 5; rest 6",
+     0, R"({"key":"a","time":"TIME","value":1}
+{"data":"b","event":"A","time":"TIME"}
+)",
+     ""},
     {"ctl send A b", 4, "", "nobody owns com.halvex.tv.ondaro); start it, or stand in for it with"},
     {"each 'listen A --timeout 0.05' 'serve A --timeout 0.05'", 0, "ready\n5 ready\n5 ", "is over"},
     {"up 5 serve A; frozen $pid5; ctl send A b --timeout 0.1", 5, "", "did not answer in time"},

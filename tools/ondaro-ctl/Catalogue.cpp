@@ -4,6 +4,7 @@
 #include <numeric>
 
 #include "ExitCode.h"
+#include "Text.h"
 
 namespace ondaro::ctl {
 namespace {
@@ -65,7 +66,7 @@ const Property& FindProperty(std::string_view name) {
   }
   const std::string offer = Suggest(name, names);
   throw Failure(ExitCode::NoSuchProperty,
-                "there is no property '" + std::string(name) + "'" +
+                "there is no property '" + OneLine(name) + "'" +
                     (offer.empty() ? "; 'ondaro-ctl list' shows them all" : offer));
 }
 

@@ -114,7 +114,12 @@ std::string DescribeWrongUsage(const CLI::App& app, const CLI::ParseError& error
   if (verb.get_require_subcommand_min() > 0) {
     return DescribeMissingVerb(verb, unused);
   }
-  return unused.empty() ? error.what() : "'" + unused.front() + "' is one word too many";
+  if (!unused.empty()) {
+    return "'" + unused.front() + "' is one word too many";
+  }
+  const std::string reason = error.what();
+  const bool isCount = error.get_name() == "ArgumentMismatch";
+  return isCount ? reason.substr(0, reason.find(':')) + " goes once, and takes one value" : reason;
 }
 
 /// Parses; true when a verb is to be run. Help and version are printed.
