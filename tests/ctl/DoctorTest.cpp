@@ -55,7 +55,7 @@ const struct {
     {RUNNING, SHIPPED, "pair 1; doctor --key key1 --cert key1", 1, "device-key failed.",
      "neither PEM nor DER"},
     {RUNNING, SHIPPED, "doctor --description none", 1, "description failed.", "install"},
-    {RUNNING, SHIPPED, "sed s/'\"i\"/\"s\"'/ $DESCRIPTION >d; doctor --description d", 1,
+    {RUNNING, SHIPPED, R"(sed 's/"i"/"s"/' $DESCRIPTION >d; doctor --description d)", 1,
      "description failed.", "d does not describe"},
     {RUNNING, SHIPPED, ANOTHER_LIBRARY, 1, "version failed.description failed.", "1.2.3"},
 };
@@ -67,7 +67,7 @@ class DoctorTest : public ToolTest {
     std::string text = ReadWholeFile(ONDARO_TEST_POLICY);
     const std::string root = R"(user="root")";
     text.replace(text.find(root), root.size(),
-                 R"(user=")" + std::string(getpwuid(geteuid())->pw_name) + "\"");
+                 R"(user=")" + std::string(getpwuid(geteuid())->pw_name) + '"');
     std::ofstream(Path("policy")) << text;
     return OPEN_POLICY + ("<include>" + Path("policy") + "</include>");
   }
