@@ -21,8 +21,7 @@ namespace ondaro::test {
 class Peer : public ChildProcess {
  public:
   explicit Peer(const std::string& logFile = "/dev/null")
-      : ChildProcess({"env", "ONDARO_HOST_LOG=verbose:" + logFile, ONDARO_TEST_BUS_PEER}),
-        m_logFile(logFile) {}
+      : ChildProcess({LoggingTo(logFile)}), m_logFile(logFile) {}
 
   /// The answer to one line.
   std::string Do(const std::string& line) {
@@ -49,6 +48,11 @@ class Peer : public ChildProcess {
   }
 
  private:
+  static const char* LoggingTo(const std::string& logFile) {
+    setenv("ONDARO_HOST_LOG", ("verbose:" + logFile).c_str(), 1);
+    return ONDARO_TEST_BUS_PEER;
+  }
+
   std::string m_logFile;
 };
 

@@ -46,6 +46,8 @@ struct Role {
   std::string rule;   // the attribute that names the role in the policy; none of its own: empty
   std::string taken;  // what the player's is instead
   bool mayOwn, mayCallAndHear;
+
+  friend void PrintTo(const Role& role, std::ostream* stream) { *stream << role.name; }
 };
 
 const Role ROLES[] = {
