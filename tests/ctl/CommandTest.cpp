@@ -30,7 +30,7 @@ const char* const HELPERS = R"(
     fd=$1 line=; shift; mkfifo out$fd 2>&-
     "$CTL" "$@" <in >out$fd 2>&1 &
     pids="$pids $!"; eval "pid$fd=$! && exec $fd<out$fd"
-    until [ "${line##*: }" = ready ] || [ "${line##*: }" = waiting ]; do read -r line <&$fd; done
+    until [ "${line##*: }" = ready ] || [ "${line##*: }" = waiting ]; do read -r line <&$fd || return; done
   }
   hear() { read -r line <&$1; echo "${line#*Z }"; }
   rest() { sed -E 's/[-0-9]{10}T[0-9:]{8}\.[0-9]{6}Z/TIME/' <&$1; }
