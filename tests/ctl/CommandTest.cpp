@@ -201,7 +201,8 @@ power usable  yes
 )",
      ""},
     {"ctl send A b", 4, "", "nobody owns com.halvex.tv.ondaro); start it, or stand in for it with"},
-    {"each 'listen A --timeout 0.05' 'serve A --timeout 0.05'", 0, "ready\n5 ready\n5 ", "is over"},
+    {"for v in listen serve; do ctl $v A --timeout 0.05 >o; printf \"$? \"; done", 0, "5 5 ",
+     "is over"},
     {"up 5 serve A; frozen $pid5; ctl send A b --timeout 0.1", 5, "", "did not answer in time"},
     {"up 5 serve A '' -n 4; ctl send UNHEARD x && ctl send A '' && ctl send '' 'no name' &&"
      "ctl send A '{\"path\":\"C:\\n\"}' && ctl send A \"$(printf 'a\\nb ä')\"; echo $?; rest 5",

@@ -6,7 +6,7 @@ namespace {
 
 using State = Finding::State;
 
-constexpr int PATIENCE_MILLISECONDS = 3000;
+constexpr int PATIENCE_MILLISECONDS = 5000;
 
 constexpr char BUS_NAME[] = "org.freedesktop.DBus";
 constexpr char BUS_PATH[] = "/org/freedesktop/DBus";
