@@ -259,5 +259,21 @@ TEST_F(Soak, KeepsEveryChangeMemoryAndDescriptors) {
             << " descriptors\n";
 }
 
+TEST(Syncs, ComeBeforeASetOfADurableKeyReturnsAndForNoOther) {
+  StateDirectory();
+  for (const char* key : {"db/synced", "memory/unsynced"}) {
+    ASSERT_EQ(platform_settings_set_int(key, 0), 0);
+    int syncs = 0;
+    const FileWatch watch([&](const FileCall& call) {
+      syncs += call.kind == FileCall::Kind::SYNC ? 1 : 0;
+      return 0;
+    });
+    for (int write = 1; write <= 5; ++write) {
+      EXPECT_EQ(platform_settings_set_int(key, write), 0);
+      EXPECT_TRUE(*key == 'd' ? syncs >= write : syncs == 0) << key << ": " << syncs;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace ondaro::test

@@ -12,7 +12,6 @@
 #include <thread>
 #include <vector>
 
-#include "FileCalls.h"
 #include "HostSupport.h"
 #include "SettingsLimits.h"
 #include "StoreArea.h"
@@ -139,19 +138,6 @@ TEST_P(Store, BadKeysAndNullPointersAreRefusedWithALineEach) {
   EXPECT_NE(platform_settings_subscribe(longest.c_str(), nullptr, nullptr), 0);
   ASSERT_EQ(platform_settings_set_int(longest.c_str(), 1), 0);
   EXPECT_NE(platform_settings_get_int(longest.c_str(), nullptr), 0);
-}
-
-TEST_P(Store, SyncsItsDurableKeysBeforeTheSetReturns) {
-  Set(Key("key"), "opened");
-  int syncs = 0;
-  const FileWatch watch([&](const FileCall& call) {
-    syncs += call.kind == FileCall::Kind::SYNC ? 1 : 0;
-    return 0;
-  });
-  for (int write = 1; write <= 5; ++write) {
-    EXPECT_TRUE(Set(Key("key"), "value"));
-    EXPECT_TRUE(GetParam() == "db" ? syncs >= write : syncs == 0) << syncs;
-  }
 }
 
 TEST_P(Store, WriterBesideOneThatWritesInARowIsLetThrough) {
