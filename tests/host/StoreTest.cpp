@@ -330,19 +330,17 @@ TEST_P(Store, ThreadsSubscribeAndWriteAtOnce) {
   constexpr std::size_t ROUNDS = 200;
   Recorder recorder;
   Subscribe(Key("shared"), recorder);
-  std::vector<std::future<void>> threads;
-  for (const std::string& own : {Key("one"), Key("two")}) {
-    threads.push_back(std::async(std::launch::async, [own, shared = Key("shared")] {
-      Recorder ignored;
-      for (std::size_t round = 0; round < ROUNDS; ++round) {
-        const auto subscribe = platform_settings_subscribe;
-        EXPECT_EQ(subscribe(own.c_str(), &Recorder::ChangedToo, &ignored), 0);
-        EXPECT_TRUE(Set(own, std::to_string(round)) && Set(shared, "value"));
-        EXPECT_EQ(Get(own), std::to_string(round));
-        EXPECT_TRUE(Unsubscribe(own, &Recorder::ChangedToo));
-      }
-    }));
-  }
+  const auto use = [shared = Key("shared")](const std::string& own) {
+    Recorder ignored;
+    for (std::size_t round = 0; round < ROUNDS; ++round) {
+      EXPECT_EQ(platform_settings_subscribe(own.c_str(), &Recorder::ChangedToo, &ignored), 0);
+      EXPECT_TRUE(Set(own, std::to_string(round)) && Set(shared, "value"));
+      EXPECT_EQ(Get(own), std::to_string(round));
+      EXPECT_TRUE(Unsubscribe(own, &Recorder::ChangedToo));
+    }
+  };
+  const auto one = std::async(std::launch::async, use, Key("one"));
+  const auto two = std::async(std::launch::async, use, Key("two"));
   EXPECT_TRUE(WaitUntil([&] { return recorder.values.size() == 2 * ROUNDS; }));
 }
 
@@ -402,9 +400,11 @@ TEST_P(Damaged, MovesEveryProcessToTheNewDatabase) {
   EXPECT_TRUE(other.Set(Key("key"), "before"));
   Settle();
   // All of it, since what is not read is not missed.
-  for (const std::string name : {"settings.db", "settings.db-wal"}) {
+  std::size_t size = 0;
+  for (const std::string name : {"settings.db-wal", "settings.db"}) {
+    size = std::filesystem::file_size(StateDirectory() / name);
     std::fstream(StateDirectory() / name, std::ios::binary | std::ios::in | std::ios::out)
-        << std::string(std::filesystem::file_size(StateDirectory() / name), 'g');
+        << std::string(size, 'g');
   }
   EXPECT_TRUE(StoreArea(StateDirectory().Path()).Set(Key("key"), "after"));
   EXPECT_TRUE(WaitUntil([&] { return recorder.values.size() == 2; }));
@@ -412,6 +412,11 @@ TEST_P(Damaged, MovesEveryProcessToTheNewDatabase) {
   EXPECT_TRUE(other.Set(Key("key"), "again"));
   Settle();
   EXPECT_EQ(recorder.values, (Values{"before", "after", "again"}));
+  for (const auto& file : std::filesystem::directory_iterator(StateDirectory().Path())) {
+    const std::string name = file.path().filename();
+    EXPECT_TRUE(name.rfind("settings.db.damaged-", 0) != 0 || name.back() != 'Z' ||
+                ReadFile(file.path()) == std::string(size, 'g'));
+  }
 }
 
 }  // namespace
