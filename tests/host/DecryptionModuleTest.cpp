@@ -113,23 +113,19 @@ TEST_F(DecryptionModule, RefusesWhatIsNoKeyAndNoDigest) {
 }
 
 TEST_F(DecryptionModule, HasOneRootForAllProcessesAndThreads) {
-  constexpr int PROCESSES = 4;
-  const auto useFromThreads = [&](int process) {
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < 3; ++thread) {
-      threads.emplace_back([name = m_files / std::to_string(10 * process + thread)] {
-        std::string id;
-        SystemId(Open(), id);
-        WriteFile(name, id);
-      });
-    }
-    for (std::thread& thread : threads) {
-      thread.join();
-    }
+  const auto tellId = [this](int process, int thread) {
+    std::string id;
+    SystemId(Open(), id);
+    WriteFile(m_files / std::to_string(10 * process + thread), id);
   };
   std::vector<std::unique_ptr<Child>> children;
-  for (int process = 0; process < PROCESSES; ++process) {
-    children.push_back(std::make_unique<Child>([&] { useFromThreads(process); }));
+  for (int process = 0; process < 4; ++process) {
+    children.push_back(std::make_unique<Child>([&] {
+      std::thread one(tellId, process, 1);
+      std::thread two(tellId, process, 2);
+      one.join();
+      two.join();
+    }));
   }
   for (const auto& child : children) {
     EXPECT_EQ(child->Wait(), 0);

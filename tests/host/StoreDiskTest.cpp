@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstdarg>
 #include <iostream>
+#include <numeric>
 #include <random>
 #include <utility>
 #include <vector>
@@ -71,36 +72,26 @@ void WriteFiles(const Files& files, const std::string& directory) {
   }
 }
 
-/// In processes of their own, so that a case that ends its process fails alone. Those of the corpus
+/// Each in a process of its own, so that one that ends its process fails alone. Those of the corpus
 /// once failed.
 template <typename Run>
 void ForEachSeed(unsigned count, std::vector<unsigned> seeds, Run run) {
-  constexpr std::size_t BATCH = 50;
   constexpr std::size_t MANY = 20;
-  for (unsigned seed = 0; seed < count; ++seed) {
-    seeds.push_back(seed);
-  }
+  const std::size_t corpus = seeds.size();
+  seeds.resize(corpus + count);
+  std::iota(seeds.begin() + static_cast<std::ptrdiff_t>(corpus), seeds.end(), 0U);
   if (const char* const given = std::getenv("ONDARO_TEST_SEED")) {
     seeds = {static_cast<unsigned>(std::atoi(given))};
   }
-  const auto fails = [&](std::size_t begin, std::size_t end) {
-    return RunInChild([&] {
-             for (std::size_t i = begin; i < end; ++i) {
-               alarm(120);
-               Random random(seeds[i]);
-               run(random);
-             }
-             _exit(testing::Test::HasFailure() ? 1 : 0);
-           }) != 0;
-  };
   std::vector<unsigned> failed;
-  for (std::size_t begin = 0; begin < seeds.size() && failed.size() < MANY; begin += BATCH) {
-    const std::size_t end = std::min(seeds.size(), begin + BATCH);
-    const bool hasFailed = fails(begin, end);
-    for (std::size_t i = begin; hasFailed && i < end; ++i) {
-      if (fails(i, i + 1)) {
-        failed.push_back(seeds[i]);
-      }
+  for (auto seed = seeds.begin(); seed != seeds.end() && failed.size() < MANY; ++seed) {
+    const int status = RunInChild([&] {
+      Random random(*seed);
+      run(random);
+      _exit(testing::Test::HasFailure() ? 1 : 0);
+    });
+    if (status != 0) {
+      failed.push_back(*seed);
     }
   }
   EXPECT_EQ(failed, std::vector<unsigned>{}) << "seeds that failed";
@@ -284,12 +275,11 @@ TEST(StoreDisk, DamagedFileIsOpenedOrSetAside) {
     for (int key = 0; key < KEYS; ++key) {
       EXPECT_NE(area->Get(KeyOf(key)), "(error)") << name;
     }
-    const Files after = ReadFiles(directory.Path());
-    const bool isSetAside = std::any_of(after.begin(), after.end(), [](const auto& file) {
-      return file.first.find(".damaged-") != std::string::npos;
-    });
-    EXPECT_EQ(isSetAside, g_logged.find(" is damaged; it is kept as ") != std::string::npos)
-        << g_logged;
+    bool isSetAside = false;
+    for (const auto& file : fs::directory_iterator(directory.Path())) {
+      isSetAside = isSetAside || file.path().string().find(".damaged-") != std::string::npos;
+    }
+    EXPECT_EQ(isSetAside, g_logged.find(" is damaged; it is kept as ") != std::string::npos);
   });
 }
 
