@@ -9,7 +9,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdarg>
-#include <string_view>
 #include <type_traits>
 
 namespace ondaro::test {
@@ -28,12 +27,11 @@ std::string PathOf(int fd) {
 
 /// Makes the system call, unless the watcher lets it fail. `path` is a name or a descriptor.
 template <typename Path, typename... Arguments>
-long Call(Kind kind, Path path, off_t offset, std::string_view data, long number,
-          Arguments... arguments) {
+long Call(Kind kind, Path path, long number, Arguments... arguments) {
   if (const FileWatcher* const watcher = t_watcher) {
     t_watcher = nullptr;
     const int before = errno;
-    FileCall call{kind, {}, offset, std::string(data)};
+    FileCall call{kind, {}};
     if constexpr (std::is_same_v<Path, int>) {
       call.path = PathOf(path);
     } else {
@@ -71,31 +69,30 @@ int open64(const char* path, int flags, ...) {
   const int mode = va_arg(rest, int);  // NOLINT(clang-analyzer-valist.Uninitialized)
   va_end(rest);
   const bool creates = (flags & O_CREAT) != 0 && access(path, F_OK) != 0;
-  return static_cast<int>(Call(creates ? Kind::CREATE : Kind::OPEN, path, 0, {}, SYS_openat,
-                               AT_FDCWD, path, flags, mode));
+  return static_cast<int>(
+      Call(creates ? Kind::CREATE : Kind::OPEN, path, SYS_openat, AT_FDCWD, path, flags, mode));
 }
 ssize_t pread64(int fd, void* data, size_t size, off_t offset) {
-  return Call(Kind::READ, fd, offset, {}, SYS_pread64, fd, data, size, offset);
+  return Call(Kind::READ, fd, SYS_pread64, fd, data, size, offset);
 }
 ssize_t pwrite64(int fd, const void* data, size_t size, off_t offset) {
-  return Call(Kind::WRITE, fd, offset, {static_cast<const char*>(data), size}, SYS_pwrite64, fd,
-              data, size, offset);
+  return Call(Kind::WRITE, fd, SYS_pwrite64, fd, data, size, offset);
 }
 int ftruncate64(int fd, off_t length) noexcept {
-  return static_cast<int>(Call(Kind::TRUNCATE, fd, length, {}, SYS_ftruncate, fd, length));
+  return static_cast<int>(Call(Kind::TRUNCATE, fd, SYS_ftruncate, fd, length));
 }
-int fdatasync(int fd) { return static_cast<int>(Call(Kind::SYNC, fd, 0, {}, SYS_fdatasync, fd)); }
-int fsync(int fd) { return static_cast<int>(Call(Kind::SYNC, fd, 0, {}, SYS_fsync, fd)); }
+int fdatasync(int fd) { return static_cast<int>(Call(Kind::SYNC, fd, SYS_fdatasync, fd)); }
+int fsync(int fd) { return static_cast<int>(Call(Kind::SYNC, fd, SYS_fsync, fd)); }
 int unlink(const char* path) noexcept {
-  return static_cast<int>(Call(Kind::REMOVE, path, 0, {}, SYS_unlink, path));
+  return static_cast<int>(Call(Kind::REMOVE, path, SYS_unlink, path));
 }
 int rename(const char* from, const char* to) noexcept {
-  return static_cast<int>(Call(Kind::RENAME, from, 0, to, SYS_rename, from, to));
+  return static_cast<int>(Call(Kind::RENAME, from, SYS_rename, from, to));
 }
 void* mmap64(void* address, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
-  const long result = fd < 0 ? syscall(SYS_mmap, address, size, protection, flags, fd, offset)
-                             : Call(Kind::MAP, fd, offset, {}, SYS_mmap, address, size, protection,
-                                    flags, fd, offset);
+  const long result =
+      fd < 0 ? syscall(SYS_mmap, address, size, protection, flags, fd, offset)
+             : Call(Kind::MAP, fd, SYS_mmap, address, size, protection, flags, fd, offset);
   return reinterpret_cast<void*>(result);  // NOLINT(performance-no-int-to-ptr)
 }
 

@@ -1,8 +1,6 @@
 #ifndef ONDARO_TESTS_HOST_FILECALLS_H
 #define ONDARO_TESTS_HOST_FILECALLS_H
 
-#include <sys/types.h>
-
 #include <functional>
 #include <string>
 
@@ -15,8 +13,6 @@ struct FileCall {
 
   Kind kind;
   std::string path;
-  off_t offset = 0;  // for TRUNCATE the length
-  std::string data;  // for RENAME the new name
 };
 
 /// Returns 0, or the error with which the call is to fail. Calls of its own are not watched.
