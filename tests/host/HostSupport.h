@@ -1,6 +1,8 @@
 #ifndef ONDARO_TESTS_HOST_HOSTSUPPORT_H
 #define ONDARO_TESTS_HOST_HOSTSUPPORT_H
 
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -54,8 +56,8 @@ inline const TemporaryDirectory& StateDirectory() {
   return directory;
 }
 
-/// A forked process that runs `body` and leaves without destructors. One that hangs is ended by
-/// SIGALRM.
+/// A forked process that runs `body` and leaves without destructors. It dies with the thread that
+/// made it; one that hangs is ended by SIGALRM.
 class Child {
  public:
   template <typename Body>
@@ -64,6 +66,7 @@ class Child {
       throw std::runtime_error("fork");
     }
     if (m_pid == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
       alarm(60);
       body();
       _exit(0);
