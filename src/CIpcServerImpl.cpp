@@ -128,12 +128,12 @@ CIpcServerImpl::CIpcServerImpl() : m_nOwnPid(getpid()) {
 
 CIpcServerImpl::~CIpcServerImpl() {
   ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__);
-  CLiveServers::Get().Remove(this);
   // GLib's thread did not come along: a forked child would wait for the bus in vain.
   if (getpid() != m_nOwnPid) {
     g_dbus_node_info_unref(m_pBusNodeInfo);
     return;
   }
+  CLiveServers::Get().Remove(this);
   if (m_pDbusConnection != nullptr && m_nRegistrationId != 0) {
     const gboolean removed =
         g_dbus_connection_unregister_object(m_pDbusConnection, m_nRegistrationId);

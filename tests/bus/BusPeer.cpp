@@ -39,6 +39,7 @@
 #include <utility>
 #include <vector>
 
+#include "bus/PlainPeer.h"
 #include "ondaro/OndaroApi.h"
 
 namespace {
@@ -165,13 +166,6 @@ GDBusConnection* Shared() {
   return connection;
 }
 
-void Sync() {
-  g_variant_unref(g_dbus_connection_call_sync(
-      Shared(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId",
-      nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
-  Say("synced");
-}
-
 void Stay() {
   g_dbus_connection_set_exit_on_close(Shared(), FALSE);
   Say("staying");
@@ -210,7 +204,11 @@ void Run(const std::string& line) {
       {"hold", [&] { Expect(first, true); }},
       {"echo", [&] { Echo(first, second); }},
       {"send", [&] { Say("sent " + std::to_string(Send(first, second))); }},
-      {"sync", Sync},
+      {"sync",
+       [] {
+         ondaro::test::SyncWithBus(Shared());
+         Say("synced");
+       }},
       {"volley", [&] { Volley(number(first), number(second)); }},
       {"flood",
        [&] {

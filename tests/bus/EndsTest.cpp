@@ -202,46 +202,26 @@ TEST_F(Ends, LossToldInAnotherContextDoesNotReachADestroyedServer) {
   g_main_context_unref(own);
 }
 
+// The client is made before there is a daemon, whose properties it would ask for.
 TEST_F(Ends, AreServedByTheContextOfTheThreadThatMadeThem) {
-  const auto onThread = [](const std::function<void()>& work) {
-    return std::thread([work] {
-      GMainContext* context = g_main_context_new();
-      g_main_context_push_thread_default(context);
-      work();
-      Drain();
-      g_main_context_pop_thread_default(context);
-      g_main_context_unref(context);
-    });
-  };
-  std::atomic<bool> isReady{false}, isDone{false};
-  std::thread::id handled;
-  std::thread daemon = onThread([&] {
-    const std::unique_ptr<NOndaroAPI::IIpcServerImpl> server(CPALFactory::CreateIpcServerImpl());
-    server->RegisterEventHandler("ping", [&](const std::string& data) {
-      handled = std::this_thread::get_id();
-      server->SendDataToClient("pong", data);
-    });
-    EXPECT_TRUE(WaitUntil([&] { return CanSend(*server); }));
-    isReady = true;
-    EXPECT_TRUE(WaitUntil([&] { return isDone.load(); }));
-  });
-  std::thread application = onThread([&] {
-    EXPECT_TRUE(WaitUntil([&] { return isReady.load(); }));
-    const std::unique_ptr<NOndaroAPI::IIpcClientImpl> client(CPALFactory::CreateIpcClientImpl());
-    std::thread::id heard;
-    client->RegisterEventHandler("pong",
-                                 [&](const std::string&) { heard = std::this_thread::get_id(); });
-    client->SendDataToServer("ping", "data");
-    // The completion belongs to this thread's context too, which is gone after it.
-    EXPECT_TRUE(WaitUntil([&] {
-      return heard == std::this_thread::get_id() && Logged("g_dbus_proxy_call result : 0");
-    }));
-    isDone = true;
-  });
-  const std::thread::id daemonId = daemon.get_id();
-  application.join();
-  daemon.join();
-  EXPECT_EQ(handled, daemonId);
+  std::thread([this] {
+    GMainContext* context = g_main_context_new();
+    g_main_context_push_thread_default(context);
+    CreateClient();
+    CreateServing();
+    m_server->RegisterEventHandler(
+        "ping", [this](const std::string& data) { m_server->SendDataToClient("event", data); });
+    m_client->SendDataToServer("ping", "data");
+    // The completion belongs to this context too.
+    EXPECT_TRUE(
+        WaitUntil([this] { return !m_events.empty() && Logged("g_dbus_proxy_call result : 0"); }));
+    m_server.reset();
+    m_client.reset();
+    Drain();
+    g_main_context_pop_thread_default(context);
+    g_main_context_unref(context);
+  }).join();
+  EXPECT_EQ(m_events, std::vector<Event>({{"event", "data"}}));
 }
 
 // ---- Interface descriptions that are not what they should be ------------------------------------

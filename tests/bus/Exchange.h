@@ -38,13 +38,12 @@ class Peer : public ChildProcess {
     std::ifstream file(m_logFile);
     int count = 0;
     for (std::string line; std::getline(file, line);) {
-      count += line.find(text) != std::string::npos ? 1 : 0;
+      count += static_cast<int>(line.find(text) != std::string::npos);
     }
     return count;
   }
-  bool LogsSoon(const std::string& text, int times = 1,
-                std::chrono::seconds limit = PATIENCE) const {
-    return WaitUntil([&] { return Logged(text) == times; }, limit);
+  bool LogsSoon(const std::string& text, int times = 1) const {
+    return WaitUntil([&] { return Logged(text) == times; });
   }
 
  private:

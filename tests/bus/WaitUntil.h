@@ -4,8 +4,6 @@
 #include <glib.h>
 
 #include <chrono>
-#include <optional>
-#include <string>
 
 #include "bus/ChildProcess.h"
 
@@ -36,19 +34,6 @@ bool WaitUntil(Predicate predicate, std::chrono::milliseconds limit = PATIENCE) 
 inline void Drain() {
   while (g_main_context_iteration(g_main_context_get_thread_default(), FALSE)) {
   }
-}
-
-/// What a program prints until it ends, while the thread's main context serves it.
-inline std::string ReadAllWhileServing(ChildProcess& program) {
-  std::string text;
-  while (WaitUntil([&] { return program.HasLine(); })) {
-    const std::optional<std::string> line = program.ReadLine();
-    if (!line) {
-      break;
-    }
-    text += *line + "\n";
-  }
-  return text;
 }
 
 }  // namespace ondaro::test
