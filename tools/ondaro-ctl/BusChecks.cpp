@@ -63,7 +63,7 @@ Finding BusChecks::Daemon() {
   const Answer called = Ask({DAEMON_NAME, DAEMON_PATH, "org.freedesktop.DBus.Properties", "GetAll",
                              g_variant_new("(s)", DAEMON_NAME)});
   m_mayNotCall = called.IsError(G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED);
-  m_maybeCalls = called.value != nullptr;
+  m_mayCall = called.value != nullptr;
   if (called.value != nullptr || m_mayNotCall) {
     return {State::Ok, owned};
   }
@@ -108,7 +108,7 @@ Finding BusChecks::Policy() {
                   "its configuration again");
   }
   return {State::Ok, std::string("the bus keeps out events that the daemon did not send") +
-                         (m_maybeCalls ? ", and this user may call it" : "")};
+                         (m_mayCall ? ", and this user may call it" : "")};
 }
 
 }  // namespace ondaro::ctl

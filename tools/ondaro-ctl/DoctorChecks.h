@@ -4,7 +4,6 @@
 #include <gio/gio.h>
 
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "Bus.h"
@@ -62,7 +61,7 @@ class BusChecks {
   bool HearsEventsMadeUp() const;
 
   std::unique_ptr<GDBusConnection, GObjectRelease> m_pConnection;
-  bool m_maybeCalls = false;
+  bool m_mayCall = false;
   bool m_mayNotCall = false;
 };
 

@@ -79,7 +79,9 @@ void Replay(const Output& output, const SendOptions& options) {
   try {
     const gint64 begin = g_get_monotonic_time();
     for (const RecordedEvent& event : events) {
-      const double offset = static_cast<double>(event.microseconds) / options.speed;
+      constexpr double A_LIFETIME = 1e15;  // microseconds; a speed can be next to nothing
+      const double offset =
+          std::min(static_cast<double>(event.microseconds) / options.speed, A_LIFETIME);
       sender.WaitUntil(begin + static_cast<gint64>(offset));
       sender.Send(event.event, event.data);
       ++sent;
