@@ -37,12 +37,13 @@ class StoreArea {
     Try([&] { position = m_area.Follow(); });
     return position;
   }
-  /// All that the log still holds of the writes after `position`.
-  std::vector<host::SettingsChange> Log(std::int64_t position = 0) {
+  /// The changes after `position`, of those no longer in the log the last of each of the keys.
+  std::vector<host::SettingsChange> Log(std::int64_t position = 0,
+                                        const std::vector<std::string>& keys = {}) {
     std::vector<host::SettingsChange> all;
     Try([&] {
-      for (auto next = m_area.ChangesAfterGap(position, {}); !next.empty();
-           next = m_area.ChangesAfterGap(all.back().sequence, {})) {
+      for (auto next = m_area.ChangesAfterGap(position, keys); !next.empty();
+           next = m_area.ChangesAfterGap(all.back().sequence, keys)) {
         all.insert(all.end(), next.begin(), next.end());
       }
     });

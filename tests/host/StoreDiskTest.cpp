@@ -457,11 +457,17 @@ TEST(StoreLog, IsKeptForALivingFollowerOnlyAndWithinItsCap) {
     }
     return writer.Log().size();
   };
+  EXPECT_TRUE(writer.Set("unchanged", "early"));
   EXPECT_LE(logAfter(2 * BATCH), BATCH);
   std::optional<StoreArea> follower(std::in_place, directory.Path());
-  ASSERT_GE(follower->Follow(), 0);
+  const std::int64_t position = follower->Follow();
+  EXPECT_TRUE(writer.Set("once", "trimmed") && writer.Set("once", "current"));
   EXPECT_GE(logAfter(2 * BATCH), 2 * BATCH);
   EXPECT_LE(logAfter(CAP), CAP + BATCH);
+  // One that fell behind gets the current values of its keys, if they have changed.
+  const auto changes = follower->Log(position, {"once", "unchanged"});
+  EXPECT_EQ(changes[0].value, host::SettingsValue("current"));
+  EXPECT_EQ(changes[1].value, host::SettingsValue("value"));
   follower.reset();
   EXPECT_LE(logAfter(BATCH), BATCH);
 }

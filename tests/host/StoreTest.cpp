@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "HostSupport.h"
-#include "SettingsLimits.h"
 #include "StoreArea.h"
 #include "bus/WaitUntil.h"
 #include "platform/Log.h"
@@ -304,26 +303,6 @@ TEST_P(Store, CallbacksOfTwoThreadsMayEndEachOther) {
   EXPECT_TRUE(Set(Key("here"), "two") && Set(Key("there"), "two"));
   Settle();
   EXPECT_EQ(begun, 2);
-}
-
-TEST_P(Store, OneThatFellBehindTheCapGetsTheCurrentValueOfItsKeys) {
-  constexpr int COUNT = host::SETTINGS_LOG_CAP + 2 * host::SETTINGS_TRIM_BATCH;
-  Recorder busy;
-  Recorder once;
-  Recorder unchanged;
-  Set(Key("unchanged"), "early");
-  Subscribe(Key("busy"), busy);
-  Subscribe(Key("once"), once);
-  Subscribe(Key("unchanged"), unchanged);
-  EXPECT_TRUE(Set(Key("once"), "trimmed") && Set(Key("once"), "current"));
-  for (int i = 1; i <= COUNT; ++i) {
-    Set(Key("busy"), std::to_string(i));
-  }
-  Settle();
-  EXPECT_EQ(once.values, Values{"current"});
-  EXPECT_EQ(unchanged.values, Values());
-  EXPECT_GE(busy.values.size(), static_cast<std::size_t>(host::SETTINGS_LOG_CAP));
-  EXPECT_EQ(busy.values.back(), std::to_string(COUNT));
 }
 
 TEST_P(Store, ThreadsSubscribeAndWriteAtOnce) {
