@@ -259,6 +259,28 @@ TEST_F(Soak, KeepsEveryChangeMemoryAndDescriptors) {
             << " descriptors\n";
 }
 
+TEST(Writers, AreLetThroughBesideOneThatWritesInARow) {
+  constexpr int WRITES = 50;
+  StateDirectory();
+  const FileWatch slowDisk(
+      [](const FileCall& call) { return call.kind == FileCall::Kind::SYNC ? usleep(3000) : 0; });
+  const Child other([] {
+    for (int number = 1; platform_settings_set_int("db/in-a-row", number) == 0; ++number) {
+    }
+  });
+  const auto written = [] {
+    int number = 0;
+    platform_settings_get_int("db/in-a-row", &number);
+    return number;
+  };
+  EXPECT_TRUE(WaitUntil([&] { return written() > 0; }));
+  const int before = written();
+  for (int write = 0; write < WRITES; ++write) {
+    EXPECT_EQ(platform_settings_set_int("db/between", write), 0);
+  }
+  EXPECT_LT(written() - before, 2 * WRITES);
+}
+
 TEST(Syncs, ComeBeforeASetOfADurableKeyReturnsAndForNoOther) {
   StateDirectory();
   for (const char* key : {"db/synced", "memory/unsynced"}) {

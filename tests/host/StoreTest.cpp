@@ -139,17 +139,6 @@ TEST_P(Store, BadKeysAndNullPointersAreRefusedWithALineEach) {
   EXPECT_NE(platform_settings_get_int(longest.c_str(), nullptr), 0);
 }
 
-TEST_P(Store, WriterBesideOneThatWritesInARowIsLetThrough) {
-  const Child other([] {
-    while (Set(Key("other"), "value")) {
-    }
-  });
-  EXPECT_TRUE(WaitUntil([] { return Get(Key("other")) == "value"; }));
-  for (int write = 0; write < 20; ++write) {
-    EXPECT_TRUE(Set(Key("between"), "value"));
-  }
-}
-
 TEST_P(Store, CallbackMayDoAnything) {
   Recorder once;
   Recorder thrower;
