@@ -148,7 +148,7 @@ void WriteJunit(const Report& report, const std::string& path) {
     }
   }
   for (const std::string& remark : report.remarks) {
-    cases << "    <testcase classname=\"run\" name=\"remark\"><error message=\"" << Escaped(remark)
+    cases << R"(    <testcase classname="run" name="remark"><error message=")" << Escaped(remark)
           << R"("/></testcase>)"
           << "\n";
   }
