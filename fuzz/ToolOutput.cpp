@@ -14,6 +14,7 @@ std::string g_output;
 }  // namespace
 
 /// In place of the system's: the tool's output is taken, its remarks are dropped.
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): nor are the system's allowed
 extern "C" ssize_t write(int descriptor, const void* bytes, std::size_t size) {
   if (descriptor == STDOUT_FILENO) {
     g_output.append(static_cast<const char*>(bytes), size);
