@@ -16,6 +16,8 @@ namespace ondaro::bench {
 
 namespace {
 
+constexpr std::size_t LINE_LIMIT = 4096;
+
 int theFile = -1;
 long theAnswers = 0;
 
@@ -53,7 +55,8 @@ int platform_log_print(int, int priority, const char* tag, const char* format, .
   if (theFile < 0) {
     return 0;
   }
-  std::array<char, 4096> line{};
+  // Formatting beyond a buffer is dear, so the longest payload has room; a line keeps 4096 bytes.
+  static std::array<char, 72UL * 1024> line;
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
   const int head = std::snprintf(line.data(), line.size(), "%ld.%06ld %d %s: ", now.tv_sec,
@@ -64,7 +67,7 @@ int platform_log_print(int, int priority, const char* tag, const char* format, .
   const int body = std::vsnprintf(line.data() + head, line.size() - static_cast<std::size_t>(head),
                                   format, arguments);
   va_end(arguments);
-  const std::size_t size = std::min(static_cast<std::size_t>(head + body), line.size() - 1);
+  const std::size_t size = std::min(static_cast<std::size_t>(head + body), LINE_LIMIT - 1);
   line[size] = '\n';
   return write(theFile, line.data(), size + 1) < 0 ? -1 : 0;
 }

@@ -86,4 +86,19 @@ void LogLineToFile(benchmark::State& state) {
 }
 BENCHMARK(LogLineToFile)->Iterations(Compare::BLOCKS);
 
+/// A message of 64 KiB, of which a line keeps the beginning, beside formatting the message.
+void LogLongMessage(benchmark::State& state) {
+  LogToFile();
+  const std::string data(std::size_t{64} * 1024, 'x');
+  std::string plain(data.size() + 1024, '\0');
+  Compare::Run(
+      state, WRITE_BLOCK / 10,
+      [&] { platform_log_print(0, INFO, TAG, "appEvt : %s, data : %s", "event", data.c_str()); },
+      [&] {
+        benchmark::DoNotOptimize(std::snprintf(plain.data(), plain.size(), "appEvt : %s, data : %s",
+                                               "event", data.c_str()));
+      });
+}
+BENCHMARK(LogLongMessage)->Iterations(Compare::BLOCKS);
+
 }  // namespace

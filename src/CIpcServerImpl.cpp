@@ -4,6 +4,7 @@
 
 #include <mutex>
 #include <set>
+#include <string_view>
 
 #include "BusContract.h"
 #include "CallbackFunnel.h"
@@ -261,7 +262,7 @@ void CIpcServerImpl::HandleAppData(GVariant* parameters, GDBusMethodInvocation* 
   g_variant_get(parameters, "(&s&s)", &appEvt, &data);
   PAL_LOG_INFO("appEvt : %s, data : %s", appEvt, data);
 
-  const auto entry = m_eventHandlerMap.find(appEvt);
+  const auto entry = m_eventHandlerMap.find(std::string_view(appEvt));
   if (entry != m_eventHandlerMap.end()) {
     try {
       // A copy: the handler may replace or remove itself in the table while it runs.

@@ -14,6 +14,9 @@ namespace ondaro::host {
 namespace {
 
 constexpr std::size_t TAG_ROOM = 128;
+// More than a line keeps: what the C library formats beyond its buffer costs it some fifty times
+// as much, and 64 KiB is a payload to be expected.
+constexpr std::size_t FORMAT_ROOM = std::size_t{72} * 1024;
 constexpr int MOST_CONTINUATIONS = 3;          // of one character
 constexpr std::size_t OMISSION_ROOM = 2 + 10;  // "\+" and the digits of a positive int
 
@@ -164,21 +167,19 @@ void LogLine::AppendHeader(int priority, const char* tag) {
 }
 
 void LogLine::AppendMessage(const char* format, va_list arguments) {
-  // The NUL that ends the formatted text is where the newline goes.
-  const std::size_t space = CAPACITY - Size();
-  const int formatted = std::vsnprintf(m_end, space, format, arguments);
+  char message[FORMAT_ROOM];
+  const int formatted = std::vsnprintf(message, sizeof message, format, arguments);
   if (formatted < 0) {
     EscapeMessage(format, std::strlen(format));
     return;
   }
   const auto length = static_cast<std::size_t>(formatted);
-  if (length >= space || NeedsEscape(m_end, length)) {
-    char message[CAPACITY];
-    std::memcpy(message, m_end, std::min(length, space - 1));
+  const std::size_t room = CAPACITY - Size() - 1;
+  if (length > room || NeedsEscape(message, length)) {
     EscapeMessage(message, length);
     return;
   }
-  m_end += length;
+  m_end = std::copy(message, message + length, m_end);
 }
 
 void LogLine::EscapeMessage(const char* message, std::size_t length) {
