@@ -260,7 +260,17 @@ struct Start {
   double milliseconds;
   double processorMilliseconds;
   double residentMiB;
+  double ownMiB;  // in pages that no other process shares
 };
+
+/// A line of /proc/PID/smaps_rollup.
+double MemoryMiB(pid_t process, const std::string& field) {
+  std::ifstream rollup("/proc/" + std::to_string(process) + "/smaps_rollup");
+  std::string line;
+  while (std::getline(rollup, line) && line.rfind(field, 0) != 0) {
+  }
+  return std::atof(line.substr(field.size()).c_str()) / 1024;
+}
 
 /// From the start of the process to the bus's word that the name is owned.
 Start TimeStart(test::PlainPeer& observer, const char* program, const char* name) {
@@ -280,21 +290,19 @@ Start TimeStart(test::PlainPeer& observer, const char* program, const char* name
   }
   const double time = Microseconds(Clock::now() - start) / 1000;
   const double processor = ProcessorTime({daemon.Pid()}) / 1000;
-  std::ifstream statm("/proc/" + std::to_string(daemon.Pid()) + "/statm");
-  double total = 0;
-  double resident = 0;
-  statm >> total >> resident;
   g_bus_unwatch_name(watch);
-  return {time, processor, resident * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1U << 20U)};
+  return {time, processor, MemoryMiB(daemon.Pid(), "Rss:"), MemoryMiB(daemon.Pid(), "Anonymous:")};
 }
 
 void MeasureStart(int blocks, test::PlainPeer& observer) {
-  std::vector<double> memory[2];
+  std::vector<double> resident[2];
+  std::vector<double> own[2];
   std::vector<double> processor[2];
   const auto measure = [&](const char* program, const char* name, int which) {
-    return [&observer, &memory, &processor, program, name, which] {
+    return [&, program, name, which] {
       const Start start = TimeStart(observer, program, name);
-      memory[which].push_back(start.residentMiB);
+      resident[which].push_back(start.residentMiB);
+      own[which].push_back(start.ownMiB);
       processor[which].push_back(start.processorMilliseconds);
       // The next one finds the name free.
       test::WaitUntil([&] {
@@ -311,8 +319,13 @@ void MeasureStart(int blocks, test::PlainPeer& observer) {
   const Pair used{Median(processor[0]), Median(processor[1])};
   std::printf("  processor           library %.2f ms  plain %.2f ms  ratio %.3f\n", used.library,
               used.plain, used.Ratio());
-  std::printf("resident              library %.2f MiB  plain %.2f MiB  difference %.2f MiB\n",
-              Median(memory[0]), Median(memory[1]), Median(memory[0]) - Median(memory[1]));
+  const auto report = [](const char* what, const std::vector<double>(&memory)[2]) {
+    const Pair median{Median(memory[0]), Median(memory[1])};
+    std::printf("%-21s library %.2f MiB  plain %.2f MiB  difference %.2f MiB\n", what,
+                median.library, median.plain, median.library - median.plain);
+  };
+  report("resident", resident);
+  report("own memory", own);
 }
 
 void Run(int blocks) {

@@ -1,4 +1,4 @@
-/* The same program when it has used the library: a property was read. */
+/* The same program when it has used the library: PROPERTY was read. */
 #include <gio/gio.h>
 #include <unistd.h>
 
@@ -9,8 +9,8 @@ int main(void) {
   GVariant* message = g_variant_ref_sink(g_variant_new("(ss)", "event", "data"));
   GCancellable* cancellable = g_cancellable_new();
   uint32_t length = 0;
-  const char* value = OndaroApi_SystemConfig_GetProperty(OndaroFactory_GetSystemConfigHandle(),
-                                                         "ONDARO_STATUS", &length);
+  const char* value =
+      OndaroApi_SystemConfig_GetProperty(OndaroFactory_GetSystemConfigHandle(), PROPERTY, &length);
   char byte = '.';
   const gboolean seen =
       value != NULL && write(STDOUT_FILENO, &byte, 1) == 1 && read(STDIN_FILENO, &byte, 1) == 0;

@@ -19,6 +19,8 @@ for library in lib-ondaro-platform-tv libondaro-platform-host; do
   readelf -rW "$root/$library.so.1" \
     | awk '$3 ~ /^R_/ { n[$3]++; all++ } END { printf " %d", all; for (k in n) printf ", %s %d", k, n[k]; print "" }'
 done
+mkdir "$root/ondaro-platform-host"
+strip -o "$root/ondaro-platform-host/crypto.so" build/release/lib/ondaro-platform-host/crypto.so
 echo
 
 program() { # name, source, what to link
@@ -35,7 +37,9 @@ program glib bench/FootprintGlib.c
 # shellcheck disable=SC2086
 program dependencies bench/FootprintGlib.c $others
 program loaded bench/FootprintGlib.c -l:lib-ondaro-platform-tv.so
-program used bench/FootprintLibrary.c -l:lib-ondaro-platform-tv.so
+program used bench/FootprintLibrary.c -DPROPERTY='"ONDARO_STATUS"' -l:lib-ondaro-platform-tv.so
+program identified bench/FootprintLibrary.c -DPROPERTY='"SYSTEM_ID"' -l:lib-ondaro-platform-tv.so
 
 c++ -std=c++17 -O2 -o "$root/footprint" bench/Footprint.cpp
-"$root/footprint" "$rounds" "$root/glib" "$root/dependencies" "$root/loaded" "$root/used"
+"$root/footprint" "$rounds" "$root/glib" "$root/dependencies" "$root/loaded" \
+  "$root/identified" "$root/used"

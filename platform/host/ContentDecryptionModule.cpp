@@ -6,13 +6,15 @@
  */
 #include "platform/ContentDecryptionModule.h"
 
+#include <cerrno>
 #include <memory>
+#include <system_error>
 #include <utility>
 
-#include "Certificates.h"
-#include "DevelopmentRoot.h"
+#include "DeviceCrypto.h"
 #include "HostKeys.h"
 #include "Seam.h"
+#include "StateDirectory.h"
 
 namespace {
 
@@ -30,46 +32,53 @@ constexpr int FAILURE = -1;
 
 std::string SimulatedFault(const char* key) { return ReadSettingsText(key).value_or(""); }
 
-int GetSystemId(std::string& result) {
+std::string RequiredStateDirectory() {
+  std::string state = StateDirectory();
+  if (state.empty()) {
+    throw std::system_error(errno, std::generic_category(), "state directory");
+  }
+  return state;
+}
+
+int GetSystemId(const DeviceCrypto& crypto, std::string& result) {
   const std::string fault = SimulatedFault(keys::CDM_SYSTEM_ID);
   if (fault == keys::FAULT_FAIL) {
     return FAILURE;
   }
-  result = fault == keys::FAULT_EMPTY ? "" : KeyIdentifier(*LoadDevelopmentRoot().certificate);
+  result = fault == keys::FAULT_EMPTY ? "" : crypto.SystemId(RequiredStateDirectory());
   return SUCCESS;
 }
 
-int GenerateKeyAndCertificate(std::string& key, std::string& cert) {
+int GenerateKeyAndCertificate(const DeviceCrypto& crypto, std::string& key, std::string& cert) {
   const std::string fault = SimulatedFault(keys::CDM_GENERATE);
   if (fault == keys::FAULT_FAIL) {
     return FAILURE;
   }
-  const Issuer root = LoadDevelopmentRoot();
-  const Key deviceKey = MakeKey();
-  const Certificate certificate =
-      IssueDeviceCertificate(root, *deviceKey, KeyIdentifier(*root.certificate));
-  std::string keyText = fault == keys::FAULT_EMPTY_KEY ? "" : ToPem(*deviceKey);
-  std::string certificateText = fault == keys::FAULT_EMPTY_CERT ? "" : ToPem(*certificate);
-  key = std::move(keyText);
-  cert = std::move(certificateText);
+  std::string keyText;
+  std::string certificateText;
+  crypto.Generate(RequiredStateDirectory(), keyText, certificateText);
+  key = fault == keys::FAULT_EMPTY_KEY ? "" : std::move(keyText);
+  cert = fault == keys::FAULT_EMPTY_CERT ? "" : std::move(certificateText);
   return SUCCESS;
 }
 
-int SignDigest(const std::string& key, const std::string& hash, std::string& sign) {
+int SignDigest(const DeviceCrypto& crypto, const std::string& key, const std::string& hash,
+               std::string& sign) {
   const std::string fault = SimulatedFault(keys::CDM_SIGN);
   if (fault == keys::FAULT_FAIL) {
     return FAILURE;
   }
-  sign = fault == keys::FAULT_EMPTY ? "" : Sign(*KeyFromPem(key), hash);
+  sign = fault == keys::FAULT_EMPTY ? "" : crypto.Sign(key, hash);
   return SUCCESS;
 }
 
-/// Holds nothing of OpenSSL, and has looked up what its end depends on: it may be destroyed when
-/// the process's other libraries are already gone.
+/// Has looked up what its end depends on: it may be destroyed when the process's other libraries
+/// are already gone.
 class Instance : public eme::IEME {
  public:
-  Instance()
-      : m_closeResult(SimulatedFault(keys::CDM_DESTROY) == keys::FAULT_FAIL ? FAILURE : SUCCESS) {}
+  explicit Instance(const DeviceCrypto& crypto)
+      : m_crypto(crypto),
+        m_closeResult(SimulatedFault(keys::CDM_DESTROY) == keys::FAULT_FAIL ? FAILURE : SUCCESS) {}
 
   int CloseResult() const { return m_closeResult; }
 
@@ -79,9 +88,12 @@ class Instance : public eme::IEME {
       if (query != SYSTEM_ID_QUERY || parameter != SYSTEM_ID_PARAMETER) {
         return FAILURE;
       }
-      return GetSystemId(result);
+      return GetSystemId(m_crypto, result);
     });
   }
+
+ protected:
+  const DeviceCrypto& m_crypto;
 
  private:
   const int m_closeResult;
@@ -89,12 +101,15 @@ class Instance : public eme::IEME {
 
 class InstanceWithKeys final : public Instance, public IWVCDM {
  public:
+  using Instance::Instance;
+
   int generateDeviceKeyAndCert(std::string& key, std::string& cert) override {
-    return AtSeam(__func__, FAILURE, [&] { return GenerateKeyAndCertificate(key, cert); });
+    return AtSeam(__func__, FAILURE,
+                  [&] { return GenerateKeyAndCertificate(m_crypto, key, cert); });
   }
 
   int ondaroSign(const std::string& key, const std::string& hash, std::string& sign) override {
-    return AtSeam(__func__, FAILURE, [&] { return SignDigest(key, hash, sign); });
+    return AtSeam(__func__, FAILURE, [&] { return SignDigest(m_crypto, key, hash, sign); });
   }
 };
 
@@ -119,11 +134,11 @@ IEME* IEME::create(IEventListener* /*listener*/, const std::string& keySystem, b
     if (isKeySystemSupported(keySystem) != SUPPORTED || fault == keys::FAULT_FAIL) {
       return nullptr;
     }
-    KeepCryptoUntilExit();
+    const DeviceCrypto& crypto = LoadDeviceCrypto();
     if (fault == keys::FAULT_WITHOUT_KEYS) {
-      return std::make_unique<Instance>().release();
+      return std::make_unique<Instance>(crypto).release();
     }
-    return std::make_unique<InstanceWithKeys>().release();
+    return std::make_unique<InstanceWithKeys>(crypto).release();
   });
 }
 

@@ -156,6 +156,11 @@ power usable  yes
     {"echo x >k; ctl auth sign --key k --hash 00", 1, "", "a device key"},
     {R"(ctl auth system-id --json | sed s/$(ctl get SYSTEM_ID)/$(ctl auth system-id | wc -c)/)", 0,
      "{\"system_id\":\"33\"}\n", ""},
+    // The host's cryptography is not beside it, is damaged, is another library.
+    {"H=ondaro-platform-host; ln -s ${CTL%/bin/*}/lib/lib$H.so.1 .; export LD_LIBRARY_PATH=.;"
+     "each '--log error auth system-id'; mkdir $H; echo >$H/crypto.so; each 'auth system-id';"
+     "ln -sf ../lib$H.so.1 $H/crypto.so; each 'auth system-id'",
+     0, "1 1 1 ", "/ondaro-platform-host/crypto.so: cannot open shared object file"},
 
     // The dump, and a recording: as a whole, or not at all.
     {"ctl store set --int db/menu/network/ondaro_enable_usage_rpt 7; ctl dump | grep -v SYSTEM", 0,

@@ -66,3 +66,5 @@ done
 ctl=$prefix/bin/ondaro-ctl
 reads_property() { [ "$(run "$ctl" get SDR)" = 1 ]; }
 [ ! -e "$build/bin/ondaro-ctl" ] || expect 'installed ondaro-ctl reads a property' reads_property
+[ ! -e "$build/lib/ondaro-platform-host" ] \
+  || expect 'installed host backend finds its cryptography' run "$ctl" auth system-id

@@ -11,8 +11,6 @@
 #include <string_view>
 #include <system_error>
 
-#include "StateDirectory.h"
-
 namespace ondaro::host {
 namespace {
 
@@ -113,10 +111,9 @@ class Lock {
   File m_file;
 };
 
-fs::path Directory() {
-  const std::string state = StateDirectory();
+fs::path DirectoryIn(const std::string& state) {
   fs::path directory = fs::path(state) / ROOT_DIRECTORY;
-  if (state.empty() || (mkdir(directory.c_str(), S_IRWXU) != 0 && errno != EEXIST)) {
+  if (mkdir(directory.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
     ThrowErrno(directory);
   }
   return directory;
@@ -151,8 +148,8 @@ Issuer Create(const fs::path& keyFile, const fs::path& certificateFile) {
 
 }  // namespace
 
-Issuer LoadDevelopmentRoot() {
-  const fs::path directory = Directory();
+Issuer LoadDevelopmentRoot(const std::string& state) {
+  const fs::path directory = DirectoryIn(state);
   const fs::path keyFile = directory / ROOT_KEY_FILE;
   const fs::path certificateFile = directory / ROOT_CERTIFICATE_FILE;
   try {

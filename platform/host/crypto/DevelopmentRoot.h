@@ -5,7 +5,7 @@
 
 namespace ondaro::host {
 
-// Within StateDirectory().
+// Within the state directory.
 inline constexpr char ROOT_DIRECTORY[] = "cdm";
 inline constexpr char ROOT_KEY_FILE[] = "development-root-key.pem";
 inline constexpr char ROOT_CERTIFICATE_FILE[] = "development-root-cert.pem";
@@ -13,7 +13,7 @@ inline constexpr char ROOT_CERTIFICATE_FILE[] = "development-root-cert.pem";
 /// The key and certificate that sign device certificates: the same for every process with the same
 /// state directory, made by the first that asks. Files that are damaged are left as they are.
 /// Throws CertificateError or std::system_error.
-Issuer LoadDevelopmentRoot();
+Issuer LoadDevelopmentRoot(const std::string& state);
 
 }  // namespace ondaro::host
 
