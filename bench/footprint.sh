@@ -10,17 +10,15 @@ trap 'rm -rf "$root"' EXIT
 mkdir "$root/state"
 export ONDARO_HOST_STATE="$root/state" ONDARO_HOST_LOG=off LD_LIBRARY_PATH="$root"
 
-for library in lib-ondaro-platform-tv libondaro-platform-host; do
-  strip -o "$root/$library.so.1" "build/release/lib/$library.so.1"
-  ln -s "$library.so.1" "$root/$library.so"
-  printf '%s: %s bytes stripped\n' "$library" "$(stat -c %s "$root/$library.so.1")"
-  size "$root/$library.so.1" | awk 'NR == 2 { print "  code and constants " $1 ", data " $2 ", zeroed " $3 }'
+mkdir "$root/ondaro-platform-host"
+for file in lib-ondaro-platform-tv.so.1 libondaro-platform-host.so.1 ondaro-platform-host/crypto.so; do
+  strip -o "$root/$file" "build/release/lib/$file"
+  printf '%s: %s bytes stripped\n' "$file" "$(stat -c %s "$root/$file")"
+  size "$root/$file" | awk 'NR == 2 { print "  code and constants " $1 ", data " $2 ", zeroed " $3 }'
   printf '  relocations:'
-  readelf -rW "$root/$library.so.1" \
+  readelf -rW "$root/$file" \
     | awk '$3 ~ /^R_/ { n[$3]++; all++ } END { printf " %d", all; for (k in n) printf ", %s %d", k, n[k]; print "" }'
 done
-mkdir "$root/ondaro-platform-host"
-strip -o "$root/ondaro-platform-host/crypto.so" build/release/lib/ondaro-platform-host/crypto.so
 echo
 
 program() { # name, source, what to link
@@ -33,12 +31,13 @@ program() { # name, source, what to link
 # What the two libraries bring in, without them: the difference to "loaded" is theirs.
 others=$(readelf -dW "$root"/*.so.1 | sed -n 's/.*NEEDED.*\[\(.*\)\]/\1/p' | sort -u \
   | grep -Ev 'ondaro|libc\.so|ld-linux' | sed 's/^/-l:/')
+library=-l:lib-ondaro-platform-tv.so.1
 program glib bench/FootprintGlib.c
 # shellcheck disable=SC2086
 program dependencies bench/FootprintGlib.c $others
-program loaded bench/FootprintGlib.c -l:lib-ondaro-platform-tv.so
-program used bench/FootprintLibrary.c -DPROPERTY='"ONDARO_STATUS"' -l:lib-ondaro-platform-tv.so
-program identified bench/FootprintLibrary.c -DPROPERTY='"SYSTEM_ID"' -l:lib-ondaro-platform-tv.so
+program loaded bench/FootprintGlib.c "$library"
+program used bench/FootprintLibrary.c -DPROPERTY='"ONDARO_STATUS"' "$library"
+program identified bench/FootprintLibrary.c -DPROPERTY='"SYSTEM_ID"' "$library"
 
 c++ -std=c++17 -O2 -o "$root/footprint" bench/Footprint.cpp
 "$root/footprint" "$rounds" "$root/glib" "$root/dependencies" "$root/loaded" \
