@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <array>
 #include <memory>
 #include <stdexcept>
@@ -26,8 +28,8 @@ void Replace(std::string& text, const std::string& part, const std::string& by) 
   }
 }
 
-/// Without addresses, the bus library's wording of errors, and all of a signature text but the
-/// name: other tests hold those against the exported functions.
+/// Without addresses, the bus library's wording of errors, and what a signature's text has but
+/// the name.
 std::string Comparable(std::string line) {
   static const std::string error = "g_dbus_proxy_call_finish error : ";
   if (const std::size_t at = line.find(error); at != std::string::npos) {
@@ -38,10 +40,15 @@ std::string Comparable(std::string line) {
   }
   const std::size_t arguments = line.find('('), bracket = line.rfind('[', arguments);
   if (line.find("Ondaro", bracket) < arguments) {
-    line.erase(arguments, line.find(")]", arguments) + 1 - arguments);
+    line.erase(arguments + 1, line.find(")]", arguments) - arguments - 1);
     line.erase(bracket + 1, line.find_last_of("[ ", arguments) - bracket);
   }
   return line;
+}
+
+template <typename Pointer>
+Pointer UnlessNull(unsigned isNull, Pointer pointer) {
+  return isNull != 0 ? nullptr : pointer;
 }
 
 std::string Text(bool result) { return result ? "true" : "false"; }
@@ -52,7 +59,7 @@ std::string Terminated(const char* bytes, std::size_t length) {
 
 void RaiseIf(Fault fault, const char* origin) {
   if (fault == Fault::STANDARD) {
-    throw std::runtime_error(origin);
+    throw std::runtime_error(std::string(origin) + "%s%n");
   }
   if (fault == Fault::FOREIGN) {
     throw 7;
@@ -141,7 +148,11 @@ class Library {
         break;
     }
     try {
-      const std::string result = Call(step);
+      const std::string result =
+          (HowOf(step) & WRAPPER) != 0 && HasWrapper(step) ? CallWrapper(step) : Call(step);
+      for (const auto& [app, caller] : std::exchange(m_fake.m_groupRequests, {})) {
+        Note("GROUP", std::to_string(app) + (caller == getpid() ? " own" : " other"));
+      }
       if (step.op == Op::SERVER_SEND || step.op == Op::CLIENT_SEND) {
         AwaitArrival();
       }
@@ -158,86 +169,97 @@ class Library {
     }
   }
 
-  std::string Call(const Step& step) {
-    const How how = HowOf(step);
-    const bool isWrapper = how == How::WRAPPER, isGiven = how != How::NULL_HANDLE;
-    auto* const config = isGiven ? m_config : nullptr;
-    auto* const server = isGiven ? m_server : nullptr;
-    auto* const client = isGiven ? m_client : nullptr;
-    auto* const auth = isGiven ? m_auth : nullptr;
-    const bool viaConfig = isWrapper && config != nullptr,
-               viaServer = isWrapper && server != nullptr;
-    const bool viaClient = isWrapper && client != nullptr;
-    const bool isFirstGiven = how != How::NULL_FIRST, isSecondGiven = how != How::NULL_SECOND;
+  /// The wrappers of the families that callbacks use, once they are there.
+  bool HasWrapper(const Step& step) const {
+    return step.op <= Op::UNWATCH       ? m_config != nullptr
+           : step.op <= Op::SERVER_SEND ? m_server != nullptr
+                                        : step.op < Op::SETTLE && m_client != nullptr;
+  }
+
+  std::string CallWrapper(const Step& step) {
     const std::string key = KeyOf(step), name = EventNameOf(step), value = ValueOf(step.b);
-    const char* const keyText = isFirstGiven ? key.c_str() : nullptr;
-    const char* const nameText = isFirstGiven ? name.c_str() : nullptr;
-    const char* const valueText = isSecondGiven ? value.c_str() : nullptr;
-    auto* const record = &m_records[step.a % RECORDS];
-    auto* const next = &m_records[(step.a + 1) % RECORDS];
-    const auto callback = ScriptNumberOf(step) != NO_SCRIPT ? OnEvent : nullptr;
-    Slot* const slot = &m_slots[ScriptNumberOf(step)];
-    int status = 0;
     switch (step.op) {
       case Op::GET:
-        return viaConfig ? GetSystemConfig().GetProperty(key) : Get(config, keyText, isSecondGiven);
+        return GetSystemConfig().GetProperty(key);
       case Op::SET:
-        return Text(viaConfig ? GetSystemConfig().SetProperty(key, value)
-                              : OndaroApi_SystemConfig_SetProperty(config, keyText, valueText));
+        return Text(GetSystemConfig().SetProperty(key, value));
       case Op::WATCH:
-        viaConfig ? GetSystemConfig().RegisterEventHandler(key, HandlerOf(step))
-                  : OndaroApi_SystemConfig_RegisterEventHandler(config, keyText, callback, slot);
-        return "";
+        return GetSystemConfig().RegisterEventHandler(key, HandlerOf(step)), "";
       case Op::UNWATCH:
-        viaConfig ? GetSystemConfig().UnregisterEventHandler(key)
-                  : OndaroApi_SystemConfig_UnregisterEventHandler(config, keyText);
-        return "";
+        return GetSystemConfig().UnregisterEventHandler(key), "";
       case Op::SERVER_WATCH:
-        viaServer ? GetIpcServer().RegisterEventHandler(name, HandlerOf(step))
-                  : OndaroApi_IpcServer_RegisterEventHandler(server, nameText, callback, slot);
-        return "";
+        return GetIpcServer().RegisterEventHandler(name, HandlerOf(step)), "";
       case Op::SERVER_UNWATCH:
-        viaServer ? GetIpcServer().UnregisterEventHandler()
-                  : OndaroApi_IpcServer_UnregisterEventHandler(server);
-        return "";
+        return GetIpcServer().UnregisterEventHandler(), "";
       case Op::SERVER_SEND:
-        viaServer
-            ? GetIpcServer().SendDataToClient(name, value)
-            : void(status = OndaroApi_IpcServer_SendDataToClient(server, nameText, valueText));
-        return std::to_string(status);
+        return GetIpcServer().SendDataToClient(name, value), "0";
       case Op::CLIENT_WATCH:
-        viaClient ? GetIpcClient().RegisterEventHandler(name, HandlerOf(step))
-                  : OndaroApi_IpcClient_RegisterEventHandler(client, nameText, callback, slot);
-        return "";
+        return GetIpcClient().RegisterEventHandler(name, HandlerOf(step)), "";
       case Op::CLIENT_UNWATCH:
-        viaClient ? GetIpcClient().UnregisterEventHandler()
-                  : OndaroApi_IpcClient_UnregisterEventHandler(client);
-        return "";
+        return GetIpcClient().UnregisterEventHandler(), "";
+      default:
+        return GetIpcClient().SendDataToServer(name, value), "0";
+    }
+  }
+
+  std::string Call(const Step& step) {
+    const unsigned how = HowOf(step), isFirstNull = how & NULL_FIRST;
+    const unsigned isSecondNull = how & NULL_SECOND, isHandleNull = how & NULL_HANDLE;
+    auto* const config = UnlessNull(isHandleNull, m_config);
+    auto* const server = UnlessNull(isHandleNull, m_server);
+    auto* const client = UnlessNull(isHandleNull, m_client);
+    auto* const auth = UnlessNull(isHandleNull, m_auth);
+    const std::string keyText = KeyOf(step), nameText = EventNameOf(step);
+    const std::string valueText = ValueOf(step.b);
+    const char* const key = UnlessNull(isFirstNull, keyText.c_str());
+    const char* const name = UnlessNull(isFirstNull, nameText.c_str());
+    const char* const value = UnlessNull(isSecondNull, valueText.c_str());
+    auto* const record = UnlessNull(isFirstNull, &m_records[step.a % RECORDS]);
+    auto* const next = UnlessNull(isSecondNull, &m_records[(step.a + 1) % RECORDS]);
+    const auto callback = ScriptNumberOf(step) != NO_SCRIPT ? OnEvent : nullptr;
+    Slot* const slot = &m_slots[ScriptNumberOf(step)];
+    switch (step.op) {
+      case Op::GET:
+        return Get(config, key, isSecondNull == 0);
+      case Op::SET:
+        return Text(OndaroApi_SystemConfig_SetProperty(config, key, value));
+      case Op::WATCH:
+        return OndaroApi_SystemConfig_RegisterEventHandler(config, key, callback, slot), "";
+      case Op::UNWATCH:
+        return OndaroApi_SystemConfig_UnregisterEventHandler(config, key), "";
+      case Op::SERVER_WATCH:
+        return OndaroApi_IpcServer_RegisterEventHandler(server, name, callback, slot), "";
+      case Op::SERVER_UNWATCH:
+        return OndaroApi_IpcServer_UnregisterEventHandler(server), "";
+      case Op::SERVER_SEND:
+        return std::to_string(OndaroApi_IpcServer_SendDataToClient(server, name, value));
+      case Op::CLIENT_WATCH:
+        return OndaroApi_IpcClient_RegisterEventHandler(client, name, callback, slot), "";
+      case Op::CLIENT_UNWATCH:
+        return OndaroApi_IpcClient_UnregisterEventHandler(client), "";
       case Op::CLIENT_SEND:
-        viaClient
-            ? GetIpcClient().SendDataToServer(name, value)
-            : void(status = OndaroApi_IpcClient_SendDataToServer(client, nameText, valueText));
-        return std::to_string(status);
+        return std::to_string(OndaroApi_IpcClient_SendDataToServer(client, name, value));
       case Op::CREATE:
         return Create(FamilyOf(step)) != nullptr ? "handle" : "null";
       case Op::GENERATE:
-        return Text(OndaroApi_CoreAuth_GenerateDeviceKeyAndCert(
-            auth, isFirstGiven ? record : nullptr, isSecondGiven ? next : nullptr));
+        return Text(OndaroApi_CoreAuth_GenerateDeviceKeyAndCert(auth, record, next));
       case Op::SIGN:
         return Sign(auth, step);
       case Op::CHAIN:
-        return Text(OndaroApi_CoreAuth_GetModelCertChain(auth, isFirstGiven ? record : nullptr));
+        return Text(OndaroApi_CoreAuth_GetModelCertChain(auth, record));
       default:
-        OndaroApi_CoreAuth_DestroyCoreAuthInfo(isFirstGiven ? record : nullptr);
-        return "";
+        return OndaroApi_CoreAuth_DestroyCoreAuthInfo(record), "";
     }
   }
 
   static std::string Get(OndaroApi_SystemConfig_h handle, const char* key, bool isLengthGiven) {
-    uint32_t length = 0;
+    constexpr uint32_t UNTOUCHED = 42;
+    uint32_t length = UNTOUCHED;
     const char* value =
         OndaroApi_SystemConfig_GetProperty(handle, key, isLengthGiven ? &length : nullptr);
-    std::string result = value == nullptr ? "null" : Terminated(value, length);
+    std::string result = value != nullptr      ? Terminated(value, length)
+                         : length == UNTOUCHED ? "null"
+                                               : "null with a length";
     OndaroApi_SystemConfig_DestroyProperty(value);
     return result;
   }
@@ -319,13 +341,14 @@ class Library {
     if (what < 4) {
       *texts[what] = ValueOf(step.b);
     } else if (what == 4) {
-      m_fake.m_supportStatus = flag ? 11 : 0;
+      m_fake.m_supportStatus = flag ? 11 : 1 - static_cast<int>(step.b);
     } else if (what == 5) {
       m_fake.m_isCreateFailing = flag;
     } else if (what == 6) {
       m_fake.m_hasKeyInterface = flag;
     } else if (what == 7) {
       m_fake.m_setGroupResult = flag ? 0 : 1;
+      m_fake.m_appPid = flag ? 4711 : -1;
     } else {
       m_moduleFault = FaultOf(step.b);
       m_fake.m_operationStatus = m_moduleFault == Fault::STATUS ? 3 : 0;
@@ -333,19 +356,19 @@ class Library {
   }
 
   std::string Sign(OndaroApi_CoreAuth_h auth, const Step& step) {
-    const How how = HowOf(step);
+    const unsigned how = HowOf(step);
     const std::string keyBytes = ValueOf(step.a), hashBytes = ValueOf(step.b);
-    const OndaroApi_CoreAuthInfoRO_t key = {keyBytes.data(), uint32_t(keyBytes.size())};
-    OndaroApi_CoreAuthInfoRO_t hash = {hashBytes.data(), uint32_t(hashBytes.size())};
-    if (IsHashBroken(step)) {
-      hash = {nullptr, 1};
-    }
+    const OndaroApi_CoreAuthInfoRO_t broken = {nullptr, 1};
+    const OndaroApi_CoreAuthInfoRO_t givenKey = {keyBytes.data(), uint32_t(keyBytes.size())};
+    const OndaroApi_CoreAuthInfoRO_t givenHash = {hashBytes.data(), uint32_t(hashBytes.size())};
+    const auto* const key = IsKeyBroken(step) ? &broken : &givenKey;
+    const auto* const hash = IsHashBroken(step) ? &broken : &givenHash;
     // An old signature is overwritten, and its buffer stays the caller's.
     OndaroApi_CoreAuthInfoRW_t& sign = m_records[step.c % RECORDS];
     OndaroApi_CoreAuthInfoRW_t old = sign;
-    const bool isSigned =
-        OndaroApi_CoreAuth_SignHash(auth, how != How::NULL_FIRST ? &key : nullptr,
-                                    how != How::NULL_SECOND ? &hash : nullptr, &sign);
+    const bool isSigned = OndaroApi_CoreAuth_SignHash(auth, UnlessNull(how & NULL_FIRST, key),
+                                                      UnlessNull(how & NULL_SECOND, hash),
+                                                      UnlessNull(how & NULL_THIRD, &sign));
     if (isSigned) {
       m_fake.m_isLogDiscarded = true;
       OndaroApi_CoreAuth_DestroyCoreAuthInfo(&old);

@@ -29,7 +29,7 @@ constexpr int DOES_NOTHING = 0, EMPTY_FUNCTION = -1;
 
 int HandlerOf(const Step& step) {
   const auto script = static_cast<int>(ScriptNumberOf(step));
-  return script == int(NO_SCRIPT) && HowOf(step) == How::WRAPPER ? EMPTY_FUNCTION : script;
+  return script == int(NO_SCRIPT) && HowOf(step) == WRAPPER ? EMPTY_FUNCTION : script;
 }
 
 using Value = std::variant<std::string, int>;
@@ -95,7 +95,7 @@ const Function& FunctionOf(Op op) {
       {Op::CLIENT_UNWATCH, CLIENT, "UnregisterEventHandler", "", {}},
       {Op::CLIENT_SEND, CLIENT, "SendDataToServer", "-1", {}, 2},
       {Op::GENERATE, AUTH, "GenerateDeviceKeyAndCert", "false", {"key", "cert"}},
-      {Op::SIGN, AUTH, "SignHash", "false", {"key", "hash"}},
+      {Op::SIGN, AUTH, "SignHash", "false", {"key", "hash", "sign"}},
       {Op::CHAIN, AUTH, "GetModelCertChain", "false", {"certChain"}},
       {Op::DESTROY, AUTH, "DestroyCoreAuthInfo", "", {"authInfo"}}};
   return *std::find_if(std::begin(functions), std::end(functions),
@@ -106,8 +106,6 @@ const Function& FunctionOf(Op op) {
 /// code with it.
 class Model {
  public:
-  explicit Model(Mutation mutation) : m_mutation(mutation) {}
-
   Lines Perform(const Step& step) {
     m_nScriptsLeft = SCRIPTS_PER_STEP;
     Do(step);
@@ -131,7 +129,7 @@ class Model {
   class Scope {
    public:
     Scope(Model& model, const char* tag, const std::string& name, int priority = INFO)
-        : m_model(model), m_tag(tag), m_nPriority(priority), m_signature("[" + name + "]") {
+        : m_model(model), m_tag(tag), m_nPriority(priority), m_signature("[" + name + "()]") {
       m_tracer = tag == API ? "ONDARO_API_CALL_TRACER" : "ONDAROCALLTRACE";
       m_tracer += priority == ERROR ? "_ERROR" : "";
       m_model.Log(m_nPriority, m_tag, m_tracer, m_signature + "Entered ");
@@ -145,14 +143,6 @@ class Model {
     const char* m_tag;
     int m_nPriority;
     std::string m_signature, m_tracer;
-  };
-
-  /// A wrapper's function and the one of the same name that it forwards to.
-  struct Forwarded {
-    Forwarded(Model& model, const std::string& type, const std::string& name, int priority = INFO)
-        : wrapper(model, API, "NOndaroAPI::" + type + "::" + name),
-          implementation(model, PAL, "NOndaroPAL::" + type + "Impl::" + name, priority) {}
-    Scope wrapper, implementation;
   };
 
   void Log(int priority, const std::string& tag, const std::string& function,
@@ -190,7 +180,11 @@ class Model {
         break;
     }
     try {
-      Note("RESULT", step.op == Op::CREATE ? Create(FamilyOf(step)) : Call(step));
+      const std::string result = step.op == Op::CREATE ? Create(FamilyOf(step)) : Call(step);
+      if (std::exchange(m_isGroupSet, false)) {
+        Note("GROUP", std::to_string(m_appPid) + " own");
+      }
+      Note("RESULT", result);
     } catch (const Raised& raised) {
       Note("THROWN", raised.kind == Raised::FOREIGN ? "foreign" : raised.text);
     }
@@ -203,9 +197,8 @@ class Model {
 
   std::string Call(const Step& step) {
     const Function& function = FunctionOf(step.op);
-    const How how = HowOf(step);
-    const bool hasHandle = how != How::NULL_HANDLE && m_hasHandle[function.family];
-    if (how == How::WRAPPER && hasHandle && step.op < Op::SETTLE) {
+    const bool hasHandle = (HowOf(step) & NULL_HANDLE) == 0 && m_hasHandle[function.family];
+    if (HowOf(step) == WRAPPER && hasHandle && step.op < Op::SETTLE) {
       return Body(step, ValueOf(step.b));
     }
     const std::string name = function.FullName();
@@ -218,7 +211,7 @@ class Model {
         throw;
       }
       if (raised.kind == Raised::BROKEN) {
-        Log(ERROR, API, name, raised.text + " is null in [" + name + "]");
+        Log(ERROR, API, name, raised.text + " is null in [" + name + "()]");
       } else if (raised.kind != Raised::OF_API || !raised.text.empty()) {
         const std::string detail = step.op == Op::SET ? "" : raised.detail;
         Log(ERROR, API, name, "exception : " + raised.text + detail);
@@ -229,9 +222,9 @@ class Model {
 
   /// What an exported function refuses, in this order.
   void Check(const Step& step, const Function& function, bool hasHandle) {
-    const bool isNull[] = {HowOf(step) == How::NULL_FIRST, HowOf(step) == How::NULL_SECOND};
+    const auto isNull = [&](unsigned index) { return (HowOf(step) >> index & 1U) != 0; };
     for (unsigned index = 0; index < function.required.size(); ++index) {
-      if (isNull[index]) {
+      if (isNull(index)) {
         throw Raised{Raised::BROKEN, function.required[index]};
       }
     }
@@ -249,7 +242,7 @@ class Model {
       throw Raised{Raised::BROKEN, "handle"};
     }
     for (unsigned index = 0; index < function.strings; ++index) {
-      if (isNull[index]) {
+      if (isNull(index)) {
         throw Raised{Raised::STANDARD, NULL_TEXT};
       }
     }
@@ -258,6 +251,17 @@ class Model {
   /// What the wrapper does, which the exported function reaches once its arguments are accepted.
   std::string Body(const Step& step, const std::string& value) {
     const std::string name = EventNameOf(step);
+    const Function& function = FunctionOf(step.op);
+    std::optional<Scope> wrapper, implementation;
+    if (function.family == SERVER || function.family == CLIENT) {
+      const std::string type = "C" + FAMILIES[function.family];
+      wrapper.emplace(*this, API, "NOndaroAPI::" + type + "::" + function.name);
+      if (step.op != Op::CLIENT_UNWATCH) {
+        const bool isLoud = step.op == Op::SERVER_WATCH || step.op == Op::SERVER_UNWATCH;
+        implementation.emplace(*this, PAL, "NOndaroPAL::" + type + "Impl::" + function.name,
+                               isLoud ? ERROR : INFO);
+      }
+    }
     switch (step.op) {
       case Op::GET:
         return Get(KeyOf(step));
@@ -267,30 +271,20 @@ class Model {
         return Watch(KeyOf(step), HandlerOf(step)), "";
       case Op::UNWATCH:
         return Unwatch(KeyOf(step)), "";
-      case Op::SERVER_WATCH: {
-        const Forwarded scopes(*this, "CIpcServer", "RegisterEventHandler", ERROR);
+      case Op::SERVER_WATCH:
         m_serverHandlers[name] = HandlerOf(step);
         return "";
-      }
-      case Op::SERVER_UNWATCH: {
-        const Forwarded scopes(*this, "CIpcServer", "UnregisterEventHandler", ERROR);
-        m_serverHandlers.clear();
-        return "";
-      }
+      case Op::SERVER_UNWATCH:
+        return m_serverHandlers.clear(), "";
       case Op::SERVER_SEND:
         return ServerSend(name, value), "0";
-      case Op::CLIENT_WATCH: {
-        const Forwarded scopes(*this, "CIpcClient", "RegisterEventHandler");
+      case Op::CLIENT_WATCH:
         m_subscription = m_subscription != 0 ? m_subscription : ++m_nSubscriptions;
         m_clientHandlers[name] = HandlerOf(step);
         return "";
-      }
-      case Op::CLIENT_UNWATCH: {
-        const Scope scope(*this, API, "NOndaroAPI::CIpcClient::UnregisterEventHandler");
+      case Op::CLIENT_UNWATCH:
         m_subscription = 0;
-        m_clientHandlers.clear();
-        return "";
-      }
+        return m_clientHandlers.clear(), "";
       case Op::CLIENT_SEND:
         return ClientSend(name, value), "0";
       case Op::GENERATE:
@@ -361,7 +355,7 @@ class Model {
   /// Faults of what the library calls, and of the callbacks that it calls.
   static void RaiseIf(Fault fault, const std::string& origin) {
     if (fault == Fault::STANDARD) {
-      throw Raised{Raised::STANDARD, origin};
+      throw Raised{Raised::STANDARD, origin + "%s%n"};
     }
     if (fault == Fault::FOREIGN) {
       throw Raised{Raised::FOREIGN, "of unknown type"};
@@ -440,10 +434,11 @@ class Model {
     if (key == "ONDARO_SET_PROCESS_GRP") {
       Log(INFO, API, "SetProcessGroup",
           "pid of caller process : " + std::to_string(getpid()) + ", pid of appid (" + Cut(value) +
-              ") : -1\n");
+              ") : " + std::to_string(m_appPid) + "\n");
       if (m_groupResult != 0) {
         Refuse("SetProcessGroup", "set process group fail\n");
       }
+      m_isGroupSet = true;
       return m_groupResult == 0;
     }
     if (property == nullptr) {
@@ -456,8 +451,7 @@ class Model {
       return Write(property->key, Cut(value));
     }
     const auto word = USAGE.find(value);
-    const int unknown = m_mutation == Mutation::USAGE_WORD ? 1 : 0;
-    return Write(property->key, word != USAGE.end() ? word->second : unknown);
+    return Write(property->key, word != USAGE.end() ? word->second : 0);
   }
 
   void Watch(const std::string& key, int handler) {
@@ -555,11 +549,8 @@ class Model {
       return Error(function, "exception : " + INVALID_CASE + reader);
     }
     const std::string text = isText ? std::get<0>(*value) : property.toText(std::get<int>(*value));
-    if (property.isFiltered) {
-      const std::string before = std::exchange(m_cache[property.key], text);
-      if (before == text && m_mutation != Mutation::UNFILTERED) {
-        return;
-      }
+    if (property.isFiltered && std::exchange(m_cache[property.key], text) == text) {
+      return;
     }
     CallHandler(m_configHandlers, property.name, text, function);
   }
@@ -598,6 +589,7 @@ class Model {
       *flags[what - 4] = step.b % 2 == 0;
     } else if (what == 7) {
       m_groupResult = static_cast<int>(step.b % 2);
+      m_appPid = m_groupResult == 0 ? 4711 : -1;
     } else {
       m_moduleFault = FaultOf(step.b);
     }
@@ -621,7 +613,7 @@ class Model {
   }
 
   std::string Sign(const Step& step) {
-    if (IsHashBroken(step)) {
+    if (IsKeyBroken(step) || IsHashBroken(step)) {
       throw Raised{Raised::STANDARD, NULL_TEXT};
     }
     if (!m_hasKeys) {
@@ -661,7 +653,6 @@ class Model {
   }
 
   void ServerSend(const std::string& name, const std::string& data) {
-    const Forwarded scopes(*this, "CIpcServer", "SendDataToClient");
     if (!m_ownsName) {
       throw Raised{Raised::STANDARD, INVALID_CASE + "m_pDbusConnection is NULL"};
     }
@@ -673,7 +664,6 @@ class Model {
   }
 
   void ClientSend(const std::string& name, const std::string& data) {
-    const Forwarded scopes(*this, "CIpcClient", "SendDataToServer");
     RequireSendable(name, data);
     Log(INFO, PAL, "SendDataToServer",
         "Values are being sent. appEvt : " + name + ", surfaceId : " + data);
@@ -741,32 +731,27 @@ class Model {
   void DispatchCall(const Message& message) {
     const std::string where = " sender:" + message.sender + "  object_path:" + BUS_PATH +
                               "  interface_name:" + BUS_NAME + "  method_name:sendDataToServer";
-    const auto replyIf = [&](bool isTime) {
-      if (isTime && message.sender == "own") {
-        m_onTheWay.push_back({Message::REPLY, "", "", "", "", 0});
-      }
-    };
     Log(INFO, PAL, "BusInterfaceMethodCallback", "Start" + where);
     {
       const char* function = "HandleAppData";
       const Scope scope(*this, PAL, "NOndaroPAL::CIpcServerImpl::HandleAppData");
       Log(INFO, PAL, function, "appEvt : " + message.name + ", data : " + message.data);
-      replyIf(m_mutation == Mutation::EARLY_REPLY);
       if (!CallHandler(m_serverHandlers, message.name, message.data, function)) {
         Error(function, "appEvt " + message.name + " is not registered");
         for (const auto& entry : m_serverHandlers) {
           Error(function, "registered appEvt : " + entry.first);
         }
       }
-      replyIf(m_mutation != Mutation::EARLY_REPLY);
+      if (message.sender == "own") {
+        m_onTheWay.push_back({Message::REPLY, "", "", "", "", 0});
+      }
     }
     Log(INFO, PAL, "BusInterfaceMethodCallback", "Finish" + where);
   }
 
   void DispatchSignal(const Message& message) {
     // One that was subscribed again after the signal arrived does not get it.
-    const bool isOld = message.subscription != m_subscription;
-    if (isOld && (m_subscription == 0 || m_mutation != Mutation::OLD_SUBSCRIPTION)) {
+    if (message.subscription != m_subscription) {
       return;
     }
     const char* function = "_DbusSignalCallback";
@@ -799,7 +784,6 @@ class Model {
     }
   }
 
-  const Mutation m_mutation;
   Lines m_lines;
   int m_nScriptsLeft = 0;
   std::array<bool, 4> m_isCreated = {}, m_hasHandle = {};
@@ -810,7 +794,8 @@ class Model {
   std::set<std::string> m_subscribed;
   std::vector<std::string> m_written;  // keys whose subscribers are still to be told
   std::map<std::string, std::string> m_cache;
-  int m_groupResult = 0;
+  int m_groupResult = 0, m_appPid = -1;
+  bool m_isGroupSet = false;
 
   Fault m_moduleFault = Fault::NONE;
   bool m_isSupported = true, m_isCreateFailing = false, m_givesKeys = true;
@@ -825,8 +810,8 @@ class Model {
 
 }  // namespace
 
-Performer MakeModel(Mutation mutation) {
-  const auto model = std::make_shared<Model>(mutation);
+Performer MakeModel() {
+  const auto model = std::make_shared<Model>();
   return [model](const Step& step) { return model->Perform(step); };
 }
 

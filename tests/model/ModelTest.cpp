@@ -25,6 +25,10 @@ using Steps = std::vector<Step>;
 
 constexpr unsigned STEPS_PER_RUN = 1000;
 
+/// A model that does not expect these lines is wrong; one that misses nothing is right.
+const std::string MISSED[] = {"of no line", "EVENT", "unexpected arguments",
+                              "g_dbus_proxy_call result", "apicallback is null"};
+
 // ---- In a process of its own --------------------------------------------------------------------
 
 void Print(const char* title, const Lines& lines, std::size_t from) {
@@ -37,16 +41,22 @@ void Print(const char* title, const Lines& lines, std::size_t from) {
 constexpr char WENT_WELL[] = "steps that went well before: ";
 
 /// The exit code: 0 without a difference, 1 with one.
-int Compare(Mutation mutation, const char* fileName) {
+int Compare(unsigned wrong, const char* fileName) {
   g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_ERROR));
   std::ifstream file(fileName);
   const Steps steps(std::istream_iterator<Step>(file), {});
   if (!file.eof() || steps.empty()) {
     return 2;
   }
-  const Performer library = MakeLibrary(), model = MakeModel(mutation);
+  const Performer library = MakeLibrary(), model = MakeModel();
   for (std::size_t done = 0; done < steps.size(); ++done) {
-    const Lines expected = model(steps[done]), observed = library(steps[done]);
+    Lines expected = model(steps[done]);
+    const Lines observed = library(steps[done]);
+    expected.erase(std::remove_if(expected.begin(), expected.end(),
+                                  [&](const std::string& line) {
+                                    return line.find(MISSED[wrong]) != std::string::npos;
+                                  }),
+                   expected.end());
     if (observed != expected) {
       const auto difference =
           std::mismatch(observed.begin(), observed.end(), expected.begin(), expected.end());
@@ -68,8 +78,8 @@ struct Failure {
   std::size_t done;  // steps that went well before it, if known
 };
 
-std::optional<Failure> Replay(Mutation mutation, const std::string& file) {
-  test::ChildProcess child({"/proc/self/exe", "--compare", std::to_string(int(mutation)), file},
+std::optional<Failure> Replay(unsigned wrong, const std::string& file) {
+  test::ChildProcess child({"/proc/self/exe", "--compare", std::to_string(wrong), file},
                            {true, ""});
   const std::string report = child.ReadAll();
   const int exit = child.Wait();
@@ -88,19 +98,19 @@ std::string ToText(const Steps& steps) {
   return text.str();
 }
 
-std::optional<Failure> Replay(Mutation mutation, const Steps& steps) {
+std::optional<Failure> Replay(unsigned wrong, const Steps& steps) {
   const std::string file = testing::TempDir() + "model-" + std::to_string(getpid()) + ".steps";
   std::ofstream(file) << ToText(steps);
-  auto failure = Replay(mutation, file);
+  auto failure = Replay(wrong, file);
   std::filesystem::remove(file);
   return failure;
 }
 
 /// Leaves out ever smaller parts, and then makes numbers zero, as long as it still fails.
-Steps Shrink(Mutation mutation, Steps steps, std::size_t done) {
+Steps Shrink(unsigned wrong, Steps steps, std::size_t done) {
   steps.resize(std::min(steps.size(), done + 1));
   const auto keepIfFailing = [&](const Steps& candidate) {
-    const bool isFailing = !candidate.empty() && Replay(mutation, candidate).has_value();
+    const bool isFailing = !candidate.empty() && Replay(wrong, candidate).has_value();
     if (isFailing) {
       steps = candidate;
     }
@@ -131,7 +141,7 @@ Steps Shrink(Mutation mutation, Steps steps, std::size_t done) {
 TEST(Model, TheCorpusHolds) {
   int files = 0;
   for (const auto& entry : std::filesystem::directory_iterator(ONDARO_MODEL_CORPUS)) {
-    const auto failure = Replay(Mutation::NONE, entry.path().string());
+    const auto failure = Replay(0, entry.path().string());
     EXPECT_FALSE(failure) << entry.path() << '\n' << failure->report;
     ++files;
   }
@@ -142,11 +152,11 @@ TEST(Model, RandomSequencesHold) {
   const unsigned runs = test::ByTier(5U, 30U, 100U);
   for (unsigned seed = 1; seed <= runs; ++seed) {
     const Steps sequence = RandomSteps(seed, STEPS_PER_RUN);
-    const auto failure = Replay(Mutation::NONE, sequence);
+    const auto failure = Replay(0, sequence);
     if (!failure) {
       continue;
     }
-    const Steps steps = Shrink(Mutation::NONE, sequence, failure->done);
+    const Steps steps = Shrink(0, sequence, failure->done);
     const std::string name = "seed-" + std::to_string(seed) + ".steps";
     std::ofstream(std::string(ONDARO_MODEL_CORPUS) + "/" + name) << ToText(steps);
     FAIL() << failure->report << "kept in the corpus as " << name << ":\n" << ToText(steps);
@@ -155,20 +165,17 @@ TEST(Model, RandomSequencesHold) {
 
 // A model that is wrong in one place is found out, and a few steps are left of the sequence.
 TEST(Model, AWrongModelIsFoundAndTheSequenceShrinks) {
-  for (int number = 1; number < static_cast<int>(Mutation::COUNT); ++number) {
-    const auto mutation = static_cast<Mutation>(number);
-    std::optional<Failure> failure;
-    unsigned seed = 0;
-    while (!failure && seed < 20) {
-      failure = Replay(mutation, RandomSteps(++seed, STEPS_PER_RUN));
-    }
-    ASSERT_TRUE(failure) << "mutation " << number;
-    if (number > test::ByTier(1, 2, number)) {
+  for (unsigned wrong = 1; wrong < std::size(MISSED); ++wrong) {
+    SCOPED_TRACE(MISSED[wrong]);
+    const Steps sequence = RandomSteps(1, STEPS_PER_RUN);
+    const auto failure = Replay(wrong, sequence);
+    ASSERT_TRUE(failure);
+    if (wrong > test::ByTier(1U, 2U, wrong)) {
       continue;
     }
-    const Steps steps = Shrink(mutation, RandomSteps(seed, STEPS_PER_RUN), failure->done);
-    EXPECT_LE(steps.size(), 8U) << "mutation " << number << '\n' << ToText(steps);
-    const auto without = Replay(Mutation::NONE, steps);
+    const Steps steps = Shrink(wrong, sequence, failure->done);
+    EXPECT_LE(steps.size(), 8U) << ToText(steps);
+    const auto without = Replay(0, steps);
     EXPECT_FALSE(without) << without->report << ToText(steps);
   }
 }
@@ -179,8 +186,7 @@ TEST(Model, AWrongModelIsFoundAndTheSequenceShrinks) {
 
 int main(int argc, char** argv) {
   if (argc == 4 && std::string(argv[1]) == "--compare") {
-    return ondaro::model::Compare(static_cast<ondaro::model::Mutation>(std::atoi(argv[2])),
-                                  argv[3]);
+    return ondaro::model::Compare(static_cast<unsigned>(std::atoi(argv[2])), argv[3]);
   }
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();

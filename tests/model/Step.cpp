@@ -59,13 +59,23 @@ const std::string VALUES[] = {"x",
                               "\xC3\xBC",
                               "\xFFnot8",
                               std::string("a\0b", 3),
-                              std::string(300, 'l')};
+                              std::string(20'000, 'l')};
 constexpr int NUMBERS[] = {0, 1, 2, 3, 7, -1};
 // The first is the contract's.
 const char* const TYPES[] = {"(ss)", "(ss)", "(s)", "()", "(si)", "(sss)", "(is)", "(ay)"};
-constexpr How HOWS[] = {How::EXPORTED,    How::EXPORTED,   How::EXPORTED, How::EXPORTED,
-                        How::WRAPPER,     How::WRAPPER,    How::WRAPPER,  How::NULL_FIRST,
-                        How::NULL_SECOND, How::NULL_HANDLE};
+constexpr unsigned HOWS[] = {EXPORTED,
+                             EXPORTED,
+                             EXPORTED,
+                             EXPORTED,
+                             WRAPPER,
+                             WRAPPER,
+                             WRAPPER,
+                             NULL_FIRST,
+                             NULL_SECOND,
+                             NULL_HANDLE,
+                             NULL_THIRD | NULL_HANDLE,
+                             NULL_SECOND | NULL_THIRD | NULL_HANDLE,
+                             NULL_FIRST | NULL_SECOND | NULL_THIRD | NULL_HANDLE};
 
 template <typename Table>
 const auto& Pick(const Table& table, unsigned number) {
@@ -128,7 +138,7 @@ std::vector<Step> RandomSteps(unsigned seed, unsigned count) {
   return steps;
 }
 
-How HowOf(const Step& step) { return Pick(HOWS, step.c); }
+unsigned HowOf(const Step& step) { return Pick(HOWS, step.c); }
 
 std::string KeyOf(const Step& step) {
   const bool hasData = step.op == Op::GET && step.b % 4 == 0;
@@ -168,6 +178,8 @@ Fault FaultOf(unsigned number) {
   return fault < static_cast<unsigned>(Fault::COUNT) ? static_cast<Fault>(fault) : Fault::NONE;
 }
 
+bool IsKeyBroken(const Step& step) { return step.b % 7 == 5; }
+
 bool IsHashBroken(const Step& step) { return step.b % 7 == 6; }
 
 std::string PeerText(const std::string& text) {
@@ -180,7 +192,7 @@ bool IsUnreadable(const Step& step) { return step.c % 16 == 1; }
 bool IsWithoutNode(const Step& step) { return step.c % 16 == 3; }
 
 unsigned ScriptNumberOf(const Step& step) {
-  return HowOf(step) == How::NULL_SECOND ? NO_SCRIPT : step.b % SCRIPTS;
+  return (HowOf(step) & NULL_SECOND) != 0 ? NO_SCRIPT : step.b % SCRIPTS;
 }
 
 const Script& ScriptOf(unsigned number) {

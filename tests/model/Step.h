@@ -49,11 +49,20 @@ std::istream& operator>>(std::istream& stream, Step& step);
 
 std::vector<Step> RandomSteps(unsigned seed, unsigned count);
 
-enum class How { EXPORTED, WRAPPER, NULL_FIRST, NULL_SECOND, NULL_HANDLE };
+/// By the exported function with these of its arguments null, or by the wrapper.
+enum How : unsigned {
+  EXPORTED = 0,
+  NULL_FIRST = 1,
+  NULL_SECOND = 2,
+  NULL_THIRD = 4,
+  NULL_HANDLE = 8,
+  WRAPPER = 16
+};
 enum Family { CONFIG, AUTH, CLIENT, SERVER };
 enum class Fault { NONE, STATUS, STANDARD, API, FOREIGN, COUNT };
 
-How HowOf(const Step& step);
+/// Several of How.
+unsigned HowOf(const Step& step);
 /// A property's name; of a read sometimes with data behind a colon.
 std::string KeyOf(const Step& step);
 /// Where the settings store keeps a property; empty for one that it does not hold.
@@ -71,7 +80,8 @@ const int* NumberOf(const Step& step);
 Family FamilyOf(const Step& step);
 Fault FaultOf(unsigned number);
 constexpr unsigned RECORDS = 3;
-/// A record without bytes and with a length.
+/// Records without bytes and with a length.
+bool IsKeyBroken(const Step& step);
 bool IsHashBroken(const Step& step);
 /// Changes that arrive as a node that cannot be read, or as no node at all.
 bool IsUnreadable(const Step& step);
@@ -94,10 +104,7 @@ constexpr int SCRIPTS_PER_STEP = 6;
 using Lines = std::vector<std::string>;
 using Performer = std::function<Lines(const Step&)>;
 
-/// Wrong on purpose, to show that a difference is found.
-enum class Mutation { NONE, UNFILTERED, USAGE_WORD, EARLY_REPLY, OLD_SUBSCRIPTION, COUNT };
-
-Performer MakeModel(Mutation mutation);
+Performer MakeModel();
 Performer MakeLibrary();
 
 }  // namespace ondaro::model
