@@ -4,7 +4,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <stdexcept>
 #include <utility>
 
 #include "platform/DevicePower.h"
@@ -20,9 +19,6 @@ FakePlatform& FakePlatform::Get() {
 void FakePlatform::Record(SLogEntry entry) {
   if (m_isLogEchoed) {
     std::fprintf(stderr, "%s\n", entry.Text().c_str());
-  }
-  if (m_onLog) {
-    m_onLog(entry.body);
   }
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_log.push_back(std::move(entry));
@@ -97,7 +93,7 @@ int ReadInt(const char* call, const char* key, int* value) {
   const bool isWorking = EnterStore(std::string(call) + " " + key);
   const auto entry = fake.m_values.find(key);
   if (!isWorking || entry == fake.m_values.end() || !std::holds_alternative<int>(entry->second)) {
-    *value = fake.m_nGarbageOnFailedRead;
+    *value = GARBAGE_OF_FAILED_READ;
     return 1;
   }
   *value = std::get<int>(entry->second);

@@ -7,7 +7,6 @@
 #include <mutex>
 #include <optional>
 #include <ostream>
-#include <set>
 #include <string>
 #include <variant>
 #include <vector>
@@ -41,6 +40,9 @@ struct platform_settings_node {
   std::optional<SettingsValue> value;
 };
 
+/// What a read of an integer that fails leaves behind.
+constexpr int GARBAGE_OF_FAILED_READ = 77;
+
 /// The set beneath the library under test: the test executable defines the seam's functions, so
 /// the shipped library calls these. Everything is scripted and recorded here.
 class FakePlatform {
@@ -52,8 +54,7 @@ class FakePlatform {
   std::vector<std::string> TakeLogTexts();
   std::atomic<bool> m_isLogDiscarded{false};
   std::atomic<int> m_nLogCalls{0};
-  bool m_isLogEchoed = false;                       // to standard error, for exits
-  std::function<void(const std::string&)> m_onLog;  // may throw
+  bool m_isLogEchoed = false;  // to standard error, for exits
   void Record(SLogEntry entry);
 
   // Settings store
@@ -61,7 +62,6 @@ class FakePlatform {
   std::vector<std::string> m_storeCalls;
   std::function<void()> m_onStoreCall;  // may throw
   bool m_areStoreCallsFailing = false;
-  int m_nGarbageOnFailedRead = 77;
   struct SSubscription {
     platform_settings_changed_cb callback;
     void* userData;
