@@ -19,6 +19,7 @@ namespace {
 constexpr int DEBUG = 3, INFO = 4, ERROR = 6;
 constexpr const char *API = "ONDARO_API", *PAL = "ONDARO_PAL";
 const std::string BUS_NAME = "com.halvex.tv.ondaro", BUS_PATH = "/com/halvex/tv/ondaro";
+const std::string COMPLETION = "_SendDataToServerAyncResultCallback";
 const std::string NULL_TEXT = "basic_string: construction from null is not valid";
 const std::string INVALID_CASE = "PAL Exception: InvalidCase: ";
 const std::map<std::string, int> USAGE = {{"false", 0}, {"default", 1}, {"true", 2}, {"set", 3}};
@@ -120,9 +121,7 @@ class Model {
   };
 
   struct Message {
-    enum Kind { CALL, SIGNAL, REPLY, FAILURE } kind;
-    std::string sender, name, data, type;
-    int subscription;
+    std::string sender, name, data, type = "(ss)";
   };
 
   /// A traced function: "Entered" now and "Left" on every way out.
@@ -658,33 +657,42 @@ class Model {
     }
     RequireSendable(name, data);
     Log(DEBUG, PAL, "SendDataToClient", "DBUS success emit signal");
-    if (m_subscription != 0) {
-      m_onTheWay.push_back({Message::SIGNAL, "own", name, data, "(ss)", m_subscription});
-    }
+    SendSignal({"own", name, data});
   }
 
   void ClientSend(const std::string& name, const std::string& data) {
     RequireSendable(name, data);
     Log(INFO, PAL, "SendDataToServer",
         "Values are being sent. appEvt : " + name + ", surfaceId : " + data);
-    m_onTheWay.push_back(
-        {m_hasObject ? Message::CALL : Message::FAILURE, "own", name, data, "", 0});
+    if (m_hasObject) {
+      return m_onTheWay.push_back([=] { ArriveCall({"own", name, data}); });
+    }
+    m_onTheWay.push_back([=] { Error(COMPLETION, "g_dbus_proxy_call_finish error : "); });
   }
 
   void PeerSend(const Step& step) {
     Settle();
-    const std::string type = TypeOf(step);
-    const bool isCall = step.op == Op::PEER_CALL;
-    const bool isCarried = isCall ? m_hasObject && type == "(ss)" : m_subscription != 0;
+    const Message message = {"peer", PeerText(EventNameOf(step)), PeerText(ValueOf(step.b)),
+                             TypeOf(step)};
+    if (step.op == Op::PEER_SIGNAL) {
+      SendSignal(message);
+      return Settle();
+    }
+    const bool isCarried = m_hasObject && message.type == "(ss)";
     if (isCarried) {
-      m_onTheWay.push_back({isCall ? Message::CALL : Message::SIGNAL, "peer",
-                            PeerText(EventNameOf(step)), PeerText(ValueOf(step.b)), type,
-                            m_subscription});
+      ArriveCall(message);
     }
     Settle();
-    if (isCall) {
-      Note("RESULT", isCarried ? "(0,)" : "error");
-    }
+    Note("RESULT", isCarried ? "(0,)" : "error");
+  }
+
+  /// One that was subscribed again after the signal arrived does not get it.
+  void SendSignal(const Message& message) {
+    m_onTheWay.push_back([this, message, subscription = m_subscription] {
+      if (subscription != 0 && subscription == m_subscription) {
+        ArriveSignal(message);
+      }
+    });
   }
 
   void GiveOrTakeName() {
@@ -702,9 +710,9 @@ class Model {
   void Settle() {
     while (!m_onTheWay.empty() || !m_written.empty()) {
       while (!m_onTheWay.empty()) {
-        const Message message = m_onTheWay.front();
+        const auto arrive = m_onTheWay.front();
         m_onTheWay.pop_front();
-        Dispatch(message);
+        arrive();
       }
       for (const std::string& key : std::exchange(m_written, {})) {
         if (m_subscribed.count(key) != 0) {
@@ -714,21 +722,7 @@ class Model {
     }
   }
 
-  void Dispatch(const Message& message) {
-    const char* completion = "_SendDataToServerAyncResultCallback";
-    switch (message.kind) {
-      case Message::CALL:
-        return DispatchCall(message);
-      case Message::SIGNAL:
-        return DispatchSignal(message);
-      case Message::REPLY:
-        return Log(INFO, PAL, completion, "g_dbus_proxy_call result : 0");
-      case Message::FAILURE:
-        return Error(completion, "g_dbus_proxy_call_finish error : ");
-    }
-  }
-
-  void DispatchCall(const Message& message) {
+  void ArriveCall(const Message& message) {
     const std::string where = " sender:" + message.sender + "  object_path:" + BUS_PATH +
                               "  interface_name:" + BUS_NAME + "  method_name:sendDataToServer";
     Log(INFO, PAL, "BusInterfaceMethodCallback", "Start" + where);
@@ -743,17 +737,13 @@ class Model {
         }
       }
       if (message.sender == "own") {
-        m_onTheWay.push_back({Message::REPLY, "", "", "", "", 0});
+        m_onTheWay.push_back([=] { Log(INFO, PAL, COMPLETION, "g_dbus_proxy_call result : 0"); });
       }
     }
     Log(INFO, PAL, "BusInterfaceMethodCallback", "Finish" + where);
   }
 
-  void DispatchSignal(const Message& message) {
-    // One that was subscribed again after the signal arrived does not get it.
-    if (message.subscription != m_subscription) {
-      return;
-    }
+  void ArriveSignal(const Message& message) {
     const char* function = "_DbusSignalCallback";
     const std::string where = " sender_name:" + message.sender + ", object_path:" + BUS_PATH +
                               ",  interface_name:" + BUS_NAME + ",  signal_name:sendDataToClient";
@@ -768,19 +758,14 @@ class Model {
   }
 
   void CallClient(const Message& message) {
-    std::optional<std::string> thrown;
-    {
-      const Scope dispatch(*this, PAL, "NOndaroPAL::CIpcClientImpl::_CallDbusClientCallback");
+    std::optional<Scope> dispatch;
+    dispatch.emplace(*this, PAL, "NOndaroPAL::CIpcClientImpl::_CallDbusClientCallback");
+    try {
       const auto handler = m_clientHandlers.find(message.name);
-      try {
-        RunHandler(handler != m_clientHandlers.end() ? handler->second : DOES_NOTHING,
-                   message.data);
-      } catch (const Raised& raised) {
-        thrown = raised.text;
-      }
-    }
-    if (thrown) {
-      Error("_DbusSignalCallback", "exception : " + *thrown);
+      RunHandler(handler != m_clientHandlers.end() ? handler->second : DOES_NOTHING, message.data);
+    } catch (const Raised& raised) {
+      dispatch.reset();
+      Error("_DbusSignalCallback", "exception : " + raised.text);
     }
   }
 
@@ -805,7 +790,7 @@ class Model {
 
   bool m_ownsName = false, m_hasObject = false;
   int m_subscription = 0, m_nSubscriptions = 0;
-  std::deque<Message> m_onTheWay;
+  std::deque<std::function<void()>> m_onTheWay;
 };
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <array>
 #include <istream>
 #include <iterator>
-#include <map>
 #include <ostream>
 
 namespace ondaro::model {
@@ -30,21 +29,26 @@ constexpr std::array<OpInfo, static_cast<std::size_t>(Op::COUNT)> OPS = {
      {"name", 0}}};
 constexpr unsigned OPS_OF_CALLBACKS = static_cast<unsigned>(Op::SETTLE);
 
-const std::string KEYS[] = {"ONDARO_STATUS",
-                            "ONDARO_SUPPORT",
-                            "ONDARO_ENROLLMENT",
-                            "ONDARO_TOS_STATUS",
-                            "ONDARO_CLEAR_DATA",
-                            "ONDARO_ENABLE_USAGE_RPT",
-                            "WIDEVINE_ONDARO_VERSION",
-                            "WIDEVINE_ONDARO_SUPPORT",
-                            "ONDARO_INIT",
-                            "ONDARO_SET_PROCESS_GRP",
-                            "SYSTEM_ID",
-                            "TARGET_REPOSITORY",
-                            "SDR",
-                            "ONDARO_STATUS:a",
-                            ""};
+struct Key {
+  std::string property, store;  // where the settings store keeps it, if it does
+};
+const Key KEYS[] = {
+    {"ONDARO_STATUS", "memory/menu/network/ondaro_status"},
+    {"ONDARO_SUPPORT", "db/menu/network/ondaro_support"},
+    {"ONDARO_ENROLLMENT", "db/ondaro/property/enterprise_enrollment"},
+    {"ONDARO_TOS_STATUS", "db/menu/network/ondaro_tos_status"},
+    {"ONDARO_CLEAR_DATA", "db/menu/network/ondaro_clear_data"},
+    {"ONDARO_ENABLE_USAGE_RPT", "db/menu/network/ondaro_enable_usage_rpt"},
+    {"WIDEVINE_ONDARO_VERSION", "db/ondaro/property/widevine_ondaro_version"},
+    {"WIDEVINE_ONDARO_SUPPORT", "db/ondaro/property/widevine_ondaro_support"},
+    {"ONDARO_INIT", "db/menu/network/ondaro_init"},
+    {"ONDARO_SET_PROCESS_GRP", ""},
+    {"SYSTEM_ID", ""},
+    {"TARGET_REPOSITORY", ""},
+    {"SDR", ""},
+    {"ONDARO_STATUS:a", ""},
+    {"", ""},
+};
 const std::string EVENT_NAMES[] = {"a", "b", "B", "", "%s%n", "\xC3\xA4", "\xFF"};
 const std::string VALUES[] = {"x",
                               "y",
@@ -63,19 +67,11 @@ const std::string VALUES[] = {"x",
 constexpr int NUMBERS[] = {0, 1, 2, 3, 7, -1};
 // The first is the contract's.
 const char* const TYPES[] = {"(ss)", "(ss)", "(s)", "()", "(si)", "(sss)", "(is)", "(ay)"};
-constexpr unsigned HOWS[] = {EXPORTED,
-                             EXPORTED,
-                             EXPORTED,
-                             EXPORTED,
-                             WRAPPER,
-                             WRAPPER,
-                             WRAPPER,
-                             NULL_FIRST,
-                             NULL_SECOND,
-                             NULL_HANDLE,
-                             NULL_THIRD | NULL_HANDLE,
-                             NULL_SECOND | NULL_THIRD | NULL_HANDLE,
-                             NULL_FIRST | NULL_SECOND | NULL_THIRD | NULL_HANDLE};
+constexpr unsigned HANDLE_AND_THIRD = NULL_HANDLE | NULL_THIRD,
+                   ALL_BUT_FIRST = HANDLE_AND_THIRD | NULL_SECOND, ALL = ALL_BUT_FIRST | NULL_FIRST;
+constexpr unsigned HOWS[] = {EXPORTED,         EXPORTED,      EXPORTED,   EXPORTED,    WRAPPER,
+                             WRAPPER,          WRAPPER,       NULL_FIRST, NULL_SECOND, NULL_HANDLE,
+                             HANDLE_AND_THIRD, ALL_BUT_FIRST, ALL};
 
 template <typename Table>
 const auto& Pick(const Table& table, unsigned number) {
@@ -142,7 +138,7 @@ unsigned HowOf(const Step& step) { return Pick(HOWS, step.c); }
 
 std::string KeyOf(const Step& step) {
   const bool hasData = step.op == Op::GET && step.b % 4 == 0;
-  return Pick(KEYS, step.a) + (hasData ? ":" + Cut(ValueOf(step.b)) : "");
+  return Pick(KEYS, step.a).property + (hasData ? ":" + Cut(ValueOf(step.b)) : "");
 }
 
 std::string EventNameOf(const Step& step) { return Pick(EVENT_NAMES, step.a); }
@@ -156,18 +152,9 @@ const char* TypeOf(const Step& step) { return Pick(TYPES, step.c); }
 const int* NumberOf(const Step& step) { return step.c % 2 == 0 ? &Pick(NUMBERS, step.b) : nullptr; }
 
 std::string StoreKeyOf(const std::string& property) {
-  static const std::map<std::string, std::string> keys = {
-      {"ONDARO_INIT", "db/menu/network/ondaro_init"},
-      {"ONDARO_SUPPORT", "db/menu/network/ondaro_support"},
-      {"ONDARO_ENROLLMENT", "db/ondaro/property/enterprise_enrollment"},
-      {"ONDARO_STATUS", "memory/menu/network/ondaro_status"},
-      {"ONDARO_TOS_STATUS", "db/menu/network/ondaro_tos_status"},
-      {"ONDARO_CLEAR_DATA", "db/menu/network/ondaro_clear_data"},
-      {"ONDARO_ENABLE_USAGE_RPT", "db/menu/network/ondaro_enable_usage_rpt"},
-      {"WIDEVINE_ONDARO_VERSION", "db/ondaro/property/widevine_ondaro_version"},
-      {"WIDEVINE_ONDARO_SUPPORT", "db/ondaro/property/widevine_ondaro_support"}};
-  const auto key = keys.find(property);
-  return key != keys.end() ? key->second : "";
+  return std::find_if(std::begin(KEYS), std::end(KEYS),
+                      [&](const Key& key) { return key.property == property; })
+      ->store;
 }
 
 Family FamilyOf(const Step& step) { return static_cast<Family>(step.a % 4); }

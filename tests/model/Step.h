@@ -50,18 +50,11 @@ std::istream& operator>>(std::istream& stream, Step& step);
 std::vector<Step> RandomSteps(unsigned seed, unsigned count);
 
 /// By the exported function with these of its arguments null, or by the wrapper.
-enum How : unsigned {
-  EXPORTED = 0,
-  NULL_FIRST = 1,
-  NULL_SECOND = 2,
-  NULL_THIRD = 4,
-  NULL_HANDLE = 8,
-  WRAPPER = 16
-};
+constexpr unsigned EXPORTED = 0, NULL_FIRST = 1, NULL_SECOND = 2, NULL_THIRD = 4, NULL_HANDLE = 8,
+                   WRAPPER = 16;
 enum Family { CONFIG, AUTH, CLIENT, SERVER };
 enum class Fault { NONE, STATUS, STANDARD, API, FOREIGN, COUNT };
 
-/// Several of How.
 unsigned HowOf(const Step& step);
 /// A property's name; of a read sometimes with data behind a colon.
 std::string KeyOf(const Step& step);
