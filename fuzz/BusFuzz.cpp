@@ -31,14 +31,7 @@ GVariant* AnyBody(Input& input) {
       type = tuple;
     }
   }
-  const std::string bytes = input.Text();
-  GBytes* shared = g_bytes_new(bytes.data(), bytes.size());
-  GVariant* untrusted =
-      g_variant_ref_sink(g_variant_new_from_bytes(G_VARIANT_TYPE(type.c_str()), shared, FALSE));
-  GVariant* body = g_variant_get_normal_form(untrusted);
-  g_variant_unref(untrusted);
-  g_bytes_unref(shared);
-  return body;
+  return bus::MakeBody(type, input.Text());
 }
 
 /// The contract's text, or any that a message may have in this place.
@@ -65,10 +58,9 @@ void SendAny(Input& input, bool isSignal) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+void ondaro::fuzz::Run(Input input) {
   static NOndaroAPI::CIpcClient& client = NOndaroPAL::GetIpcClient();
   static NOndaroAPI::CIpcServer& server = NOndaroPAL::GetIpcServer();
-  Input input(data, size);
   while (!input.IsEmpty()) {
     const unsigned kind = input.Number(8);
     try {
@@ -100,5 +92,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   client.UnregisterEventHandler();
   server.UnregisterEventHandler();
   FakePlatform::Get().TakeLog();
-  return 0;
 }

@@ -23,12 +23,7 @@ GVariant* BodyFor(GDBusArgInfo** arguments) {
   for (; arguments != nullptr && *arguments != nullptr; ++arguments) {
     type += (*arguments)->signature;
   }
-  type += ")";
-  GVariant* empty = g_variant_ref_sink(
-      g_variant_new_from_data(G_VARIANT_TYPE(type.c_str()), "", 0, FALSE, nullptr, nullptr));
-  GVariant* body = g_variant_get_normal_form(empty);
-  g_variant_unref(empty);
-  return body;
+  return bus::MakeBody(type + ")", "");
 }
 
 void UseObject() {
@@ -55,8 +50,8 @@ gboolean g_file_get_contents(const gchar*, gchar** contents, gsize* length, GErr
   return TRUE;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  g_contents.assign(reinterpret_cast<const char*>(data), size);
+void ondaro::fuzz::Run(Input input) {
+  g_contents = input.Rest();
   try {
     const std::unique_ptr<NOndaroAPI::IIpcServerImpl> server(
         NOndaroPAL::CPALFactory::CreateIpcServerImpl());
@@ -64,5 +59,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   } catch (const std::exception&) {
   }
   FakePlatform::Get().TakeLog();
-  return 0;
 }

@@ -4,14 +4,10 @@
 #include <glib.h>
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-
-/// Each target is one source with this function; libFuzzer calls it, or Replay.cpp.
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+#include <utility>
 
 namespace ondaro::fuzz {
 
@@ -29,8 +25,7 @@ inline void Expect(bool holds, const char* what) {
 /// The bytes of one run, taken from the front; zeros and empty texts when they are used up.
 class Input {
  public:
-  Input(const std::uint8_t* data, std::size_t size)
-      : m_bytes(reinterpret_cast<const char*>(data), size) {}
+  explicit Input(std::string bytes) : m_bytes(std::move(bytes)) {}
 
   bool IsEmpty() const { return m_position == m_bytes.size(); }
   unsigned Number(unsigned limit) {
@@ -53,6 +48,9 @@ class Input {
   std::string m_bytes;
   std::size_t m_position = 0;
 };
+
+/// Each target is one source with this function.
+void Run(Input input);
 
 }  // namespace ondaro::fuzz
 

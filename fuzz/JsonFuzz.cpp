@@ -6,13 +6,11 @@
 #include "library/FakePlatform.h"
 #include "ondaro/pal/CPALUtils.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  ondaro::fuzz::Input input(data, size);
+void ondaro::fuzz::Run(Input input) {
   const std::string member = input.Text();
   try {
     NOndaroPAL::CPALUtils::ParseJsonVal(input.Rest(), member);
   } catch (const std::exception&) {
   }
   ondaro::fuzz::Expect(FakePlatform::Get().TakeLog().size() == 1, "one line tells how it went");
-  return 0;
 }

@@ -28,9 +28,9 @@ bool RunTool(const char* verb, const std::string& text) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+void ondaro::fuzz::Run(Input input) {
   FakePlatform& fake = FakePlatform::Get();
-  const std::string text = Input(data, size).Rest();
+  const std::string text = input.Rest();
   fake.m_values.clear();
   if (RunTool("load -", text)) {
     const auto loaded = fake.m_values;
@@ -46,5 +46,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Expect(text.find('\0') != std::string::npos || decoded == text, "an encoded text is restored");
   fake.TakeLog();
   fake.m_storeCalls.clear();
-  return 0;
 }

@@ -38,9 +38,9 @@ std::string Restore(const std::string& line) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+void ondaro::fuzz::Run(Input input) {
   static const int file = OpenSink();
-  const std::string label = Input::ToC(Input(data, size).Rest());
+  const std::string label = Input::ToC(input.Rest());
   NOndaroPAL::CPALUtils::PrintDataToHex(label.c_str(), "", 0);
 
   char buffer[8192] = {};
@@ -56,5 +56,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string left = std::to_string(whole.size() - shown.size());
     Expect(mark < text.size() && text.substr(mark + 2) == left, "the number of bytes left out");
   }
-  return 0;
 }

@@ -69,6 +69,14 @@ Pipe& Ends() {
 
 }  // namespace
 
+GVariant* MakeBody(const std::string& type, const std::string& bytes) {
+  GVariant* untrusted = g_variant_ref_sink(g_variant_new_from_data(
+      G_VARIANT_TYPE(type.c_str()), bytes.data(), bytes.size(), FALSE, nullptr, nullptr));
+  GVariant* body = g_variant_get_normal_form(untrusted);
+  g_variant_unref(untrusted);
+  return body;
+}
+
 void SetReply(GVariant* body) {
   const std::lock_guard<std::mutex> lock(g_mutex);
   if (g_reply != nullptr) {

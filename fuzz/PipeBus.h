@@ -3,6 +3,8 @@
 
 #include <gio/gio.h>
 
+#include <string>
+
 /// Stands for the system bus: the library's connection and the fuzzer's are the two ends of one
 /// socket. The executable defines g_bus_get_sync() and g_bus_own_name() itself, so the shipped
 /// library gets this instead. The name is owned at once.
@@ -10,6 +12,9 @@ namespace ondaro::fuzz::bus {
 
 constexpr const char* PATH = "/com/halvex/tv/ondaro";
 constexpr const char* INTERFACE = "com.halvex.tv.ondaro";
+
+/// A body of the type, from any bytes.
+GVariant* MakeBody(const std::string& type, const std::string& bytes);
 
 /// What the library's calls are answered with from now on; null for an error. Takes it over.
 void SetReply(GVariant* body);

@@ -8,8 +8,8 @@
 
 using namespace ondaro::fuzz;
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  SetToolInput(Input(data, size).Rest());
+void ondaro::fuzz::Run(Input input) {
+  SetToolInput(input.Rest());
   try {
     std::int64_t last = 0;
     for (const ondaro::ctl::RecordedEvent& event : ondaro::ctl::ReadRecording("-")) {
@@ -17,7 +17,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       last = event.microseconds;
     }
   } catch (const ondaro::ctl::Failure&) {
-    return 0;
   }
-  return 0;
 }

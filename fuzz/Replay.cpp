@@ -10,14 +10,13 @@
 #include "Fuzz.h"
 
 int main(int argc, char** argv) {
-  LLVMFuzzerTestOneInput(nullptr, 0);
+  ondaro::fuzz::Run(ondaro::fuzz::Input(""));
   int runs = 0;
   for (const std::string& directory : std::vector<std::string>(argv + 1, argv + argc)) {
     for (const auto& entry : std::filesystem::directory_iterator(directory)) {
       std::ifstream file(entry.path(), std::ios::binary);
-      const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
       std::cout << entry.path() << std::endl;
-      LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+      ondaro::fuzz::Run(ondaro::fuzz::Input({std::istreambuf_iterator<char>(file), {}}));
       ++runs;
     }
   }

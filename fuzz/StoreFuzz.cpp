@@ -80,9 +80,8 @@ bool Succeeds(Operation operation) {
 extern "C" int fsync(int) { return 0; }
 extern "C" int fdatasync(int) { return 0; }
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+void ondaro::fuzz::Run(Input input) {
   std::vector<std::string> files = Sound();
-  Input input(data, size);
   while (!input.IsEmpty()) {
     Damage(files[input.Number(3)], input);
   }
@@ -101,5 +100,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   area.Read("db/new", [](const auto& value) {
     Expect(value && *value == SettingsValue(5), "and keeps them");
   });
-  return 0;
 }

@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "Tool.h"
+#include "TraceCalls.h"
 #include "bus/PlainPeer.h"
 #include "bus/PrivateBus.h"
 

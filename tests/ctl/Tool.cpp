@@ -1,13 +1,11 @@
 #include "Tool.h"
 
-#include <json/reader.h>
 #include <stdlib.h>
 
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <system_error>
 
 namespace ondaro::test {
@@ -83,20 +81,6 @@ void ToolTest::Set(const std::string& name, const std::string& value) const {
 std::string ReadWholeFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
-}
-
-std::vector<Json::Value> ParseObjects(const std::string& out) {
-  std::vector<Json::Value> objects;
-  std::istringstream lines(out);
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream text(line);
-    std::string errors;
-    EXPECT_TRUE(
-        Json::parseFromStream(Json::CharReaderBuilder(), text, &objects.emplace_back(), &errors))
-        << line << errors;
-    EXPECT_TRUE(objects.back().isObject()) << line;
-  }
-  return objects;
 }
 
 }  // namespace ondaro::test

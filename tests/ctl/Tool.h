@@ -2,7 +2,6 @@
 #define ONDARO_TESTS_CTL_TOOL_H
 
 #include <gtest/gtest.h>
-#include <json/value.h>
 
 #include <memory>
 #include <string>
@@ -57,9 +56,6 @@ class ToolTest : public testing::Test {
 };
 
 std::string ReadWholeFile(const std::string& path);
-
-/// Every line of the output as an object; a failure of the test when one is none.
-std::vector<Json::Value> ParseObjects(const std::string& out);
 
 }  // namespace ondaro::test
 

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "Tool.h"
+#include "TraceCalls.h"
 
 namespace ondaro::test {
 namespace {
@@ -64,35 +65,6 @@ std::string Damaged(const std::vector<std::string>& lines, std::mt19937& random)
   return text;
 }
 
-/// "Bf" and "Ef" of all calls, "Ef?" for one of which a line is missing. Fails unless they are
-/// nested, and in order of time, in each thread.
-std::string Calls(const std::string& events) {
-  std::map<std::string, std::vector<std::string>> open;
-  std::map<std::string, Json::Int64> times;
-  std::string calls;
-  for (const Json::Value& event : ParseObjects(events)) {
-    const std::string name = event["name"].asString();
-    const std::string thread = event["pid"].asString() + "/" + event["tid"].asString();
-    EXPECT_GE(event["ts"].asInt64(), times[thread]);
-    times[thread] = event["ts"].asInt64();
-    if (event["ph"] == "B") {
-      EXPECT_EQ(event["args"]["signature"].asString().find(" > ["), std::string::npos);
-      open[thread].push_back(name);
-    } else if (event["ph"] == "E") {
-      EXPECT_EQ(open[thread].empty() ? "nothing" : open[thread].back(), name);
-      open[thread].resize(open[thread].size() - (open[thread].empty() ? 0 : 1));
-    } else {
-      continue;
-    }
-    calls += " " + event["ph"].asString() + name.substr(name.rfind(':') + 1);
-    calls += event["args"]["incomplete"] == true ? "?" : "";
-  }
-  for (const auto& [thread, left] : open) {
-    EXPECT_TRUE(left.empty()) << thread;
-  }
-  return calls;
-}
-
 class TraceTest : public ToolTest {};
 
 TEST_F(TraceTest, WholeLogsAddUpAndDamagedOnesStayNested) {
@@ -112,7 +84,7 @@ TEST_F(TraceTest, WholeLogsAddUpAndDamagedOnesStayNested) {
     EXPECT_EQ(figures, expected);
 
     std::ofstream(Path("log")) << Damaged(lines, random);
-    EXPECT_NE(Calls(Run({"trace", "--format", "chrome", "--json", Path("log")}).out), "");
+    EXPECT_NE(CallsOf(Run({"trace", "--format", "chrome", "--json", Path("log")}).out), "");
     int active = 0;
     std::istringstream diagram(Run({"trace", "--format", "mermaid", Path("log")}).out);
     for (std::string line; std::getline(diagram, line);) {
@@ -146,7 +118,7 @@ TEST_F(TraceTest, LostLinesAreHealed) {
     for (const auto& [time, what] : lines) {
       log += LogLine(100000 + time, "    7", what);
     }
-    EXPECT_EQ(Calls(Run({"trace", "--format", "chrome", "--json"}, log).out), calls);
+    EXPECT_EQ(CallsOf(Run({"trace", "--format", "chrome", "--json"}, log).out), calls);
   }
 }
 
