@@ -37,96 +37,72 @@ class Utils : public ::testing::Test {
   bool m_flag = true;
 };
 
-// Every operation by key: refused without a key, failing in the store, succeeding.
-TEST_F(Utils, OperationsByKeyLogTheirOwnMessages) {
-  const std::string failed = "6 Failed to ", done = "4 Succeed to ";
-  const struct {
-    const char* name;
-    std::function<bool(const std::string& key)> call;
-    std::string failure, success;  // empty: nothing is said
-  } operations[] = {
-      {"SetregSetStr", [&](const auto& key) { return CPALUtils::SetregSetStr(key, "v%s"); },
-       failed + "set key k", done + "set key k as v%s"},
-      {"SetregGetStr", [&](const auto& key) { return CPALUtils::SetregGetStr(key, m_text); },
-       failed + "get key k", ""},
-      {"SetregSetInt", [&](const auto& key) { return CPALUtils::SetregSetInt(key, 2); },
-       failed + "set key k", done + "set key k as 2"},
-      {"SetregGetInt", [&](const auto& key) { return CPALUtils::SetregGetInt(key, m_number); },
-       failed + "get key k", done + "get key k"},
-      {"SetregGetBool", [&](const auto& key) { return CPALUtils::SetregGetBool(key, m_flag); },
-       failed + "get key k", done + "get key k"},
-      {"SetregSetBool", [&](const auto& key) { return CPALUtils::SetregSetBool(key, true); },
-       failed + "set key k", done + "set key k as 1"},
+TEST_F(Utils, NothingIsAskedOfTheStoreWithoutAKey) {
+  const std::string none;
+  const std::pair<const char*, std::function<bool()>> operations[] = {
+      {"SetregSetStr", [&] { return CPALUtils::SetregSetStr(none, "v"); }},
+      {"SetregGetStr", [&] { return CPALUtils::SetregGetStr(none, m_text); }},
+      {"SetregSetInt", [&] { return CPALUtils::SetregSetInt(none, 1); }},
+      {"SetregGetInt", [&] { return CPALUtils::SetregGetInt(none, m_number); }},
+      {"SetregSetBool", [&] { return CPALUtils::SetregSetBool(none, true); }},
+      {"SetregGetBool", [&] { return CPALUtils::SetregGetBool(none, m_flag); }},
       {"RegisterSetregChangedCb",
-       [&](const auto& key) { return CPALUtils::RegisterSetregChangedCb(key, Ignore, nullptr); },
-       failed + "register for setreg key k nottification",
-       "3 Succeed to register for notification for key k "},
+       [&] { return CPALUtils::RegisterSetregChangedCb(none, Ignore, nullptr); }},
       {"DeregisterSetregChangedCb",
-       [&](const auto& key) { return CPALUtils::DeregisterSetregChangedCb(key, Ignore); },
-       failed + "Un register for setreg key k nottification",
-       "3 Succeed to Un register for notification for key k "},
+       [&] { return CPALUtils::DeregisterSetregChangedCb(none, Ignore); }},
   };
-  for (const auto& operation : operations) {
-    m_fake.m_storeCalls.clear();
-    EXPECT_FALSE(operation.call(""));
-    EXPECT_THAT(TakeLines(operation.name), ElementsAre("6 pKey is empty"));
-    EXPECT_TRUE(m_fake.m_storeCalls.empty());
-    m_fake.m_areStoreCallsFailing = true;
-    EXPECT_FALSE(operation.call("k"));
-    EXPECT_THAT(TakeLines(operation.name), ElementsAre(operation.failure));
-    m_fake.m_areStoreCallsFailing = false;
-    EXPECT_TRUE(operation.call("k"));
-    EXPECT_EQ(TakeLines(operation.name),
-              std::vector<std::string>(operation.success.empty() ? 0 : 1, operation.success));
+  for (const auto& [name, call] : operations) {
+    EXPECT_FALSE(call());
+    EXPECT_THAT(TakeLines(name), ElementsAre("6 pKey is empty"));
   }
-  EXPECT_EQ(m_text, "v%s");
-  EXPECT_EQ(m_number, 2);
-  EXPECT_FALSE(m_flag);  // only 1 is true
+  EXPECT_TRUE(m_fake.m_storeCalls.empty());
 }
 
-TEST_F(Utils, FailedReadsTouchOnlyTheIntegerTheStoreWrote) {
-  EXPECT_FALSE(CPALUtils::SetregGetStr("missing", m_text));
-  EXPECT_FALSE(CPALUtils::SetregGetBool("missing", m_flag));
-  EXPECT_FALSE(CPALUtils::SetregGetInt("missing", m_number));
-  EXPECT_EQ(m_text, "before");
+TEST_F(Utils, FlagsAndFailedReads) {
+  EXPECT_TRUE(CPALUtils::SetregSetBool("k", true));
+  EXPECT_THAT(TakeLines("SetregSetBool"), ElementsAre("4 Succeed to set key k as 1"));
+  for (const int number : {2, 0, 1}) {
+    m_fake.m_values["k"] = number;
+    EXPECT_TRUE(CPALUtils::SetregGetBool("k", m_flag));
+    EXPECT_EQ(m_flag, number == 1);
+    EXPECT_THAT(TakeLines("SetregGetBool"), ElementsAre("4 Succeed to get key k"));
+  }
+  m_fake.m_areStoreCallsFailing = true;
+  EXPECT_FALSE(CPALUtils::SetregSetBool("k", true));
+  EXPECT_THAT(TakeLines("SetregSetBool"), ElementsAre("6 Failed to set key k"));
+  EXPECT_FALSE(CPALUtils::SetregGetBool("k", m_flag));
   EXPECT_TRUE(m_flag);
-  EXPECT_EQ(m_number, GARBAGE_OF_FAILED_READ);
+  EXPECT_THAT(TakeLines("SetregGetBool"), ElementsAre("6 Failed to get key k"));
+  EXPECT_FALSE(CPALUtils::SetregGetStr("k", m_text));
+  EXPECT_EQ(m_text, "before");
+  EXPECT_FALSE(CPALUtils::SetregGetInt("k", m_number));
+  EXPECT_EQ(m_number, GARBAGE_OF_FAILED_READ);  // the store's own
 }
 
 TEST_F(Utils, NodeReaders) {
   platform_settings_node broken{std::nullopt, std::nullopt};
   platform_settings_node text{"name", SettingsValue(std::string("value"))};
   platform_settings_node minusOne{"name", SettingsValue(-1)};
-  const auto readsKey = [&](auto* node) {
-    return CPALUtils::GetSetregKeyFromKeynode(node, m_text);
+  const std::pair<const char*, std::function<bool(platform_settings_node*)>> readers[] = {
+      {"Key", [&](auto* node) { return CPALUtils::GetSetregKeyFromKeynode(node, m_text); }},
+      {"Str", [&](auto* node) { return CPALUtils::GetSetregStrFromKeynode(node, m_text); }},
+      {"Int", [&](auto* node) { return CPALUtils::GetSetregIntFromKeynode(node, m_number); }},
   };
-  const auto readsText = [&](auto* node) {
-    return CPALUtils::GetSetregStrFromKeynode(node, m_text);
-  };
-  const auto readsNumber = [&](auto* node) {
-    return CPALUtils::GetSetregIntFromKeynode(node, m_number);
-  };
-  platform_settings_node* const none = nullptr;
-  EXPECT_FALSE(readsKey(none) || readsKey(&broken));
-  EXPECT_THAT(TakeLines("GetSetregKeyFromKeynode"),
-              ElementsAre("6 pKeynode is NULL", "6 failed to get keynode name"));
-  EXPECT_FALSE(readsText(none) || readsText(&minusOne));
-  EXPECT_THAT(TakeLines("GetSetregStrFromKeynode"),
-              ElementsAre("6 pKeynode is NULL", "6 failed to get str from keynode"));
-  EXPECT_FALSE(readsNumber(none) || readsNumber(&text));
-  EXPECT_THAT(TakeLines("GetSetregIntFromKeynode"),
-              ElementsAre("6 pKeynode is NULL", "6 failed to get int from keynode"));
-  EXPECT_EQ(m_text, "before");
-  EXPECT_EQ(m_number, 5);
-
-  EXPECT_TRUE(readsKey(&text));
+  const char* const failures[] = {"keynode name", "str from keynode", "int from keynode"};
+  for (std::size_t index = 0; index < std::size(readers); ++index) {
+    const auto& [kind, read] = readers[index];
+    EXPECT_FALSE(read(nullptr) || read(&broken));
+    EXPECT_THAT(
+        TakeLines(std::string("GetSetreg") + kind + "FromKeynode"),
+        ElementsAre("6 pKeynode is NULL", std::string("6 failed to get ") + failures[index]));
+  }
+  EXPECT_TRUE(readers[0].second(&text));
   EXPECT_EQ(m_text, "name");
   EXPECT_THAT(TakeLines("GetSetregKeyFromKeynode"),
               ElementsAre("4 Succeed to get keynode name name"));
-  EXPECT_TRUE(readsText(&text));
-  EXPECT_EQ(m_text, "value");
   errno = EIO;  // left over from elsewhere: must not make -1 a failure
-  EXPECT_TRUE(readsNumber(&minusOne));
+  EXPECT_TRUE(readers[1].second(&text) && readers[2].second(&minusOne));
+  EXPECT_EQ(m_text, "value");
   EXPECT_EQ(m_number, -1);
   EXPECT_TRUE(m_fake.TakeLog().empty());
 }
@@ -155,32 +131,27 @@ TEST_F(Utils, QuestionsAboutTheSet) {
 }
 
 TEST_F(Utils, JsonMembers) {
-  const std::string parsed = "4 no error to parse", refused = "6 json parse error";
-  const struct {
-    const char* json;
-    std::string value, line;
-  } cases[] = {
-      {R"({"a": "x", "b": 1})", "x", parsed},
-      {R"({"b": "x"})", "", parsed},
-      {R"({"a": 5})", "5", parsed},
-      {R"({"a": true})", "true", parsed},
-      {R"({"a": null})", "", parsed},
-      {"null", "", parsed},
-      {"{", "error", refused},
-      {"", "error", refused},
-      {"[1]", "thrown", parsed},
-      {"5", "thrown", parsed},
-      {R"({"a": {}})", "thrown", parsed},
-      {R"({"a": [1]})", "thrown", parsed},
-  };
-  for (const auto& [json, value, line] : cases) {
+  const std::pair<const char*, const char*> cases[] = {{R"({"a": "x", "b": 1})", "x"},
+                                                       {R"({"b": "x"})", ""},
+                                                       {R"({"a": 5})", "5"},
+                                                       {R"({"a": true})", "true"},
+                                                       {R"({"a": null})", ""},
+                                                       {"null", ""},
+                                                       {"{", "error"},
+                                                       {"", "error"},
+                                                       {"[1]", "thrown"},
+                                                       {R"({"a": {}})", "thrown"},
+                                                       {R"({"a": [1]})", "thrown"},
+                                                       {"5", "thrown"}};
+  for (const auto& [json, value] : cases) {
     try {
       m_text = CPALUtils::ParseJsonVal(json, "a");
     } catch (const Json::Exception&) {
       m_text = "thrown";
     }
     EXPECT_EQ(m_text, value) << json;
-    EXPECT_THAT(TakeLines("ParseJsonVal"), ElementsAre(line));
+    EXPECT_THAT(TakeLines("ParseJsonVal"),
+                ElementsAre(m_text == "error" ? "6 json parse error" : "4 no error to parse"));
   }
 }
 
