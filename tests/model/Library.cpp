@@ -73,21 +73,21 @@ void RaiseIf(Fault fault, const char* origin) {
 /// process: the library's services live as long.
 class Library {
  public:
-  Library() {
+  explicit Library(Faults& faults) : m_faults(faults) {
     for (unsigned script = 0; script < SCRIPTS; ++script) {
       m_slots.push_back({this, script});
     }
     m_fake.m_onStoreCall = [this] {
       const std::string call = std::exchange(m_fake.m_storeCalls, {}).back();
       Note("STORE", call);
-      RaiseIf(m_storeFault, "store");
-      if (m_storeFault == Fault::NONE && call.rfind("set_", 0) == 0) {
+      RaiseIf(m_faults.store, "store");
+      if (m_faults.store == Fault::NONE && call.rfind("set_", 0) == 0) {
         m_written.push_back(call.substr(call.find(' ') + 1));
       }
     };
     m_fake.m_onCdmCall = [this] {
       Note("CDM", std::exchange(m_fake.m_cdmCalls, {}).back());
-      RaiseIf(m_moduleFault, "module");
+      RaiseIf(m_faults.module, "module");
     };
   }
 
@@ -134,8 +134,8 @@ class Library {
       case Op::CHANGE:
         return Change(step);
       case Op::SCRIPT_STORE:
-        m_storeFault = FaultOf(step.a);
-        m_fake.m_areStoreCallsFailing = m_storeFault == Fault::STATUS;
+        m_faults.store = FaultOf(step.a);
+        m_fake.m_areStoreCallsFailing = m_faults.store == Fault::STATUS;
         return;
       case Op::SCRIPT_MODULE:
         return ScriptModule(step);
@@ -350,8 +350,8 @@ class Library {
       m_fake.m_setGroupResult = flag ? 0 : 1;
       m_fake.m_appPid = flag ? 4711 : -1;
     } else {
-      m_moduleFault = FaultOf(step.b);
-      m_fake.m_operationStatus = m_moduleFault == Fault::STATUS ? 3 : 0;
+      m_faults.module = FaultOf(step.b);
+      m_fake.m_operationStatus = m_faults.module == Fault::STATUS ? 3 : 0;
     }
   }
 
@@ -451,7 +451,7 @@ class Library {
   const std::string m_ownName = g_dbus_connection_get_unique_name(m_connection);
   std::vector<Slot> m_slots;
   int m_nScriptsLeft = 0;
-  Fault m_storeFault = Fault::NONE, m_moduleFault = Fault::NONE;
+  Faults& m_faults;
   std::vector<std::string> m_written;
   bool m_ownsName = false, m_hasLostName = false;
 
@@ -464,8 +464,8 @@ class Library {
 
 }  // namespace
 
-Performer MakeLibrary() {
-  const auto library = std::make_shared<Library>();
+Performer MakeLibrary(Faults& faults) {
+  const auto library = std::make_shared<Library>(faults);
   return [library](const Step& step) { return library->Perform(step); };
 }
 

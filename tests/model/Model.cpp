@@ -10,6 +10,7 @@
 #include <utility>
 #include <variant>
 
+#include "library/FakePlatform.h"
 #include "model/Step.h"
 
 namespace ondaro::model {
@@ -107,6 +108,8 @@ const Function& FunctionOf(Op op) {
 /// code with it.
 class Model {
  public:
+  explicit Model(const Faults& faults) : m_faults(faults) {}
+
   Lines Perform(const Step& step) {
     m_nScriptsLeft = SCRIPTS_PER_STEP;
     Do(step);
@@ -166,10 +169,8 @@ class Model {
       case Op::CHANGE:
         return Change(step);
       case Op::SCRIPT_STORE:
-        m_storeFault = FaultOf(step.a);
-        return;
       case Op::SCRIPT_MODULE:
-        return ScriptModule(step);
+        return;  // the platform's matter
       case Op::PEER_SIGNAL:
       case Op::PEER_CALL:
         return PeerSend(step);
@@ -181,7 +182,7 @@ class Model {
     try {
       const std::string result = step.op == Op::CREATE ? Create(FamilyOf(step)) : Call(step);
       if (std::exchange(m_isGroupSet, false)) {
-        Note("GROUP", std::to_string(m_appPid) + " own");
+        Note("GROUP", std::to_string(m_platform.m_appPid) + " own");
       }
       Note("RESULT", result);
     } catch (const Raised& raised) {
@@ -433,12 +434,12 @@ class Model {
     if (key == "ONDARO_SET_PROCESS_GRP") {
       Log(INFO, API, "SetProcessGroup",
           "pid of caller process : " + std::to_string(getpid()) + ", pid of appid (" + Cut(value) +
-              ") : " + std::to_string(m_appPid) + "\n");
-      if (m_groupResult != 0) {
+              ") : " + std::to_string(m_platform.m_appPid) + "\n");
+      if (m_platform.m_setGroupResult != 0) {
         Refuse("SetProcessGroup", "set process group fail\n");
       }
       m_isGroupSet = true;
-      return m_groupResult == 0;
+      return m_platform.m_setGroupResult == 0;
     }
     if (property == nullptr) {
       return Error("_SetProperty", "property[" + key + "] is undefined"), false;
@@ -490,8 +491,8 @@ class Model {
 
   bool StoreCall(const std::string& call) {
     Note("STORE", call);
-    RaiseIf(m_storeFault, "store");
-    return m_storeFault == Fault::NONE;
+    RaiseIf(m_faults.store, "store");
+    return m_faults.store == Fault::NONE;
   }
 
   template <typename T>
@@ -558,40 +559,24 @@ class Model {
 
   void OpenModule() {
     ModuleCall("supported[com.widevine.alpha]");
-    if (!m_isSupported) {
+    if (m_platform.m_supportStatus != 11) {
       Refuse("CCoreAuthImpl", "Key system[com.widevine.alpha] is not supported.");
       return;
     }
     ModuleCall("create[com.widevine.alpha][0][1]");
-    if (m_isCreateFailing) {
+    if (m_platform.m_isCreateFailing) {
       Refuse("CCoreAuthImpl", "EME instance create Fail!");
       return;
     }
     m_hasInstance = true;
-    m_hasKeys = m_givesKeys;
+    m_hasKeys = m_platform.m_hasKeyInterface;
     Log(INFO, API, "CCoreAuthImpl", "EME instance = [0x] ,created. ");
   }
 
   bool ModuleCall(const std::string& call) {
     Note("CDM", call);
-    RaiseIf(m_moduleFault, "module");
-    return m_moduleFault == Fault::NONE;
-  }
-
-  void ScriptModule(const Step& step) {
-    std::string* const texts[] = {&m_key, &m_cert, &m_sign, &m_systemId};
-    bool* const flags[] = {&m_isSupported, &m_isCreateFailing, &m_givesKeys};
-    const unsigned what = step.a % 10;
-    if (what < 4) {
-      *texts[what] = ValueOf(step.b);
-    } else if (what < 7) {
-      *flags[what - 4] = step.b % 2 == 0;
-    } else if (what == 7) {
-      m_groupResult = static_cast<int>(step.b % 2);
-      m_appPid = m_groupResult == 0 ? 4711 : -1;
-    } else {
-      m_moduleFault = FaultOf(step.b);
-    }
+    RaiseIf(m_faults.module, "module");
+    return m_faults.module == Fault::NONE;
   }
 
   std::string Generate(const Step& step) {
@@ -602,12 +587,12 @@ class Model {
     if (!ModuleCall("generate[][]")) {
       return Refuse(function, "GenerateDeviceKeyAndCert failed.");
     }
-    if (m_key.empty() || m_cert.empty()) {
-      return Refuse(function,
-                    m_key.empty() ? "return by [key.empty()]" : "return by [cert.empty()]");
+    if (m_platform.m_key.empty() || m_platform.m_cert.empty()) {
+      return Refuse(function, m_platform.m_key.empty() ? "return by [key.empty()]"
+                                                       : "return by [cert.empty()]");
     }
-    m_records[step.a % RECORDS] = m_key;
-    m_records[(step.a + 1) % RECORDS] = m_cert;
+    m_records[step.a % RECORDS] = m_platform.m_key;
+    m_records[(step.a + 1) % RECORDS] = m_platform.m_cert;
     return "true";
   }
 
@@ -621,10 +606,10 @@ class Model {
     if (!ModuleCall("sign[" + ValueOf(step.a) + "][" + ValueOf(step.b) + "][]")) {
       return Refuse("_SignHash", "ondaroSign failed.");
     }
-    if (m_sign.empty()) {
+    if (m_platform.m_sign.empty()) {
       return Refuse("_SignHash", "sign is empty");
     }
-    m_records[step.c % RECORDS] = m_sign;
+    m_records[step.c % RECORDS] = m_platform.m_sign;
     return "true";
   }
 
@@ -638,7 +623,7 @@ class Model {
     if (!ModuleCall("query[getSystemId][ ][]")) {
       return Refuse("GetSystemID", "getSystemId failed."), "error";
     }
-    return m_systemId;
+    return m_platform.m_systemId;
   }
 
   // ---- Messaging --------------------------------------------------------------------------------
@@ -769,22 +754,19 @@ class Model {
     }
   }
 
+  const Faults& m_faults;
+  const FakePlatform& m_platform = FakePlatform::Get();
   Lines m_lines;
   int m_nScriptsLeft = 0;
   std::array<bool, 4> m_isCreated = {}, m_hasHandle = {};
   std::map<std::string, int> m_configHandlers, m_serverHandlers, m_clientHandlers;
 
-  Fault m_storeFault = Fault::NONE;
   std::map<std::string, Value> m_store;
   std::set<std::string> m_subscribed;
   std::vector<std::string> m_written;  // keys whose subscribers are still to be told
   std::map<std::string, std::string> m_cache;
-  int m_groupResult = 0, m_appPid = -1;
   bool m_isGroupSet = false;
 
-  Fault m_moduleFault = Fault::NONE;
-  bool m_isSupported = true, m_isCreateFailing = false, m_givesKeys = true;
-  std::string m_key = "key", m_cert = "cert", m_sign = "sign", m_systemId = "system-id";
   bool m_hasInstance = false, m_hasKeys = false;
   std::array<std::optional<std::string>, RECORDS> m_records;
 
@@ -795,8 +777,8 @@ class Model {
 
 }  // namespace
 
-Performer MakeModel() {
-  const auto model = std::make_shared<Model>();
+Performer MakeModel(const Faults& faults) {
+  const auto model = std::make_shared<Model>(faults);
   return [model](const Step& step) { return model->Perform(step); };
 }
 

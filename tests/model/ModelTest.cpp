@@ -46,7 +46,8 @@ int Compare(unsigned wrong, const char* fileName) {
   if (!file.eof() || steps.empty()) {
     return 2;
   }
-  const Performer library = MakeLibrary(), model = MakeModel();
+  Faults faults;
+  const Performer library = MakeLibrary(faults), model = MakeModel(faults);
   for (std::size_t done = 0; done < steps.size(); ++done) {
     Lines expected = model(steps[done]);
     const Lines observed = library(steps[done]);

@@ -97,8 +97,14 @@ constexpr int SCRIPTS_PER_STEP = 6;
 using Lines = std::vector<std::string>;
 using Performer = std::function<Lines(const Step&)>;
 
-Performer MakeModel();
-Performer MakeLibrary();
+/// What the scripted platform fails with. The library's side sets it, and with it the platform's
+/// own script; the model reads both.
+struct Faults {
+  Fault store = Fault::NONE, module = Fault::NONE;
+};
+
+Performer MakeModel(const Faults& faults);
+Performer MakeLibrary(Faults& faults);
 
 }  // namespace ondaro::model
 
