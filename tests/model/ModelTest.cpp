@@ -140,7 +140,7 @@ TEST(Model, TheCorpusHolds) {
 }
 
 TEST(Model, RandomSequencesHold) {
-  const unsigned runs = test::ByTier(5U, 30U, 100U);
+  const unsigned runs = test::ByTier(8U, 30U, 100U);
   for (unsigned seed = 1; seed <= runs; ++seed) {
     const Steps sequence = RandomSteps(seed, STEPS_PER_RUN);
     const auto failure = Replay(0, sequence);

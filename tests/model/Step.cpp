@@ -69,9 +69,10 @@ constexpr int NUMBERS[] = {0, 1, 2, 3, 7, -1};
 const char* const TYPES[] = {"(ss)", "(ss)", "(s)", "()", "(si)", "(sss)", "(is)", "(ay)"};
 constexpr unsigned HANDLE_AND_THIRD = NULL_HANDLE | NULL_THIRD,
                    ALL_BUT_FIRST = HANDLE_AND_THIRD | NULL_SECOND, ALL = ALL_BUT_FIRST | NULL_FIRST;
-constexpr unsigned HOWS[] = {EXPORTED,         EXPORTED,      EXPORTED,   EXPORTED,    WRAPPER,
-                             WRAPPER,          WRAPPER,       NULL_FIRST, NULL_SECOND, NULL_HANDLE,
-                             HANDLE_AND_THIRD, ALL_BUT_FIRST, ALL};
+constexpr unsigned HOWS[] = {
+    EXPORTED, EXPORTED,         EXPORTED,      EXPORTED,   EXPORTED,    EXPORTED,    EXPORTED,
+    EXPORTED, HANDLE_AND_THIRD, ALL_BUT_FIRST, NULL_FIRST, NULL_SECOND, NULL_HANDLE, ALL,
+    WRAPPER,  WRAPPER,          WRAPPER,       WRAPPER,    WRAPPER};
 
 template <typename Table>
 const auto& Pick(const Table& table, unsigned number) {
