@@ -649,10 +649,10 @@ class Model {
     RequireSendable(name, data);
     Log(INFO, PAL, "SendDataToServer",
         "Values are being sent. appEvt : " + name + ", surfaceId : " + data);
-    if (m_hasObject) {
-      return m_onTheWay.push_back([=] { ArriveCall({"own", name, data}); });
-    }
-    m_onTheWay.push_back([=] { Error(COMPLETION, "g_dbus_proxy_call_finish error : "); });
+    m_onTheWay.emplace_back([=, isHeard = m_hasObject] {
+      isHeard ? ArriveCall({"own", name, data})
+              : Error(COMPLETION, "g_dbus_proxy_call_finish error : ");
+    });
   }
 
   void PeerSend(const Step& step) {
@@ -673,7 +673,7 @@ class Model {
 
   /// One that was subscribed again after the signal arrived does not get it.
   void SendSignal(const Message& message) {
-    m_onTheWay.push_back([this, message, subscription = m_subscription] {
+    m_onTheWay.emplace_back([this, message, subscription = m_subscription] {
       if (subscription != 0 && subscription == m_subscription) {
         ArriveSignal(message);
       }
@@ -722,7 +722,8 @@ class Model {
         }
       }
       if (message.sender == "own") {
-        m_onTheWay.push_back([=] { Log(INFO, PAL, COMPLETION, "g_dbus_proxy_call result : 0"); });
+        m_onTheWay.emplace_back(
+            [=] { Log(INFO, PAL, COMPLETION, "g_dbus_proxy_call result : 0"); });
       }
     }
     Log(INFO, PAL, "BusInterfaceMethodCallback", "Finish" + where);
