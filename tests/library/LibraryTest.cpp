@@ -87,6 +87,16 @@ TEST_F(Library, TheWrapperHandsOverStringsAsTheyAreAndTheEndTellsAFailedDestroy)
   EXPECT_EQ(log.rbegin()[1], "4 ONDARO_API ~CCoreAuthImpl: eme instance destroyed");
 }
 
+TEST_F(Library, OneStatusAloneIsSupport) {
+  for (m_fake.m_supportStatus = -1; m_fake.m_supportStatus <= 12; ++m_fake.m_supportStatus) {
+    m_fake.TakeLog();
+    const NOndaroAPI::CCoreAuth wrapper(NOndaroPAL::CPALFactory::CreateCoreAuthImpl());
+    const bool isRefused =
+        m_fake.TakeLog()[1].body == "Key system[com.widevine.alpha] is not supported.";
+    EXPECT_EQ(isRefused, m_fake.m_supportStatus != 11);
+  }
+}
+
 TEST_F(Library, AChangeForNobodyIsTold) {
   platform_settings_node node{"key", SettingsValue(std::string("b"))};
   NOndaroPAL::CSystemConfigImpl::OndaroStatusChangedCallback(&node, nullptr);
