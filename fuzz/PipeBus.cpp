@@ -70,10 +70,12 @@ Pipe& Ends() {
 }  // namespace
 
 GVariant* MakeBody(const std::string& type, const std::string& bytes) {
-  GVariant* untrusted = g_variant_ref_sink(g_variant_new_from_data(
-      G_VARIANT_TYPE(type.c_str()), bytes.data(), bytes.size(), FALSE, nullptr, nullptr));
+  GBytes* shared = g_bytes_new(bytes.data(), bytes.size());  // the body may go on using them
+  GVariant* untrusted =
+      g_variant_ref_sink(g_variant_new_from_bytes(G_VARIANT_TYPE(type.c_str()), shared, FALSE));
   GVariant* body = g_variant_get_normal_form(untrusted);
   g_variant_unref(untrusted);
+  g_bytes_unref(shared);
   return body;
 }
 
