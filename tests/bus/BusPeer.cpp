@@ -1,22 +1,20 @@
 // One end of the messaging, or both, in a process of its own, driven through the exported functions
-// by lines on standard input; answers and events go to standard output, a line each:
+// by lines on standard input. Each is answered with "done" or, where the library says so, "failed";
+// events go to standard output too, a line "NAME DATA" each.
 //
-//   get server|client|config|auth       get the handle              -> "server ok" or "server null"
-//   race COUNT                          that many threads get all handles at once -> "race ok"
-//   stay                                outlive the bus             -> "staying"
-//   expect NAME (as server or client)   register, print events      -> later "NAME DATA"
-//   hold NAME                           as expect, but the first event is handled until a line
-//   comes echo NAME REPLY                     server: answer NAME's data with the event REPLY send
-//   NAME DATA                      from the end whose handle was got last -> "sent CODE" large NAME
-//   SIZE                     send data of that size      -> "sent CODE" clear unregister everything
-//   -> "cleared" sync                                wait for what the bus has sent so far ->
-//   "synced" volley COUNT WINDOW                 client: COUNT events "ping" with WINDOW unanswered
-//   at most;
-//                                       each must come back as "pong", in order -> "volley ok"
-//   flood NAME COUNT                    send COUNT events and say nothing
-//   fork                                a child that exits as programs do, soon -> "forked STATUS"
-//   usage                               -> "usage KIB DESCRIPTORS", resident and open now
-//   quit                                exit at once, whatever is under way
+//   get server|client|config|auth  get the handle
+//   race COUNT           that many threads get all handles at once
+//   stay                 outlive the bus
+//   expect NAME          register, as server or client, and print events
+//   hold NAME            as expect, but the first event is handled until a line comes
+//   echo NAME REPLY      server: answer NAME's data with the event REPLY
+//   send NAME DATA       from the end whose handle was got last; "*SIZE" for data of that size
+//   sync                 wait for what the bus has sent so far
+//   volley COUNT WINDOW  client: COUNT events "ping" with WINDOW unanswered at most, each of which
+//                        must come back as "pong", in order; answered when all have
+//   flood NAME COUNT     send COUNT events; no answer
+//   fork                 a child that exits as programs do, soon
+//   quit                 exit at once, whatever is under way
 //
 // The main loop runs between two lines. The process ends with its input too.
 #include <gio/gio.h>
@@ -28,8 +26,6 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <list>
 #include <map>
@@ -55,6 +51,7 @@ GIOChannel* g_input = nullptr;
 const pid_t g_pid = getpid();
 
 void Say(const std::string& text) { std::printf("%s\n", text.c_str()); }
+void Answer(bool isDone) { Say(isDone ? "done" : "failed"); }
 
 std::string ReadLine() {
   gchar* text = nullptr;
@@ -115,11 +112,15 @@ void Register(const std::string& name, const Handler& handler) {
   }
 }
 
-int Send(const std::string& name, const std::string& text) {
+bool Send(const std::string& name, const std::string& text) {
   const std::string data = text[0] != '*' ? text : std::string(std::stoul(text.substr(1)), 'x');
-  return g_sendsToClient
-             ? OndaroApi_IpcServer_SendDataToClient(g_server, name.c_str(), data.c_str())
-             : OndaroApi_IpcClient_SendDataToServer(g_client, name.c_str(), data.c_str());
+  const int code = g_sendsToClient
+                       ? OndaroApi_IpcServer_SendDataToClient(g_server, name.c_str(), data.c_str())
+                       : OndaroApi_IpcClient_SendDataToServer(g_client, name.c_str(), data.c_str());
+  if (code != 0 && code != -1) {
+    Say("sent " + std::to_string(code));
+  }
+  return code == 0;
 }
 
 void Expect(const std::string& name, bool isHeld) {
@@ -131,14 +132,14 @@ void Expect(const std::string& name, bool isHeld) {
       ReadLine();
     }
   });
-  Say("expecting " + name);
+  Answer(true);
 }
 
 void Echo(const std::string& name, const std::string& reply) {
   Register(name, [reply](const char* data) {
     OndaroApi_IpcServer_SendDataToClient(g_server, reply.c_str(), data);
   });
-  Say("echoing " + name);
+  Answer(true);
 }
 
 void Volley(long count, long window) {
@@ -154,7 +155,7 @@ void Volley(long count, long window) {
       Say(std::string("volley: ") + data + " instead of " + std::to_string(answered));
     }
     if (++answered == count) {
-      Say("volley ok");
+      Answer(true);
     }
     sendOn();
   });
@@ -168,7 +169,7 @@ GDBusConnection* Shared() {
 
 void Stay() {
   g_dbus_connection_set_exit_on_close(Shared(), FALSE);
-  Say("staying");
+  Answer(true);
 }
 
 void Fork() {
@@ -179,16 +180,7 @@ void Fork() {
   }
   int status = 0;
   waitpid(child, &status, 0);
-  Say("forked " + std::to_string(status));
-}
-
-void ReportUsage() {
-  std::ifstream statm("/proc/self/statm");
-  long total = 0, resident = 0;
-  statm >> total >> resident;
-  const std::filesystem::directory_iterator open("/proc/self/fd");
-  Say("usage " + std::to_string(resident * (sysconf(_SC_PAGESIZE) / 1024)) + " " +
-      std::to_string(std::distance(begin(open), end(open))));
+  Answer(status == 0);
 }
 
 void Run(const std::string& line) {
@@ -197,17 +189,17 @@ void Run(const std::string& line) {
   words >> command >> first >> second;
   const auto number = [](const std::string& text) { return std::stol(text); };
   const std::map<std::string, std::function<void()>> commands = {
-      {"get", [&] { Say(first + (Get(first) != nullptr ? " ok" : " null")); }},
-      {"race", [&] { Say(Race(std::stoul(first)) ? "race ok" : "race lost"); }},
+      {"get", [&] { Answer(Get(first) != nullptr); }},
+      {"race", [&] { Answer(Race(std::stoul(first))); }},
       {"stay", Stay},
       {"expect", [&] { Expect(first, false); }},
       {"hold", [&] { Expect(first, true); }},
       {"echo", [&] { Echo(first, second); }},
-      {"send", [&] { Say("sent " + std::to_string(Send(first, second))); }},
+      {"send", [&] { Answer(Send(first, second)); }},
       {"sync",
        [] {
          ondaro::test::SyncWithBus(Shared());
-         Say("synced");
+         Answer(true);
        }},
       {"volley", [&] { Volley(number(first), number(second)); }},
       {"flood",
@@ -217,7 +209,6 @@ void Run(const std::string& line) {
          }
        }},
       {"fork", Fork},
-      {"usage", ReportUsage},
       {"quit", [] { std::exit(EXIT_SUCCESS); }}};
   commands.at(command)();
 }

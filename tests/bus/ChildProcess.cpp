@@ -66,11 +66,7 @@ ChildProcess::~ChildProcess() {
 }
 
 void ChildProcess::Write(const std::string& text) const {
-  std::size_t done = 0;
-  while (done < text.size()) {
-    done += static_cast<std::size_t>(
-        Checked(static_cast<int>(write(m_input, text.data() + done, text.size() - done)), "write"));
-  }
+  Checked(static_cast<int>(write(m_input, text.data(), text.size())), "write");
 }
 
 void ChildProcess::CloseInput() {

@@ -3,7 +3,6 @@
 #include <signal.h>
 
 #include <cstdlib>
-#include <filesystem>
 
 #include "bus/PrivateBus.h"
 
@@ -11,9 +10,8 @@ namespace ondaro::test {
 namespace {
 
 TEST(Examples, CompleteTheirExchange) {
-  std::string state = testing::TempDir() + "ondaro-state-XXXXXX";
-  ASSERT_NE(mkdtemp(state.data()), nullptr);
-  setenv("ONDARO_HOST_STATE", state.c_str(), 1);
+  const TemporaryDirectory state;
+  setenv("ONDARO_HOST_STATE", state.Path().c_str(), 1);
   setenv("ONDARO_HOST_LOG", "off", 1);
   PrivateBus bus;
   ChildProcess daemon({ONDARO_EXAMPLE_DAEMON});
@@ -30,7 +28,6 @@ TEST(Examples, CompleteTheirExchange) {
   }
   daemon.Signal(SIGTERM);
   EXPECT_EQ(daemon.Wait(), 0);
-  std::filesystem::remove_all(state);
 }
 
 }  // namespace

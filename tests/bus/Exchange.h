@@ -4,12 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <memory>
-#include <stdexcept>
 #include <string>
 
+#include "TemporaryDirectory.h"
 #include "Tier.h"
 #include "bus/PlainPeer.h"
 #include "bus/PrivateBus.h"
@@ -23,15 +22,14 @@ class Peer : public ChildProcess {
   explicit Peer(const std::string& logFile = "/dev/null")
       : ChildProcess({LoggingTo(logFile)}), m_logFile(logFile) {}
 
-  /// The answer to one line.
-  std::string Do(const std::string& line) {
-    Write(line + "\n");
-    return ReadLine().value_or("(nothing)");
+  /// Whether each of the lines was answered with "done".
+  template <typename... Lines>
+  bool Do(const Lines&... lines) {
+    return (DoLine(lines) && ...);
   }
   /// Becomes the daemon's end, which may send some time after the handle was got.
   bool Serve() {
-    return Do("get server") == "server ok" &&
-           WaitUntil([this] { return Do("send probe") == "sent 0"; });
+    return Do("get server") && WaitUntil([this] { return Do("send probe"); });
   }
   /// How many lines of its log contain `text`.
   int Logged(const std::string& text) const {
@@ -51,6 +49,12 @@ class Peer : public ChildProcess {
     setenv("ONDARO_HOST_LOG", ("verbose:" + logFile).c_str(), 1);
     return ONDARO_TEST_BUS_PEER;
   }
+  bool DoLine(const std::string& line) {
+    Write(line + "\n");
+    const std::string answer = ReadLine().value_or("(nothing)");
+    EXPECT_TRUE(answer == "done" || answer == "failed") << line << ": " << answer;
+    return answer == "done";
+  }
 
   std::string m_logFile;
 };
@@ -58,15 +62,9 @@ class Peer : public ChildProcess {
 /// A bus, and a state of the host backend that is the test's own.
 class Exchange : public testing::Test {
  protected:
-  Exchange() {
-    if (mkdtemp(m_state.data()) == nullptr) {
-      throw std::runtime_error("no directory for the state");
-    }
-    setenv("ONDARO_HOST_STATE", m_state.c_str(), 1);
-  }
-  ~Exchange() override { std::filesystem::remove_all(m_state); }
+  Exchange() { setenv("ONDARO_HOST_STATE", m_state.Path().c_str(), 1); }
 
-  std::string m_state = testing::TempDir() + "ondaro-state-XXXXXX";
+  const TemporaryDirectory m_state;
   std::unique_ptr<PrivateBus> m_bus = std::make_unique<PrivateBus>();
 };
 

@@ -1,31 +1,18 @@
 #include "bus/PrivateBus.h"
 
 #include <signal.h>
-#include <sys/stat.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
-#include <system_error>
 
 namespace ondaro::test {
 
 namespace {
 
 constexpr const char* ADDRESS_VARIABLE = "DBUS_SYSTEM_BUS_ADDRESS";
-
-std::string MakeDirectory() {
-  std::string path = std::filesystem::temp_directory_path() / "ondaro-bus-XXXXXX";
-  if (mkdtemp(path.data()) == nullptr) {
-    throw std::system_error(errno, std::generic_category(), path);
-  }
-  // Other users' processes reach the socket too.
-  std::filesystem::permissions(path, std::filesystem::perms(0755));
-  return path;
-}
 
 }  // namespace
 
@@ -39,8 +26,10 @@ const char* const OPEN_POLICY = R"(
   </policy>)";
 
 PrivateBus::PrivateBus(const std::string& policy)
-    : m_directory(MakeDirectory()), m_address("unix:path=" + m_directory + "/socket") {
-  std::ofstream(m_directory + "/bus.conf")
+    : m_address("unix:path=" + m_directory / "socket") {
+  // Other users' processes reach the socket too.
+  std::filesystem::permissions(m_directory.Path(), std::filesystem::perms(0755));
+  std::ofstream(m_directory / "bus.conf")
       << "<busconfig>\n  <type>system</type>\n  <auth>EXTERNAL</auth>\n  <listen>" << m_address
       << "</listen>" << policy << "\n</busconfig>\n";
   Start();
@@ -50,8 +39,6 @@ PrivateBus::PrivateBus(const std::string& policy)
 PrivateBus::~PrivateBus() {
   unsetenv(ADDRESS_VARIABLE);
   m_daemon.reset();
-  std::error_code ignored;
-  std::filesystem::remove_all(m_directory, ignored);
 }
 
 void PrivateBus::Kill() { m_daemon.reset(); }
@@ -61,9 +48,9 @@ void PrivateBus::Freeze() { m_daemon->Freeze(); }
 void PrivateBus::Thaw() { m_daemon->Signal(SIGCONT); }
 
 void PrivateBus::Start() {
-  const std::string log = m_directory + "/bus.log";
+  const std::string log = m_directory / "bus.log";
   m_daemon = std::make_unique<ChildProcess>(
-      std::vector<std::string>{"dbus-daemon", "--config-file=" + m_directory + "/bus.conf",
+      std::vector<std::string>{"dbus-daemon", "--config-file=" + m_directory / "bus.conf",
                                "--nofork", "--nopidfile", "--nosyslog", "--print-address"},
       ChildProcess::Options{false, log});
   if (m_daemon->ReadLine()) {

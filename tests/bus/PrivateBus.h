@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "TemporaryDirectory.h"
 #include "bus/ChildProcess.h"
 
 namespace ondaro::test {
@@ -36,8 +37,8 @@ class PrivateBus {
   void Start();
 
  private:
-  std::string m_directory;
-  std::string m_address;
+  const TemporaryDirectory m_directory;
+  const std::string m_address;
   std::unique_ptr<ChildProcess> m_daemon;
 };
 

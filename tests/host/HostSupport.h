@@ -13,35 +13,9 @@
 #include <stdexcept>
 #include <string>
 
+#include "TemporaryDirectory.h"
+
 namespace ondaro::test {
-
-/// Goes with its object, but not with the copies of it that forked processes have.
-class TemporaryDirectory {
- public:
-  explicit TemporaryDirectory(
-      const std::filesystem::path& base = std::filesystem::temp_directory_path()) {
-    std::string name = (base / "ondaro-host-XXXXXX").string();
-    if (mkdtemp(name.data()) == nullptr) {
-      throw std::runtime_error("no temporary directory");
-    }
-    m_path = name;
-  }
-  ~TemporaryDirectory() {
-    std::error_code ignored;
-    if (m_owner == getpid()) {
-      std::filesystem::remove_all(m_path, ignored);
-    }
-  }
-  TemporaryDirectory(const TemporaryDirectory&) = delete;
-  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-
-  std::string operator/(const std::string& name) const { return m_path / name; }
-  std::string Path() const { return m_path; }
-
- private:
-  std::filesystem::path m_path;
-  const pid_t m_owner = getpid();
-};
 
 /// Where a sync costs nothing, for tests of what is not the disk's.
 inline std::filesystem::path FastDirectory() {
