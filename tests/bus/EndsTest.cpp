@@ -4,9 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -14,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "Files.h"
 #include "bus/PlainPeer.h"
 #include "bus/PrivateBus.h"
 #include "bus/WaitUntil.h"
@@ -28,15 +27,12 @@ std::optional<std::string> g_description;
 
 }  // namespace
 
-gboolean g_file_get_contents(const gchar*, gchar** contents, gsize* length, GError** error) {
+gboolean g_file_get_contents(const gchar*, gchar** contents, gsize*, GError** error) {
   if (!g_description) {
     g_set_error_literal(error, G_FILE_ERROR, G_FILE_ERROR_NOENT, "no such file");
     return FALSE;
   }
   *contents = g_strndup(g_description->data(), g_description->size());
-  if (length != nullptr) {
-    *length = g_description->size();
-  }
   return TRUE;
 }
 
@@ -49,8 +45,7 @@ class Ends : public testing::Test {
  protected:
   /// The process's shared connection is held to see what is left of it.
   Ends() {
-    std::ifstream file(ONDARO_TEST_DESCRIPTION);
-    g_description.emplace(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    g_description = ReadFile(ONDARO_TEST_DESCRIPTION);
     m_shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
     g_dbus_connection_set_exit_on_close(m_shared, FALSE);
     ForgetLog();
@@ -87,19 +82,18 @@ class Ends : public testing::Test {
     m_server->RegisterEventHandler("event", Recorder("event"));
   }
   void AwaitServing() {
-    ASSERT_TRUE(WaitUntil([this] { return CanSend(*m_server); }));
+    ASSERT_TRUE(WaitUntil([this] {
+      try {
+        m_server->SendDataToClient("probe", "");
+        return true;
+      } catch (const std::exception&) {
+        return false;
+      }
+    }));
   }
   void CreateServing() {
     CreateServer();
     AwaitServing();
-  }
-  static bool CanSend(NOndaroAPI::IIpcServerImpl& server) {
-    try {
-      server.SendDataToClient("probe", "");
-      return true;
-    } catch (const std::exception&) {
-      return false;
-    }
   }
   void CreateClient() {
     m_client.reset(CPALFactory::CreateIpcClientImpl());
@@ -226,6 +220,10 @@ TEST_F(Ends, AreServedByTheContextOfTheThreadThatMadeThem) {
 
 // ---- Interface descriptions that are not what they should be ------------------------------------
 
+const std::string PATH = "name='/com/halvex/tv/ondaro'";
+const std::string INPUT = "<arg type='s' direction='in'/>";
+const std::string ARGUMENTS = INPUT + INPUT + "<arg type='i' direction='out'/>";
+
 std::string Node(const std::string& attributes, const std::string& content) {
   return "<node " + attributes + ">" + content + "</node>";
 }
@@ -234,10 +232,6 @@ std::string Interface(const std::string& arguments, const std::string& other = "
   return "<interface name='com.halvex.tv.ondaro'>" + other + "<method name='sendDataToServer'>" +
          arguments + "</method></interface>";
 }
-
-const std::string PATH = "name='/com/halvex/tv/ondaro'";
-const std::string ARGUMENTS =
-    "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='i' direction='out'/>";
 
 TEST_F(Ends, HaveNoServerWithoutAUsableDescription) {
   const std::string whole = Node(PATH, Interface(ARGUMENTS));
@@ -265,8 +259,7 @@ TEST_F(Ends, HaveNoServerWithoutAUsableDescription) {
 
 TEST_F(Ends, ServeWhatAnOddDescriptionDeclares) {
   constexpr int SHORT_TIMEOUT = 200;  // milliseconds, where no answer is to be had
-  const std::string input = "<arg type='s' direction='in'/>", other = "<method name='other'/>";
-  const std::string none = "error: Timeout was reached";
+  const std::string other = "<method name='other'/>", none = "error: Timeout was reached";
   const struct {
     std::string description;
     const char* member;
@@ -274,9 +267,9 @@ TEST_F(Ends, ServeWhatAnOddDescriptionDeclares) {
     std::string answer;
     const char* log;
   } rows[] = {
-      {Interface(input), METHOD, "('1',)", "error: GDBus.Error", "unexpected arguments (s)"},
+      {Interface(INPUT), METHOD, "('1',)", "error: GDBus.Error", "unexpected arguments (s)"},
       // GLib sends no answer that the description does not allow.
-      {Interface(input + input), METHOD, "('event', '')", none, "Finish sender:"},
+      {Interface(INPUT + INPUT), METHOD, "('event', '')", none, "Finish sender:"},
       {Interface(ARGUMENTS, other), "other", "()", none, "invalid method is sent method_name : "},
       {Interface(ARGUMENTS, other), METHOD, "('event', '')", "(0,)", "Finish sender:"}};
   for (const auto& row : rows) {

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "TemporaryDirectory.h"
+#include "Files.h"
 #include "Tier.h"
 #include "bus/PlainPeer.h"
 #include "bus/PrivateBus.h"

@@ -8,11 +8,10 @@
 #include <pwd.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <regex>
 
+#include "Files.h"
 #include "bus/PlainPeer.h"
 #include "bus/PrivateBus.h"
 #include "bus/WaitUntil.h"
@@ -56,14 +55,9 @@ const Role ROLES[] = {
     {"ApplicationGroup", "group=\"ondaro\"", "group=\"" + PlayersGroup() + "\"", false, true},
     {"Anybody", "", "", false, false}};
 
-std::string ReadPolicy() {
-  std::ifstream file(ONDARO_TEST_POLICY);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
 /// The defaults and the shipped policies, with `rule` made to name another.
 std::string Configuration(const std::string& rule, const std::string& taken) {
-  std::string text = ReadPolicy();
+  std::string text = ReadFile(ONDARO_TEST_POLICY);
   text.replace(text.find(rule), rule.size(), taken);
   const std::size_t begin = text.find("<policy");
   return SYSTEM_DEFAULTS + text.substr(begin, text.find("</busconfig>") - begin);
@@ -146,7 +140,7 @@ TEST(PolicyAsShipped, KeepsOutEventsThatTheDaemonDidNotSend) {
 
 TEST(PolicyAsShipped, IsReadByTheBusAndNamesADestinationInEverySendRule) {
   PrivateBus bus("<include>" ONDARO_TEST_POLICY "</include>");
-  const std::string text = ReadPolicy();
+  const std::string text = ReadFile(ONDARO_TEST_POLICY);
   const std::regex rule("<[^>]* send_[^>]*>");
   int rules = 0;
   for (std::sregex_iterator at(text.begin(), text.end(), rule), end; at != end; ++at, ++rules) {

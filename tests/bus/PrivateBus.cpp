@@ -4,8 +4,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 
 namespace ondaro::test {
@@ -29,9 +27,9 @@ PrivateBus::PrivateBus(const std::string& policy)
     : m_address("unix:path=" + m_directory / "socket") {
   // Other users' processes reach the socket too.
   std::filesystem::permissions(m_directory.Path(), std::filesystem::perms(0755));
-  std::ofstream(m_directory / "bus.conf")
-      << "<busconfig>\n  <type>system</type>\n  <auth>EXTERNAL</auth>\n  <listen>" << m_address
-      << "</listen>" << policy << "\n</busconfig>\n";
+  WriteFile(m_directory / "bus.conf",
+            "<busconfig>\n  <type>system</type>\n  <auth>EXTERNAL</auth>\n  <listen>" + m_address +
+                "</listen>" + policy + "\n</busconfig>\n");
   Start();
   setenv(ADDRESS_VARIABLE, m_address.c_str(), 1);
 }
@@ -56,9 +54,7 @@ void PrivateBus::Start() {
   if (m_daemon->ReadLine()) {
     return;
   }
-  std::ifstream file(log);
-  throw std::runtime_error("the private bus did not start: " +
-                           std::string{std::istreambuf_iterator<char>(file), {}});
+  throw std::runtime_error("the private bus did not start: " + ReadFile(log));
 }
 
 }  // namespace ondaro::test

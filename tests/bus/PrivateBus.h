@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "TemporaryDirectory.h"
+#include "Files.h"
 #include "bus/ChildProcess.h"
 
 namespace ondaro::test {

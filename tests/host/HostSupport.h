@@ -8,12 +8,10 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 
-#include "TemporaryDirectory.h"
+#include "Files.h"
 
 namespace ondaro::test {
 
@@ -72,15 +70,6 @@ class Child {
 template <typename Body>
 int RunInChild(Body body) {
   return Child(body).Wait();
-}
-
-inline std::string ReadFile(const std::string& path) {
-  std::ifstream stream(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
-
-inline void WriteFile(const std::string& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
 }  // namespace ondaro::test

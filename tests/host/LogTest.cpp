@@ -34,14 +34,13 @@ struct Line {
 
 class LogTest : public testing::Test {
  protected:
-  void LogTo(const std::string& settings) {
+  /// The file's lines, each of them whole, when a child with these settings has run `body`.
+  template <typename Body>
+  std::vector<Line> LinesOf(const std::string& settings, Body body) const {
+    static const std::regex format(R"( *(\d+\.\d{6}) +(\d+) +(\d+) ([VDIWEF]) (.*))");
     std::filesystem::remove(m_file);
     setenv("ONDARO_HOST_LOG", settings.c_str(), 1);
-  }
-
-  /// Every line has to be whole.
-  std::vector<Line> Lines() const {
-    static const std::regex format(R"( *(\d+\.\d{6}) +(\d+) +(\d+) ([VDIWEF]) (.*))");
+    EXPECT_EQ(RunInChild(body), 0) << settings;
     std::vector<Line> lines;
     std::istringstream log(ReadFile(m_file));
     for (std::string text; std::getline(log, text) && !log.eof();) {
@@ -59,89 +58,69 @@ class LogTest : public testing::Test {
 };
 
 TEST_F(LogTest, KeepsOneMessageOnOneLineThatAReaderCanUndo) {
-  struct Case {
-    const char* tag;
-    std::string message;
-    std::string line;
-  };
-  const std::vector<Case> cases = {
-      {"ONDARO_PAL", "[void f()]Entered ", "ONDARO_PAL: [void f()]Entered "},
+  const std::vector<std::array<const char*, 3>> cases = {
       {"ONDARO_PAL", "set process group fail\n", R"(ONDARO_PAL: set process group fail\n)"},
       {"", "", ": "},
       {"a b:c\\d\n", "a\r\tc\x1b[\x7f \\n", R"(a\x20b\x3ac\\d\n: a\x0d\tc\x1b[\x7f \\n)"},
       {"T", "\xc3\xbc \xe2\x82\xac \xff\xfe", "T: \xc3\xbc \xe2\x82\xac \xff\xfe"},
   };
-  LogTo("debug:" + m_file);
   const auto now = [] {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch());
   };
   const double before = now().count();
-  Child child([&] {
-    for (const Case& each : cases) {
-      platform_log_print(0, INFO, each.tag, "%s", each.message.c_str());
+  const std::vector<Line> lines = LinesOf("debug:" + m_file, [&] {
+    for (const auto& [tag, message, line] : cases) {
+      platform_log_print(0, INFO, tag, "%s", message);
     }
   });
-  const pid_t pid = child.Pid();
-  ASSERT_EQ(child.Wait(), 0);
-  const std::vector<Line> lines = Lines();
   ASSERT_EQ(lines.size(), cases.size());
   for (std::size_t i = 0; i < lines.size(); ++i) {
-    EXPECT_EQ(lines[i].text, cases[i].line);
-    EXPECT_TRUE(lines[i].process == pid && lines[i].thread == pid);
+    EXPECT_EQ(lines[i].text, cases[i][2]);
+    EXPECT_EQ(lines[i].process, lines[i].thread);
     EXPECT_TRUE(lines[i].time + 1e-6 >= before && lines[i].time <= now().count());
   }
 }
 
 TEST_F(LogTest, FiltersBeforeItFormatsAndWritesErrorsToStandardErrorUnlessTold) {
-  const std::map<std::string, std::string> logged = {{"verbose:" + m_file, "VDIWEF"},
-                                                     {"debug:" + m_file, "DIWEF"},
-                                                     {"info:" + m_file, "IWEF"},
-                                                     {"warning:" + m_file, "WEF"},
-                                                     {"error:" + m_file, "EF"},
-                                                     {"fatal:" + m_file, "F"},
-                                                     {"off:" + m_file, ""},
-                                                     {"nonsense:" + m_file, "EF"},
-                                                     {":" + m_file, "EF"},
-                                                     {"info", "IWEF"},
-                                                     {"error:stderr", "EF"},
-                                                     {":", "EF"},
-                                                     {"", "EF"},
-                                                     {"unset", "EF"}};
-  for (const auto& [settings, letters] : logged) {
-    LogTo(settings);
-    const auto lowest = 8 - static_cast<int>(letters.size());
-    ASSERT_EQ(RunInChild([&, unset = settings == "unset"] {
-                unset ? unsetenv("ONDARO_HOST_LOG") : 0;
-                dup2(open(m_file.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
-                const auto* const nowhere = reinterpret_cast<const char*>(8);
-                for (int priority = 2; priority <= 7; ++priority) {
-                  platform_log_print(0, priority, "T", "%s", priority < lowest ? nowhere : "");
-                }
-              }),
-              0);
+  std::map<std::string, std::string> logged = {{"info", "IWEF"}};
+  std::string letters = "VDIWEF";
+  for (const char* name : {"verbose", "debug", "info", "warning", "error", "fatal", "off"}) {
+    logged[name + (":" + m_file)] = letters;
+    letters.erase(0, 1);
+  }
+  for (const std::string& other : {"nonsense:" + m_file, ":" + m_file, std::string("error:stderr"),
+                                   std::string(":"), std::string(), std::string("unset")}) {
+    logged[other] = "EF";
+  }
+  for (const auto& [settings, expected] : logged) {
+    const auto lowest = 8 - static_cast<int>(expected.size());
     std::string found;
-    for (const Line& line : Lines()) {
+    for (const Line& line : LinesOf(settings, [&, unset = settings == "unset"] {
+           unset ? unsetenv("ONDARO_HOST_LOG") : 0;
+           dup2(open(m_file.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
+           const auto* const nowhere = reinterpret_cast<const char*>(8);
+           for (int priority = 2; priority <= 7; ++priority) {
+             platform_log_print(0, priority, "T", "%s", priority < lowest ? nowhere : "");
+           }
+         })) {
       found += line.priority;
     }
-    EXPECT_EQ(found, letters) << settings;
+    EXPECT_EQ(found, expected) << settings;
   }
 }
 
 TEST_F(LogTest, ServesForkedChildrenAndTheLastDestructorsUnderTheirOwnIds) {
-  LogTo("debug:" + m_file);
-  ASSERT_EQ(RunInChild([] {
-              static const struct AtExit {
-                ~AtExit() { platform_log_print(0, INFO, "T", "%d", getpid()); }
-              } atExit;
-              platform_log_print(0, INFO, "T", "%d", getpid());
-              const int status = RunInChild([] {
-                std::thread([] { platform_log_print(0, INFO, "T", "%d", gettid()); }).join();
-                std::exit(0);
-              });
-              std::exit(status == 0 ? 0 : 1);
-            }),
-            0);
-  const std::vector<Line> lines = Lines();
+  const std::vector<Line> lines = LinesOf("debug:" + m_file, [] {
+    static const struct AtExit {
+      ~AtExit() { platform_log_print(0, INFO, "T", "%d", getpid()); }
+    } atExit;
+    platform_log_print(0, INFO, "T", "%d", getpid());
+    const int status = RunInChild([] {
+      std::thread([] { platform_log_print(0, INFO, "T", "%d", gettid()); }).join();
+      std::exit(0);
+    });
+    std::exit(status == 0 ? 0 : 1);
+  });
   ASSERT_EQ(lines.size(), 4U);
   for (const Line& line : lines) {
     EXPECT_EQ("T: " + std::to_string(line.thread), line.text);
@@ -151,20 +130,18 @@ TEST_F(LogTest, ServesForkedChildrenAndTheLastDestructorsUnderTheirOwnIds) {
 }
 
 TEST_F(LogTest, OpensItsFileAgainWhenTheHostClosedIt) {
-  LogTo("debug:" + m_file);
   const std::string other = m_directory / "other";
-  ASSERT_EQ(RunInChild([&] {
-              platform_log_print(0, INFO, "T", "one");
-              for (int descriptor = 3; descriptor < 1024; ++descriptor) {
-                close(descriptor);
-              }
-              for (int own = 0; own < 10; ++own) {
-                open(other.c_str(), O_WRONLY | O_CREAT, 0600);
-              }
-              platform_log_print(0, INFO, "T", "two");
-            }),
-            0);
-  EXPECT_EQ(Lines().size(), 2U);
+  const std::vector<Line> lines = LinesOf("debug:" + m_file, [&] {
+    platform_log_print(0, INFO, "T", "one");
+    for (int descriptor = 3; descriptor < 1024; ++descriptor) {
+      close(descriptor);
+    }
+    for (int own = 0; own < 10; ++own) {
+      open(other.c_str(), O_WRONLY | O_CREAT, 0600);
+    }
+    platform_log_print(0, INFO, "T", "two");
+  });
+  EXPECT_EQ(lines.size(), 2U);
   EXPECT_EQ(ReadFile(other), "") << "a line in a file of the host";
 }
 
@@ -176,7 +153,7 @@ TEST_F(LogTest, DropsWhatTheSinkDoesNotTakeAndLeavesNoTrace) {
   const std::map<std::string, int> sinks = {
       {"info", sockets[1]}, {"info:stderr", pipeToNobody[1]}, {"info:" + m_file, STDERR_FILENO}};
   for (const auto& [settings, descriptor] : sinks) {
-    LogTo(settings);
+    setenv("ONDARO_HOST_LOG", settings.c_str(), 1);
     EXPECT_EQ(RunInChild([sink = descriptor] {
                 const rlimit fileSize{100, 100};
                 setrlimit(RLIMIT_FSIZE, &fileSize);

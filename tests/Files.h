@@ -1,10 +1,12 @@
-#ifndef ONDARO_TESTS_TEMPORARYDIRECTORY_H
-#define ONDARO_TESTS_TEMPORARYDIRECTORY_H
+#ifndef ONDARO_TESTS_FILES_H
+#define ONDARO_TESTS_FILES_H
 
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -36,6 +38,15 @@ class TemporaryDirectory {
   std::string m_path;
   const pid_t m_owner = getpid();
 };
+
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream stream(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+inline void WriteFile(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
 
 }  // namespace ondaro::test
 
