@@ -163,8 +163,7 @@ TEST_F(DecryptionModule, ServesTheLastDestructors) {
               static struct AtExit {
                 ~AtExit() {
                   std::string id;
-                  const bool isRead = SystemId(instance, id) == 0;
-                  _exit(isRead && eme::IEME::destroy(instance.release()) == 0 ? 0 : 1);
+                  _exit(SystemId(instance, id) | eme::IEME::destroy(instance.release()));
                 }
                 Instance instance;
               } atExit;
@@ -176,43 +175,39 @@ TEST_F(DecryptionModule, ServesTheLastDestructors) {
 
 /// What can be noticed of the module: of each operation "no", "empty" or "yes".
 std::string Observe(const std::string& key) {
-  const auto tell = [](int status, const std::string& text) {
-    return status != 0 ? "no" : text.empty() ? "empty" : "yes";
+  const auto tell = [](bool isDone, const std::string& text) {
+    return !isDone ? " no" : text.empty() ? " empty" : " yes";
   };
-  std::string text = tell(eme::IEME::isKeySystemSupported(WIDEVINE) == 11 ? 0 : -1, "supported");
+  std::string text = tell(eme::IEME::isKeySystemSupported(WIDEVINE) == 11, "supported");
   eme::IEME* const instance = Open().release();
   auto* const keys = dynamic_cast<IWVCDM*>(instance);
-  text += std::string(" ") + tell(instance != nullptr ? 0 : -1, keys != nullptr ? "keys" : "");
+  text += tell(instance != nullptr, keys != nullptr ? "keys" : "");
   if (keys != nullptr) {
     std::string made[4];
-    const int isMade = keys->generateDeviceKeyAndCert(made[0], made[1]);
-    const int isSigned = keys->ondaroSign(key, std::string(32, 'h'), made[2]);
-    const int hasId = instance->getStringProperty("getSystemId", " ", made[3], "");
-    text += std::string(" ") + tell(isMade, made[0]) + " " + tell(isMade, made[1]) + " " +
-            tell(isSigned, made[2]) + " " + tell(hasId, made[3]);
+    const bool isMade = keys->generateDeviceKeyAndCert(made[0], made[1]) == 0;
+    text += std::string(tell(isMade, made[0])) + tell(isMade, made[1]);
+    text += tell(keys->ondaroSign(key, std::string(32, 'h'), made[2]) == 0, made[2]);
+    text += tell(instance->getStringProperty("getSystemId", " ", made[3], "") == 0, made[3]);
   }
-  if (instance != nullptr) {
-    text += std::string(" ") + tell(eme::IEME::destroy(instance), "destroyed");
-  }
-  return text;
+  return text + (instance == nullptr ? "" : tell(eme::IEME::destroy(instance) == 0, "destroyed"));
 }
 
 TEST_F(DecryptionModule, SimulatesFaults) {
   ASSERT_EQ(Generate(), 0);
   // supported, instance with keys; key, certificate, signature, system identifier, destroyed
-  const char* const sound = "yes yes yes yes yes yes yes";
+  const char* const sound = " yes yes yes yes yes yes yes";
   const std::vector<std::array<const char*, 3>> cases = {
-      {"key-system", "unsupported", "no no"},
-      {"create", "fail", "yes no"},
-      {"create", "without-keys", "yes empty yes"},
-      {"destroy", "fail", "yes yes yes yes yes yes no"},
-      {"generate", "fail", "yes yes no no yes yes yes"},
-      {"generate", "empty-key", "yes yes empty yes yes yes yes"},
-      {"generate", "empty-cert", "yes yes yes empty yes yes yes"},
-      {"sign", "fail", "yes yes yes yes no yes yes"},
-      {"sign", "empty", "yes yes yes yes empty yes yes"},
-      {"system-id", "fail", "yes yes yes yes yes no yes"},
-      {"system-id", "empty", "yes yes yes yes yes empty yes"},
+      {"key-system", "unsupported", " no no"},
+      {"create", "fail", " yes no"},
+      {"create", "without-keys", " yes empty yes"},
+      {"destroy", "fail", " yes yes yes yes yes yes no"},
+      {"generate", "fail", " yes yes no no yes yes yes"},
+      {"generate", "empty-key", " yes yes empty yes yes yes yes"},
+      {"generate", "empty-cert", " yes yes yes empty yes yes yes"},
+      {"sign", "fail", " yes yes yes yes no yes yes"},
+      {"sign", "empty", " yes yes yes yes empty yes yes"},
+      {"system-id", "fail", " yes yes yes yes yes no yes"},
+      {"system-id", "empty", " yes yes yes yes yes empty yes"},
   };
   for (const auto& [name, value, expected] : cases) {
     const std::string setting = std::string("host/cdm/") + name;
