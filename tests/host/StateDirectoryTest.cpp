@@ -13,14 +13,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// What `look` finds in a process that has these variables and no others of them.
+/// What `look` finds in a process that has these variables and no others.
 template <typename Look>
 void With(const std::map<std::string, fs::path>& variables, Look look) {
   EXPECT_EQ(RunInChild([&] {
-              for (const char* name :
-                   {"ONDARO_HOST_STATE", "XDG_STATE_HOME", "XDG_RUNTIME_DIR", "HOME"}) {
-                unsetenv(name);
-              }
+              clearenv();
               for (const auto& [name, value] : variables) {
                 setenv(name.c_str(), value.c_str(), 1);
               }
