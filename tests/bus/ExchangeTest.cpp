@@ -1,4 +1,6 @@
 // Both ends in processes of their own, over the exported functions.
+#include <signal.h>
+
 #include <algorithm>
 
 #include "ProcessUse.h"
@@ -13,6 +15,7 @@ TEST_F(Exchange, IsSharedByProgramsThatKnowNothingOfIt) {
   setenv("N", BUS_NAME, 1);
   setenv("P", OBJECT_PATH, 1);
   const std::pair<const char*, const char*> answers[] = {
+      {"gdbus call -y -d $N -o $P -m $N.sendDataToServer event gdbus", "(0,)"},
       {"busctl --system call $N $P $N sendDataToServer ss event busctl", "i 0"},
       {"gdbus introspect -y -d $N -o $P",
        "sendDataToServer(in  s event,\n                       in  s data,\n"
@@ -22,17 +25,56 @@ TEST_F(Exchange, IsSharedByProgramsThatKnowNothingOfIt) {
     const std::string answer = ChildProcess({"sh", "-c", command}).ReadAll();
     EXPECT_NE(answer.find(expected), std::string::npos) << answer;
   }
+  EXPECT_EQ(daemon.ReadLine(), "event gdbus");
   EXPECT_EQ(daemon.ReadLine(), "event busctl");
-  ChildProcess monitor({"sh", "-c", "exec busctl --system monitor $N"});
-  // It starts to listen some time after its first line.
-  EXPECT_TRUE(WaitUntil([&] {
-    EXPECT_TRUE(daemon.Do("send down its-data"));
-    bool isHeard = false;
-    while (!isHeard && monitor.HasLine()) {
-      isHeard = monitor.ReadLine().value().find("its-data") != std::string::npos;
-    }
-    return isHeard;
-  }));
+  for (const char* command : {"exec gdbus monitor -y -d $N", "exec busctl --system monitor $N"}) {
+    ChildProcess monitor({"sh", "-c", command});
+    // Each starts to listen some time after its first line.
+    EXPECT_TRUE(WaitUntil([&] {
+      EXPECT_TRUE(daemon.Do("send down its-data"));
+      bool isHeard = false;
+      while (!isHeard && monitor.HasLine()) {
+        isHeard = monitor.ReadLine().value().find("its-data") != std::string::npos;
+      }
+      return isHeard;
+    })) << command;
+  }
+}
+
+TEST_F(Exchange, LetsASecondDaemonTakeOver) {
+  for (const int end : {0, SIGKILL}) {
+    SCOPED_TRACE(end);
+    Peer first, second(m_state / "second"), application(m_state / std::to_string(end));
+    ASSERT_TRUE(first.Serve() && second.Do("get server"));
+    EXPECT_TRUE(application.Do("get client", "expect down", "sync"));
+    // It has acquired the bus, and lost the name to the first.
+    EXPECT_TRUE(second.LogsSoon(",  name:com.halvex.tv.ondaro", 2));
+    EXPECT_FALSE(second.Do("send down 1"));
+    end == 0 ? first.Write("quit\n") : first.Signal(end);
+    EXPECT_EQ(first.Wait(), -end);
+    ASSERT_TRUE(WaitUntil([&] { return second.Do("send down 2"); }));
+    EXPECT_EQ(application.ReadLine(), "down 2");
+    // Its object went with the loss.
+    EXPECT_TRUE(application.Do("send up 1"));
+    EXPECT_TRUE(application.LogsSoon("g_dbus_proxy_call_finish error : GDBus.Error:"));
+    std::filesystem::remove(m_state / "second");
+  }
+}
+
+TEST_F(Exchange, ReachesEveryApplicationOnce) {
+  Peer daemon;
+  ASSERT_TRUE(daemon.Serve() && daemon.Do("expect arrived"));
+  std::vector<Peer> applications(50);
+  for (Peer& application : applications) {
+    // The bus handles the subscriptions before what the application sends after them.
+    EXPECT_TRUE(application.Do("get client", "expect event", "expect end", "send arrived x"));
+    EXPECT_EQ(daemon.ReadLine(), "arrived x");
+  }
+  EXPECT_TRUE(daemon.Do("send event data", "send end data"));
+  for (Peer& application : applications) {
+    EXPECT_EQ(application.ReadLine(), "event data");
+    EXPECT_EQ(application.ReadLine(), "end data");
+  }
 }
 
 TEST_F(Exchange, CarriesALoadInOrderAtFlatMemory) {

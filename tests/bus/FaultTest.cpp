@@ -101,20 +101,6 @@ TEST_F(Fault, BusOrHandlerStandsStill) {
   }
 }
 
-TEST_F(Fault, AnotherOwnsTheName) {
-  Start(OPEN_POLICY);
-  PlainPeer other;
-  ASSERT_TRUE(other.Own() && m_daemon->Do("get server"));
-  EXPECT_TRUE(m_application->Do("get client", "expect down", "sync"));
-  EXPECT_TRUE(m_daemon->LogsSoon(",  name:com.halvex.tv.ondaro", 2));  // acquired the bus, lost it
-  EXPECT_FALSE(m_daemon->Do("send down 1"));
-  other.Release();
-  ASSERT_TRUE(WaitUntil([&] { return m_daemon->Do("send down 2"); }));
-  EXPECT_EQ(m_application->ReadLine(), "down 2");
-  EXPECT_TRUE(m_application->Do("send up 1"));
-  EXPECT_TRUE(m_application->LogsSoon(BUS_ERROR + "UnknownMethod"));
-}
-
 TEST_F(Fault, PolicyRefuses) {
   const auto denying = [](const std::string& what) {
     return OPEN_POLICY + (R"(<policy context="mandatory"><deny )" + what + "/></policy>");
