@@ -1,4 +1,5 @@
 /**
+ * @file
  * The set's power state.
  *
  * Contract (each clause is checked against a port by the conformance kit):
@@ -14,6 +15,11 @@
 extern "C" {
 #endif
 
+/**
+ * The current power state.
+ *
+ * @return 0 or 1 when the set is usable, another number when not, a negative one when it is unknown
+ */
 int platform_power_get_state(void);
 
 #ifdef __cplusplus
