@@ -6,15 +6,13 @@
  */
 #include "platform/ContentDecryptionModule.h"
 
-#include <cerrno>
 #include <memory>
-#include <system_error>
 #include <utility>
 
-#include "DeviceCrypto.h"
 #include "HostKeys.h"
 #include "Seam.h"
 #include "StateDirectory.h"
+#include "crypto/DeviceCrypto.h"
 
 namespace {
 
@@ -32,20 +30,12 @@ constexpr int FAILURE = -1;
 
 std::string SimulatedFault(const char* key) { return ReadSettingsText(key).value_or(""); }
 
-std::string RequiredStateDirectory() {
-  std::string state = StateDirectory();
-  if (state.empty()) {
-    throw std::system_error(errno, std::generic_category(), "state directory");
-  }
-  return state;
-}
-
 int GetSystemId(const DeviceCrypto& crypto, std::string& result) {
   const std::string fault = SimulatedFault(keys::CDM_SYSTEM_ID);
   if (fault == keys::FAULT_FAIL) {
     return FAILURE;
   }
-  result = fault == keys::FAULT_EMPTY ? "" : crypto.SystemId(RequiredStateDirectory());
+  result = fault == keys::FAULT_EMPTY ? "" : crypto.SystemId(StateDirectory());
   return SUCCESS;
 }
 
@@ -56,7 +46,7 @@ int GenerateKeyAndCertificate(const DeviceCrypto& crypto, std::string& key, std:
   }
   std::string keyText;
   std::string certificateText;
-  crypto.Generate(RequiredStateDirectory(), keyText, certificateText);
+  crypto.Generate(StateDirectory(), keyText, certificateText);
   key = fault == keys::FAULT_EMPTY_KEY ? "" : std::move(keyText);
   cert = fault == keys::FAULT_EMPTY_CERT ? "" : std::move(certificateText);
   return SUCCESS;

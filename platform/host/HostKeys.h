@@ -5,6 +5,9 @@ namespace ondaro::host::keys {
 
 // The settings keys that make up the simulated set.
 
+// Text, for reading: where all of it is kept.
+inline constexpr char STATE_DIRECTORY[] = "host/state-directory";
+
 // Followed by a feature's key. Integer: the feature's value; a missing key is a missing feature.
 inline constexpr char SYSTEM_INFO_PREFIX[] = "host/system-info/";
 

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "HostLog.h"
+#include "log/HostLog.h"
 #include "platform/Log.h"
 #include "platform/SettingsStore.h"
 

@@ -1,104 +1,147 @@
 #include "StateDirectory.h"
 
-#include <glib.h>
+#include <fcntl.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <system_error>
+#include <vector>
 
 namespace ondaro::host {
 namespace {
 
-namespace fs = std::filesystem;
+constexpr char SHARED[] = "/var/lib/ondaro";
 
-constexpr char STATE_VARIABLE[] = "ONDARO_HOST_STATE";
-constexpr char NAME[] = "ondaro";
-constexpr char RUN[] = "run";
-
-/// Empty when the variable is unset, empty or, for the base directories, not absolute.
-fs::path FromEnvironment(const char* variable, bool mustBeAbsolute) {
-  const char* text = std::getenv(variable);
-  fs::path path = text != nullptr ? text : "";
-  return mustBeAbsolute && !path.is_absolute() ? fs::path() : path;
+std::string Resolve() {
+  // Not the caller's environment where a program runs with more rights than its caller has.
+  const char* const own = secure_getenv("ONDARO_HOST_STATE");
+  if (own != nullptr && *own != '\0') {
+    std::string path = std::filesystem::absolute(own).lexically_normal();
+    path.erase(path.find_last_not_of('/') + 1);
+    return path;
+  }
+  if (euidaccess(SHARED, W_OK | X_OK) == 0) {
+    return SHARED;
+  }
+  std::vector<char> buffer(1 << 16);
+  passwd entry{};
+  passwd* user = nullptr;
+  getpwuid_r(geteuid(), &entry, buffer.data(), buffer.size(), &user);
+  return user != nullptr ? std::string(user->pw_dir) + "/.local/state/ondaro" : SHARED;
 }
 
-fs::path ResolveState() {
-  if (fs::path own = FromEnvironment(STATE_VARIABLE, false); !own.empty()) {
-    return fs::absolute(own);
-  }
-  if (fs::path base = FromEnvironment("XDG_STATE_HOME", true); !base.empty()) {
-    return base / NAME;
-  }
-  if (fs::path home = FromEnvironment("HOME", true); !home.empty()) {
-    return home / ".local/state" / NAME;
-  }
-  return geteuid() == 0 ? fs::path("/var/lib") / NAME
-                        : fs::path(g_get_home_dir()) / ".local/state" / NAME;
+[[noreturn]] void Fail(const std::string& path, int error = errno) {
+  throw std::system_error(error, std::generic_category(), path);
 }
 
-fs::path ResolveRun() {
-  if (!FromEnvironment(STATE_VARIABLE, false).empty()) {
-    return ResolveState() / RUN;
+struct stat DirectoryOf(const std::string& path) {
+  struct stat status {};
+  const std::string directory = path.substr(0, path.rfind('/'));
+  if (stat(directory.empty() ? "/" : directory.c_str(), &status) != 0) {
+    Fail(directory);
   }
-  fs::path base = FromEnvironment("XDG_RUNTIME_DIR", true);
-  return (base.empty() ? fs::path("/run") : base) / NAME;
+  return status;
 }
 
-std::string BootId() {
-  std::ifstream file("/proc/sys/kernel/random/boot_id");
-  std::string id;
-  return std::getline(file, id) && !id.empty() ? id : "boot";
-}
-
-/// Like `mkdir -p`, with the mode for each part that is made.
-bool Make(const fs::path& path) {
-  if (mkdir(path.c_str(), S_IRWXU) == 0) {
-    return true;
+/// Gives what was made to whom the directory belongs that it is in, and the group as many rights as
+/// the directory says. What is another's stays as it is.
+void Adopt(int descriptor, const struct stat& directory, bool isNew) {
+  struct stat status {};
+  fstat(descriptor, &status);
+  const bool isShared = (directory.st_mode & S_ISGID) != 0 && (directory.st_mode & S_IWGRP) != 0;
+  mode_t mode = status.st_mode & S_IRWXU;
+  if (isShared) {
+    mode |= mode >> 3 | (S_ISDIR(status.st_mode) ? S_ISGID : 0);
   }
-  if (errno == ENOENT && path.has_parent_path() && path != path.parent_path()) {
-    return Make(path.parent_path()) && (mkdir(path.c_str(), S_IRWXU) == 0 || errno == EEXIST);
+  if (isNew && geteuid() == 0) {
+    [[maybe_unused]] const int adopted =
+        fchownat(descriptor, "", directory.st_uid, directory.st_gid, AT_EMPTY_PATH);
   }
-  // A directory that is there serves, also when its parent could not be written.
-  const int error = errno;
-  std::error_code ignored;
-  const bool there = fs::is_directory(path, ignored);
-  errno = error == EEXIST ? ENOTDIR : error;
-  return there;
-}
-
-void RemoveSiblings(const fs::path& kept) {
-  std::error_code error;
-  for (fs::directory_iterator entry(kept.parent_path(), error), end; !error && entry != end;
-       entry.increment(error)) {
-    if (entry->path() != kept) {
-      std::error_code ignored;
-      fs::remove_all(entry->path(), ignored);
-    }
+  if ((status.st_mode & ALLPERMS) != mode && (isNew || status.st_uid == directory.st_uid)) {
+    // By this name also where the descriptor stands for no more than a path.
+    chmod(("/proc/self/fd/" + std::to_string(descriptor)).c_str(), mode);
   }
 }
 
 }  // namespace
 
-std::string StateDirectory() {
-  const fs::path path = ResolveState();
-  return Make(path) ? path.string() : std::string();
+const std::string& StateDirectory() {
+  static const std::string& path = *new std::string(Resolve());
+  return path;
 }
 
-std::string RuntimeDirectory() {
-  const fs::path path = ResolveRun() / BootId();
-  std::error_code ignored;
-  const bool firstOfBoot = !fs::exists(path, ignored);
-  if (!Make(path)) {
-    return {};
+Descriptor::~Descriptor() {
+  if (m_number >= 0) {
+    close(m_number);
   }
-  if (firstOfBoot) {
-    RemoveSiblings(path);
+}
+
+StandardStreamsHeld::StandardStreamsHeld() {
+  for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+    m_isHeld[stream] =
+        fcntl(stream, F_GETFD) < 0 && open("/dev/null", O_RDONLY | O_CLOEXEC) == stream;
   }
-  return path.string();
+}
+
+StandardStreamsHeld::~StandardStreamsHeld() {
+  for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+    if (m_isHeld[stream]) {
+      close(stream);
+    }
+  }
+}
+
+void MakeDirectory(const std::string& path) {
+  const StandardStreamsHeld held;
+  constexpr int FLAGS = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+  if (Descriptor there(open(path.c_str(), FLAGS)); there.Number() >= 0) {
+    return;
+  }
+  if (errno != ENOENT || path.rfind('/') == std::string::npos) {
+    Fail(path);
+  }
+  if (const std::string above = path.substr(0, path.rfind('/')); !above.empty()) {
+    struct stat status {};
+    if (stat(above.c_str(), &status) != 0) {
+      MakeDirectory(above);
+    }
+  }
+  const bool isNew = mkdir(path.c_str(), S_IRWXU) == 0;
+  const Descriptor made(open(path.c_str(), FLAGS));
+  if (made.Number() < 0) {
+    Fail(path);
+  }
+  if (isNew) {
+    Adopt(made.Number(), DirectoryOf(path), true);
+  }
+}
+
+int OpenStateFile(const std::string& path, int flags, IfMissing ifMissing) {
+  const StandardStreamsHeld held;
+  // Not waiting for whoever is to open the other end of a FIFO.
+  constexpr int ALWAYS = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+  int file = open(path.c_str(), flags | ALWAYS);
+  bool isNew = false;
+  if (file < 0 && errno == ENOENT && ifMissing == IfMissing::MAKE) {
+    file = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | ALWAYS, S_IRUSR | S_IWUSR);
+    isNew = file >= 0;
+    if (!isNew && errno == EEXIST) {
+      file = open(path.c_str(), flags | ALWAYS);
+    }
+  }
+  struct stat status {};
+  if (file < 0 ? errno == ELOOP : fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) {
+    const Descriptor unwanted(file);
+    Fail(path, file < 0 ? ELOOP : EINVAL);
+  }
+  if (file >= 0) {
+    Adopt(file, DirectoryOf(path), isNew);
+  }
+  return file;
 }
 
 }  // namespace ondaro::host

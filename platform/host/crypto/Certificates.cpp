@@ -22,8 +22,9 @@ constexpr char CURVE[] = "P-256";
 constexpr char CURVE_NAME[] = "prime256v1";
 constexpr char ROOT_NAME[] = "Ondaro host root, development only";
 constexpr char DEVICE_NAME[] = "Ondaro host device, development only";
-constexpr int ROOT_DAYS = 30 * 365;
-constexpr int DEVICE_DAYS = 10 * 365;
+// As long as a certificate can say: a set may have been started without knowing the time.
+constexpr char FROM[] = "19700101000000Z";
+constexpr char TO[] = "99991231235959Z";
 constexpr int SERIAL_BITS = 128;
 constexpr std::size_t IDENTIFIER_BYTES = 16;
 
@@ -100,15 +101,13 @@ void AddExtension(X509& certificate, X509& issuer, int id, const char* value) {
   Require(X509_add_ext(&certificate, extension.get(), -1) == 1, "extension");
 }
 
-/// A certificate without name and extensions. It holds from a day ago on, since sets that share a
-/// development root do not share a clock.
-Certificate Blank(EVP_PKEY& key, int days) {
-  constexpr long DAY = 86'400;
+/// A certificate without name and extensions.
+Certificate Blank(EVP_PKEY& key) {
   Certificate certificate = Required(Certificate(X509_new()), "memory");
   SetSerial(*certificate);
   Require(X509_set_version(certificate.get(), X509_VERSION_3) == 1 &&
-              X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -DAY) != nullptr &&
-              X509_gmtime_adj(X509_getm_notAfter(certificate.get()), days * DAY) != nullptr &&
+              ASN1_TIME_set_string_X509(X509_getm_notBefore(certificate.get()), FROM) == 1 &&
+              ASN1_TIME_set_string_X509(X509_getm_notAfter(certificate.get()), TO) == 1 &&
               X509_set_pubkey(certificate.get(), &key) == 1,
           "certificate");
   return certificate;
@@ -162,7 +161,7 @@ Certificate CertificateFromPem(const std::string& pem) {
 
 Certificate MakeRoot(EVP_PKEY& key) {
   const ErrorScope errors;
-  Certificate root = Blank(key, ROOT_DAYS);
+  Certificate root = Blank(key);
   X509_NAME* const name = X509_get_subject_name(root.get());
   AddName(name, "CN", ROOT_NAME);
   AddExtension(*root, *root, NID_basic_constraints, "critical,CA:TRUE,pathlen:0");
@@ -175,7 +174,7 @@ Certificate MakeRoot(EVP_PKEY& key) {
 Certificate IssueDeviceCertificate(const Issuer& root, EVP_PKEY& deviceKey,
                                    const std::string& systemId) {
   const ErrorScope errors;
-  Certificate device = Blank(deviceKey, DEVICE_DAYS);
+  Certificate device = Blank(deviceKey);
   X509_NAME* const name = X509_get_subject_name(device.get());
   AddName(name, "CN", DEVICE_NAME);
   AddName(name, "serialNumber", systemId);

@@ -1,6 +1,6 @@
 #include "Certificates.h"
 #include "DevelopmentRoot.h"
-#include "DeviceCrypto.h"
+#include "crypto/DeviceCrypto.h"
 
 namespace ondaro::host {
 namespace {

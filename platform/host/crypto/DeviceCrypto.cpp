@@ -1,4 +1,4 @@
-#include "DeviceCrypto.h"
+#include "crypto/DeviceCrypto.h"
 
 #include <dlfcn.h>
 

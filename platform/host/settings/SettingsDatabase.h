@@ -1,0 +1,128 @@
+#ifndef ONDARO_PLATFORM_HOST_SETTINGSDATABASE_H
+#define ONDARO_PLATFORM_HOST_SETTINGSDATABASE_H
+
+#include <sqlite3.h>
+
+#include <functional>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "Settings.h"
+
+namespace ondaro::host {
+
+/// One connection to the database: the values and the log of their changes.
+///
+/// Knows nothing of the bell, of other processes beyond their locks, and of what a key may look
+/// like. One thread at a time; waits until SettingsDeadline. Everything throws SettingsError and
+/// leaves no transaction open.
+class SettingsDatabase {
+ public:
+  enum class Access {
+    SHARED,  ///< with others that write
+    ALONE,   ///< what the file itself holds; also where nothing may be written
+  };
+
+  /// Opens the file, and makes its tables where they are missing.
+  explicit SettingsDatabase(const std::string& path, Access access = Access::SHARED);
+  SettingsDatabase(const SettingsDatabase&) = delete;
+  SettingsDatabase& operator=(const SettingsDatabase&) = delete;
+
+  /// True where what is written from now on will not be seen.
+  bool IsAlone() const { return m_isAlone; }
+
+  /// What the engine's own log holds goes into the file when this connection is closed, if it is
+  /// the last one.
+  void FoldWhenClosed() noexcept;
+
+  /// False once the file at the path is another one.
+  bool IsAtPath() const noexcept;
+
+  /// True when the file's content and the engine's log beside it, or what this connection knows of
+  /// them, do not belong together: another file was put in the place of the one that was in use.
+  bool IsPutBack();
+
+  std::optional<SettingsValue> Get(std::string_view key);
+
+  /// The number of the last write.
+  std::int64_t LastNumber();
+
+  /// The writes of some keys, oldest first, from the log.
+  struct Batch {
+    std::vector<SettingsChange> changes;
+    std::int64_t upTo = 0;  ///< all writes up to this one have been looked at
+    bool hasMore = false;
+  };
+  using Wanted = std::function<bool(const std::string& key)>;
+
+  /// A part of what came after `position`; none where the log does not go back so far.
+  std::optional<Batch> ChangesAfter(std::int64_t position, const Wanted& isWanted);
+
+  /// Of each key its last write, if that came after `position`.
+  Batch LastChanges(std::int64_t position, const std::vector<std::string>& keys);
+
+  /// Takes back what a failed commit may have left in the engine's log: written whole, but not
+  /// synced, it would be found committed by whoever reads that log anew. False when it stays there;
+  /// nobody reads the log anew while this connection is open.
+  bool Revoke() noexcept;
+
+  /// A write transaction, rolled back unless committed.
+  class Write {
+   public:
+    /// Keeps all others from writing.
+    explicit Write(SettingsDatabase& database);
+    /// Sets the value and logs the change. Unless the key lives until the next boot, that outlives
+    /// a loss of power once it is committed.
+    Write(SettingsDatabase& database, std::string_view key, const SettingsValue& value);
+    ~Write();
+    Write(const Write&) = delete;
+    Write& operator=(const Write&) = delete;
+
+    void Commit();
+
+   private:
+    void Append(std::string_view key, const SettingsValue& value);
+
+    SettingsDatabase& m_database;
+    bool m_isOpen = true;
+  };
+
+ private:
+  class Query;
+
+  static constexpr std::int64_t NONE = std::numeric_limits<std::int64_t>::max();
+
+  struct Closer {
+    void operator()(sqlite3* connection) const noexcept { sqlite3_close(connection); }
+    void operator()(sqlite3_stmt* statement) const noexcept { sqlite3_finalize(statement); }
+  };
+
+  void Connect();
+  SettingsDatabase& SetDurable(bool isDurable);
+  void MakeTables();
+  void BeginSession();
+  void BeginBoot();
+  void TrimLog(std::int64_t last, std::int64_t end);
+  std::int64_t FileSession() const;
+  std::int64_t LogSession();
+  bool HasLog();
+  void Execute(const std::string& sql);
+  [[noreturn]] void Fail(int code) const;
+
+  const std::string m_path;
+  bool m_hasLog = false;  // before what depends on it
+  const bool m_isAlone;
+  bool m_isOfThisBoot = false;
+  bool m_isDurable = true;
+  bool m_hasFailedCommit = false;
+  std::int64_t m_session = NONE;  // the file's when it was last found to belong here
+  sqlite3_file* m_file = nullptr;
+  std::unique_ptr<sqlite3, Closer> m_connection;  // before its statements, so that they go first
+  std::vector<std::unique_ptr<sqlite3_stmt, Closer>> m_statements;  // prepared when first used
+};
+
+}  // namespace ondaro::host
+
+#endif
