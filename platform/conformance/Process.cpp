@@ -1,214 +1,146 @@
 #include "Process.h"
 
 #include <fcntl.h>
-#include <poll.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
-#include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <system_error>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
 
 namespace conformance {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+constexpr guint TICK_MS = 10;
 
-int MillisecondsLeft(Clock::time_point deadline) {
-  const auto left =
-      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-  return static_cast<int>(std::clamp<long long>(left, 0, 1'000'000));
+volatile std::sig_atomic_t g_signal = 0;
+
+/// In the child, between fork and exec.
+void SetUp(gpointer data) {
+  const auto& start = *static_cast<const Start*>(data);
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (start.group >= 0) {
+    setpgid(0, start.group);
+  }
+  if (start.isErrorClosed) {
+    close(STDERR_FILENO);
+  }
 }
 
-[[noreturn]] void Throw(int error, const char* what) {
-  throw std::system_error(error, std::generic_category(), what);
+void OnEnd(GObject* /*process*/, GAsyncResult* /*result*/, gpointer hasEnded) {
+  *static_cast<bool*>(hasEnded) = true;
 }
 
-std::vector<char*> Pointers(std::vector<std::string>& texts) {
-  std::vector<char*> pointers;
-  pointers.reserve(texts.size() + 1);
-  for (std::string& text : texts) {
-    pointers.push_back(text.data());
+gboolean GoOn(gpointer /*unused*/) { return G_SOURCE_CONTINUE; }
+
+std::string InWords(int status) {
+  if (!WIFSIGNALED(status)) {
+    return "exit status " + std::to_string(WEXITSTATUS(status));
   }
-  pointers.push_back(nullptr);
-  return pointers;
+  const int signal = WTERMSIG(status);
+  return "signal " + std::to_string(signal) + " (" + strsignal(signal) + ")";
 }
-
-std::vector<std::string> EnvironmentWith(const std::vector<std::string>& additions) {
-  std::vector<std::string> all = additions;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    const std::string inherited = *entry;
-    const std::string name = inherited.substr(0, inherited.find('=') + 1);
-    const bool isReplaced = std::any_of(
-        additions.begin(), additions.end(),
-        [&](const std::string& addition) { return addition.compare(0, name.size(), name) == 0; });
-    if (!isReplaced) {
-      all.push_back(inherited);
-    }
-  }
-  return all;
-}
-
-class SpawnSettings {
- public:
-  SpawnSettings() {
-    posix_spawn_file_actions_init(&m_files);
-    posix_spawnattr_init(&m_attributes);
-  }
-  ~SpawnSettings() {
-    posix_spawn_file_actions_destroy(&m_files);
-    posix_spawnattr_destroy(&m_attributes);
-  }
-  SpawnSettings(const SpawnSettings&) = delete;
-  SpawnSettings& operator=(const SpawnSettings&) = delete;
-
-  void Redirect(int from, int to) { posix_spawn_file_actions_adddup2(&m_files, from, to); }
-  void Close(int descriptor) { posix_spawn_file_actions_addclose(&m_files, descriptor); }
-
-  /// What the kit has blocked or ignored for itself must not be how a port finds the world.
-  void SetSignals(bool isInterruptible) {
-    sigset_t blocked;
-    sigset_t defaults;
-    sigemptyset(&blocked);
-    sigemptyset(&defaults);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-      sigaddset(isInterruptible ? &defaults : &blocked, signal);
-    }
-    sigaddset(&defaults, SIGPIPE);
-    posix_spawnattr_setsigmask(&m_attributes, &blocked);
-    posix_spawnattr_setsigdefault(&m_attributes, &defaults);
-    posix_spawnattr_setflags(&m_attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  }
-
-  pid_t Spawn(std::vector<std::string> command, std::vector<std::string> environment) {
-    pid_t id = -1;
-    const int error = posix_spawn(&id, command[0].c_str(), &m_files, &m_attributes,
-                                  Pointers(command).data(), Pointers(environment).data());
-    if (error != 0) {
-      Throw(error, command[0].c_str());
-    }
-    return id;
-  }
-
- private:
-  posix_spawn_file_actions_t m_files;
-  posix_spawnattr_t m_attributes;
-};
 
 }  // namespace
 
-void Descriptor::Close() {
-  if (m_descriptor >= 0) {
-    close(m_descriptor);
-    m_descriptor = -1;
+Process::Process(const Start& start) {
+  std::vector<const char*> command;
+  for (const std::string& word : start.command) {
+    command.push_back(word.c_str());
   }
+  command.push_back(nullptr);
+  GSubprocessLauncher* const launcher = g_subprocess_launcher_new(
+      static_cast<GSubprocessFlags>((start.output.empty() ? G_SUBPROCESS_FLAGS_STDOUT_SILENCE : 0) |
+                                    (start.error.empty() ? G_SUBPROCESS_FLAGS_STDERR_SILENCE : 0)));
+  if (!start.output.empty()) {
+    g_subprocess_launcher_set_stdout_file_path(launcher, start.output.c_str());
+  }
+  if (!start.error.empty()) {
+    g_subprocess_launcher_take_stderr_fd(
+        launcher, open(start.error.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
+  }
+  if (const std::size_t equals = start.environment.find('='); equals != std::string::npos) {
+    g_subprocess_launcher_setenv(launcher, start.environment.substr(0, equals).c_str(),
+                                 start.environment.substr(equals + 1).c_str(), TRUE);
+  }
+  Start forChild = start;
+  g_subprocess_launcher_set_child_setup(launcher, SetUp, &forChild, nullptr);
+  GError* failure = nullptr;
+  m_process = g_subprocess_launcher_spawnv(launcher, command.data(), &failure);
+  g_object_unref(launcher);
+  if (m_process == nullptr) {
+    const std::string message = failure->message;
+    g_error_free(failure);
+    throw std::runtime_error(message);
+  }
+  const char* const id = g_subprocess_get_identifier(m_process);
+  m_id = id != nullptr ? std::stoi(id) : -1;
 }
 
-Pipe MakePipe() {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) {
-    Throw(errno, "pipe");
-  }
-  return {Descriptor(ends[0]), Descriptor(ends[1])};
+Process::~Process() {
+  End(Milliseconds(0));
+  g_object_unref(m_process);
 }
 
-bool Outcome::Succeeded() const { return ended && WIFEXITED(status) && WEXITSTATUS(status) == 0; }
-
-std::string Outcome::Describe() const {
-  if (!ended) {
-    return "no end";
+Outcome Process::End(Milliseconds patience) {
+  if (m_hasEnded) {
+    return m_outcome;
   }
-  if (WIFSIGNALED(status)) {
-    const int signal = WTERMSIG(status);
-    return "signal " + std::to_string(signal) + " (" + strsignal(signal) + ")";
-  }
-  return "exit status " + std::to_string(WEXITSTATUS(status));
-}
-
-Child::Child(const Start& start) {
-  Pipe input = MakePipe();
-  Pipe output = MakePipe();
-  SpawnSettings settings;
-  settings.Redirect(input.reader.Get(), STDIN_FILENO);
-  if (start.standardError == CLOSE_ERROR) {
-    settings.Close(STDERR_FILENO);
-  } else if (start.standardError != KEEP_ERROR) {
-    settings.Redirect(start.standardError, STDERR_FILENO);
-  }
-  settings.Redirect(output.writer.Get(), start.answersOn);
-  settings.SetSignals(start.isInterruptible);
-  m_id = settings.Spawn(start.command, EnvironmentWith(start.environment));
-  m_input = std::move(input.writer);
-  m_output = std::move(output.reader);
-}
-
-Child::~Child() {
-  if (!m_isWaitedFor) {
-    Kill();
-    Wait();
-  }
-}
-
-void Child::Kill() const { kill(m_id, SIGKILL); }
-
-void Child::Wait() {
-  while (waitpid(m_id, &m_status, 0) < 0 && errno == EINTR) {
-  }
-  m_isWaitedFor = true;
-}
-
-/// False at the end of the answer and at the deadline.
-bool Child::ReadSome(Clock::time_point deadline) {
-  pollfd readable{m_output.Get(), POLLIN, 0};
-  if (poll(&readable, 1, MillisecondsLeft(deadline)) != 1) {
-    return false;
-  }
-  std::array<char, 4096> buffer;
-  const ssize_t count = read(m_output.Get(), buffer.data(), buffer.size());
-  if (count <= 0) {
-    m_output.Close();
-    return false;
-  }
-  m_received.append(buffer.data(), static_cast<std::size_t>(count));
-  return true;
-}
-
-std::string Child::ReadLine(std::chrono::milliseconds patience) {
-  const Clock::time_point deadline = Clock::now() + patience;
-  while (m_received.find('\n') == std::string::npos) {
-    if (!ReadSome(deadline)) {
-      return "";
+  // A main context of its own: what waits delivers nothing of the port's.
+  GMainContext* const context = g_main_context_new();
+  g_main_context_push_thread_default(context);
+  GSource* const ticks = g_timeout_source_new(TICK_MS);
+  g_source_set_callback(ticks, GoOn, nullptr, nullptr);
+  g_source_attach(ticks, context);
+  g_subprocess_wait_async(m_process, nullptr, OnEnd, &m_hasEnded);
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  bool isInTime = true;
+  while (!m_hasEnded) {
+    if (isInTime && (g_signal != 0 || std::chrono::steady_clock::now() >= deadline)) {
+      isInTime = false;
+      g_subprocess_force_exit(m_process);
     }
+    g_main_context_iteration(context, TRUE);
   }
-  return m_received.substr(0, m_received.find('\n'));
+  g_source_destroy(ticks);
+  g_source_unref(ticks);
+  g_main_context_pop_thread_default(context);
+  g_main_context_unref(context);
+  const int status = g_subprocess_get_status(m_process);
+  m_outcome = {
+      isInTime && status == 0,
+      isInTime ? InWords(status) : "no end in " + std::to_string(patience.count()) + " ms"};
+  return m_outcome;
 }
 
-Outcome Child::Finish(std::chrono::milliseconds patience) {
-  m_input.Close();
-  const Clock::time_point deadline = Clock::now() + patience;
-  while (m_output.Get() >= 0 && ReadSome(deadline)) {
+void CatchSignals() {
+  struct sigaction action {};
+  action.sa_handler = [](int signal) { g_signal = signal; };
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    sigaction(signal, &action, nullptr);
   }
-  const bool inTime = m_output.Get() < 0;
-  if (!inTime) {
-    Kill();
-  }
-  Wait();
-  return {inTime, m_status, m_received};
 }
 
-std::vector<std::string> Self(std::vector<std::string> arguments) {
-  arguments.insert(arguments.begin(), "/proc/self/exe");
-  return arguments;
+int TakeSignal() {
+  const int taken = g_signal;
+  g_signal = 0;
+  return taken;
 }
 
-Outcome RunProcess(const Start& start) { return Child(start).Finish(LONGEST_RUN); }
+std::string ReadFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
 
-Outcome RunShell(const std::string& command) {
-  return RunProcess({{"/bin/sh", "-c", command}, {}, KEEP_ERROR, STDOUT_FILENO});
+void WriteFile(const std::string& path, const std::string& text) {
+  std::ofstream file(path, std::ios::binary);
+  file << text;
+  if (!file.flush()) {
+    throw std::runtime_error(path + ": cannot be written");
+  }
 }
 
 }  // namespace conformance

@@ -1,17 +1,14 @@
 // ondaro-platform-check: judges a port against the seam's contract.
 #include <dlfcn.h>
-#include <gtest/gtest.h>
+#include <json/json.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <memory>
 
-#include "Judging.h"
-#include "Probes.h"
-#include "Supervisor.h"
+#include "Judge.h"
 #include "platform/Log.h"
 
 namespace {
@@ -23,133 +20,94 @@ constexpr int NOT_CONFORMANT = 1;
 constexpr int NOT_RUN = 2;
 constexpr int SIGNAL_BASE = 128;
 
-constexpr int DEFAULT_PATIENCE_MS = 5000;
-
 struct Options {
   std::string declaration;
-  std::string junit;
   std::string json;
-  std::string statement;
   std::vector<std::string> only;
   bool isListing = false;
-  int patienceMs = DEFAULT_PATIENCE_MS;
+  int patienceMs = 5000;
 };
 
 void Describe(CLI::App& app, Options& options) {
-  app.add_option("declaration", options.declaration,
-                 "What the port declares: its conformance.conf");
-  app.add_option("--junit", options.junit, "Write the results as JUnit XML")->type_name("FILE");
-  app.add_option("--json", options.json, "Write the results as JSON")->type_name("FILE");
-  app.add_option("--statement", options.statement, "Write the statement of conformance")
-      ->type_name("FILE");
-  app.add_option("--only", options.only, "Judge these clauses only; the verdict is of them")
+  app.add_option("declaration", options.declaration, "What the port declares: conformance.conf");
+  app.add_option("--json", options.json, "Write the results as JSON, too")->type_name("FILE");
+  app.add_option("--only", options.only,
+                 "Judge these clauses (SET-05) or families (SET) only; the verdict is of them")
       ->type_name("CLAUSE")
       ->allow_extra_args(false);
-  app.add_option("--patience", options.patienceMs, "How long an event may take, in ms")
+  app.add_option("--patience", options.patienceMs,
+                 "How long an event may take, in ms; a clause ends after ten times as long")
       ->capture_default_str()
       ->check(CLI::Range(100, 60000));
   app.add_flag("--list", options.isListing, "List the clauses and end");
 }
 
-std::vector<Clause> WantedClauses(const std::vector<std::string>& only) {
-  std::vector<Clause> wanted = Clauses();
-  for (const std::string& id : only) {
-    if (std::none_of(wanted.begin(), wanted.end(),
-                     [&](const Clause& clause) { return clause.id == id; })) {
-      throw std::runtime_error("there is no clause " + id);
-    }
-  }
-  if (!only.empty()) {
-    wanted.erase(std::remove_if(wanted.begin(), wanted.end(),
-                                [&](const Clause& clause) {
-                                  return std::find(only.begin(), only.end(), clause.id) ==
-                                         only.end();
-                                }),
-                 wanted.end());
-  }
-  return wanted;
+std::string Taken(char* text) { return std::unique_ptr<char, void (*)(void*)>(text, g_free).get(); }
+
+std::string DigestOfFile(const std::string& path) {
+  const std::string bytes = ReadFile(path);
+  return Taken(g_compute_checksum_for_string(G_CHECKSUM_SHA256, bytes.data(),
+                                             static_cast<gssize>(bytes.size())));
 }
 
-/// The file that the port's functions are in.
-std::string PortLibrary() {
+void WriteJson(const Judge& judge, const std::string& port, const Options& options) {
+  Json::Value root;
   Dl_info info{};
-  if (dladdr(reinterpret_cast<void*>(&platform_log_print), &info) == 0) {
-    return "unknown";
+  if (dladdr(reinterpret_cast<void*>(&platform_log_print), &info) != 0) {
+    root["portLibrary"] = std::filesystem::path(info.dli_fname).filename().string();
+    root["portLibrarySha256"] = DigestOfFile(info.dli_fname);
   }
-  return std::filesystem::path(info.dli_fname).filename().string() +
-         " sha256:" + DigestOfFile(info.dli_fname);
-}
-
-Report NewReport(const Options& options) {
-  Report report;
-  report.port = *Declaration(options.declaration).Find(keys::PORT);
-  report.portVersion = ONDARO_PORT_VERSION;
-  report.kitVersion = ONDARO_KIT_VERSION;
-  report.portLibrary = PortLibrary();
-  report.declarationDigest = DigestOfFile(options.declaration);
-  return report;
-}
-
-void WriteFiles(const Options& options, const Report& report) {
-  if (!options.junit.empty()) {
-    WriteJunit(report, options.junit);
+  root["port"] = port;
+  root["portVersion"] = ONDARO_PORT_VERSION;
+  root["kitVersion"] = ONDARO_KIT_VERSION;
+  root["declarationSha256"] = DigestOfFile(options.declaration);
+  root["conformant"] = judge.IsConformant();
+  root["verdict"] = judge.Verdict();
+  for (const std::string& note : judge.Notes()) {
+    root["notes"].append(note);
   }
-  if (!options.json.empty()) {
-    WriteJson(report, options.json);
+  for (const Result& result : judge.Results()) {
+    Json::Value clause;
+    clause["clause"] = result.clause;
+    clause["sentence"] = result.sentence;
+    clause["status"] = Word(result.answer.status);
+    clause["text"] = Taken(g_utf8_make_valid(result.answer.text.c_str(), -1));
+    clause["seconds"] = result.seconds;
+    root["clauses"].append(clause);
   }
-  if (!options.statement.empty()) {
-    WriteStatement(report, options.statement);
-  }
+  WriteFile(options.json, root.toStyledString());
 }
 
 int JudgePort(const Options& options) {
-  Report report = NewReport(options);
-  Supervisor supervisor(std::filesystem::absolute(options.declaration),
-                        std::chrono::milliseconds(options.patienceMs));
-  supervisor.Judge(WantedClauses(options.only), report);
-  for (const std::string& remark : report.remarks) {
-    std::cout << "remark: " << remark << '\n';
+  const std::string port = *Declaration(options.declaration).Find("port");
+  Judge judge(options.declaration, Milliseconds(options.patienceMs));
+  judge.Run(options.only);
+  for (const std::string& note : judge.Notes()) {
+    std::cout << "note: " << note << '\n';
   }
-  std::cout << "verdict: " << report.port << " is " << report.Verdict() << std::endl;
-  WriteFiles(options, report);
-  if (supervisor.Interruption() != 0) {
-    return SIGNAL_BASE + supervisor.Interruption();
+  std::cout << "verdict: " << port << " is " << judge.Verdict() << std::endl;
+  if (!options.json.empty()) {
+    WriteJson(judge, port, options);
   }
-  return report.IsConformant() ? CONFORMANT : NOT_CONFORMANT;
-}
-
-/// A process started by another of the kit: OPTION DECLARATION SCRATCH PATIENCE WHAT...
-int Serve(const std::vector<std::string>& arguments) {
-  SetContext({Declaration(arguments[1]), arguments[2],
-              std::chrono::milliseconds(std::stoi(arguments[3]))});
-  if (arguments[0] == worker::OPTION) {
-    return worker::Run(arguments[4]);
-  }
-  return probes::RunProbe(arguments[4], {arguments.begin() + 5, arguments.end()}) ? EXIT_SUCCESS
-                                                                                  : EXIT_FAILURE;
-}
-
-bool IsServing(const std::vector<std::string>& arguments) {
-  return arguments.size() >= 5 &&
-         (arguments[0] == worker::OPTION || arguments[0] == probes::OPTION);
+  return judge.Signal() != 0    ? SIGNAL_BASE + judge.Signal()
+         : judge.IsConformant() ? CONFORMANT
+                                : NOT_CONFORMANT;
 }
 
 int Run(int argc, char** argv) {
-  if (const std::vector<std::string> arguments(argv + 1, argv + argc); IsServing(arguments)) {
-    return Serve(arguments);
-  }
   Options options;
   CLI::App app("Judges a port against the contract of the platform seam.", "ondaro-platform-check");
   Describe(app, options);
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == EXIT_SUCCESS ? EXIT_SUCCESS : NOT_RUN;
+  }
   if (options.isListing) {
     for (const Clause& clause : Clauses()) {
-      std::cout << clause.id << "  " << clause.title << '\n';
+      std::cout << clause.id << "  " << clause.sentence << '\n';
     }
     return EXIT_SUCCESS;
-  }
-  if (options.declaration.empty()) {
-    throw std::runtime_error("no declaration given");
   }
   return JudgePort(options);
 }
@@ -157,10 +115,8 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  int googleTestSees = 1;
-  testing::InitGoogleTest(&googleTestSees, argv);
   try {
-    return Run(argc, argv);
+    return Serve({argv + 1, argv + argc}) ? EXIT_SUCCESS : Run(argc, argv);
   } catch (const std::exception& error) {
     std::cerr << "ondaro-platform-check: " << error.what() << '\n';
     return NOT_RUN;

@@ -2,7 +2,7 @@
 #define ONDARO_PLATFORM_MEMORY_SIMULATEDSET_H
 
 // A set that a test of a host program makes up as it goes: by writing these settings keys, each an
-// integer, in its own process.
+// integer.
 
 namespace ondaro::memory {
 

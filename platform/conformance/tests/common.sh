@@ -1,9 +1,11 @@
-# What the kit's own tests share: a directory for everything, and a state of the host port in it.
+# shellcheck shell=sh disable=SC2154
+# What the kit's own tests share: a directory for everything, with the state of a port in it.
 set -eu
 export LC_ALL=C
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
-export ONDARO_HOST_STATE="$scratch/state"
+mkdir "$scratch/set"
+export ONDARO_HOST_STATE="$scratch/state" ONDARO_MEMORY_SET="$scratch/set"
 
 die() {
   echo "$*" >&2
@@ -21,4 +23,4 @@ judge() {
 }
 
 # shows PATTERN: in what the kit said.
-shows() { grep -Eq "$1" "$scratch/output" || die "nothing like '$1' in:"; }
+shows() { grep -Eq -e "$1" "$scratch/output" || die "nothing like '$1' in:"; }
