@@ -5,6 +5,7 @@
 #include "BusContract.h"
 #include "CallbackFunnel.h"
 #include "GLibPtr.h"
+#include "LiveObjects.h"
 #include "OndaroPALDebug.h"
 #include "ondaro/pal/CException.h"
 
@@ -12,7 +13,16 @@ namespace NOndaroPAL {
 
 namespace {
 
-constexpr int DEFAULT_TIMEOUT = -1;
+constexpr int DEFAULT_TIMEOUT = -1;  // milliseconds, as the next
+constexpr int LAST_CALL_TIMEOUT = 500;
+
+/// What was sent before is with the bus when it answers. Not for longer: it may stand still.
+void _AwaitSent(GDBusConnection* pConnection) {
+  constexpr const char* BUS = "org.freedesktop.DBus";
+  const GLibPtr<GVariant> answer(g_dbus_connection_call_sync(
+      pConnection, BUS, "/org/freedesktop/DBus", BUS, "GetId", nullptr, nullptr,
+      G_DBUS_CALL_FLAGS_NONE, LAST_CALL_TIMEOUT, nullptr, nullptr));
+}
 
 }  // namespace
 
@@ -27,20 +37,26 @@ CIpcClientImpl::CIpcClientImpl() : m_nOwnPid(getpid()) {
   if (g_dbus_connection_is_closed(connection.get()) != FALSE) {
     throw CInvalidCaseException("g_bus_get_sync failed: the connection is closed");
   }
-  m_pGDBusProxy =
-      g_dbus_proxy_new_sync(connection.get(), G_DBUS_PROXY_FLAGS_NONE, nullptr, BusContract::NAME,
-                            BusContract::OBJECT_PATH, BusContract::INTERFACE, nullptr, error.Out());
-  if (m_pGDBusProxy == nullptr) {
+  GLibPtr<GDBusProxy> proxy(g_dbus_proxy_new_sync(
+      connection.get(), G_DBUS_PROXY_FLAGS_NONE, nullptr, BusContract::NAME,
+      BusContract::OBJECT_PATH, BusContract::INTERFACE, nullptr, error.Out()));
+  if (proxy == nullptr) {
     throw CInvalidCaseException(std::string("g_dbus_proxy_new_sync failed: ") + error.Message());
   }
+  CLiveObjects<CIpcClientImpl>::Add(this);
   m_pGDBusConnection = connection.release();
+  m_pGDBusProxy = proxy.release();
 }
 
 CIpcClientImpl::~CIpcClientImpl() {
   ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__);
+  CLiveObjects<CIpcClientImpl>::Remove(this);
   // GLib's thread did not come along: a forked child would wait for the bus in vain.
   if (getpid() != m_nOwnPid) {
     return;
+  }
+  if (g_dbus_connection_is_closed(m_pGDBusConnection) == FALSE) {
+    _AwaitSent(m_pGDBusConnection);
   }
   // The subscription's user data is this object. Calls under way have none and end in the log.
   if (m_nSubscriptionId != 0) {
@@ -116,6 +132,9 @@ void CIpcClientImpl::_DbusSignalCallback(GDBusConnection*, const gchar* sender_n
                                          const gchar* object_path, const gchar* interface_name,
                                          const gchar* signal_name, GVariant* parameters,
                                          gpointer user_data) {
+  if (!CLiveObjects<CIpcClientImpl>::Has(user_data)) {
+    return;
+  }
   ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__);
   PAL_LOG_ERROR("Start sender_name:%s, object_path:%s,  interface_name:%s,  signal_name:%s",
                 sender_name, object_path, interface_name, signal_name);

@@ -2,14 +2,13 @@
 
 #include <unistd.h>
 
-#include <mutex>
-#include <set>
 #include <string_view>
 
 #include "BusContract.h"
 #include "CallbackFunnel.h"
 #include "GLibPtr.h"
 #include "InterfaceDescription.h"
+#include "LiveObjects.h"
 #include "OndaroPALDebug.h"
 #include "ondaro/pal/CException.h"
 
@@ -65,7 +64,7 @@ void _RefuseNodeInOther(GMarkupParseContext* context, const gchar* element, cons
 void _RequireNodesInNodes(const gchar* text) {
   static constexpr GMarkupParser PARSER = {_RefuseNodeInOther, nullptr, nullptr, nullptr, nullptr};
   const GLibPtr<GMarkupParseContext> context(
-      g_markup_parse_context_new(&PARSER, G_MARKUP_DEFAULT_FLAGS, nullptr, nullptr));
+      g_markup_parse_context_new(&PARSER, GMarkupParseFlags{}, nullptr, nullptr));
   CGErrorOut error;
   if (g_markup_parse_context_parse(context.get(), text, -1, error.Out()) == FALSE) {
     _RefuseDescription(error.Message());
@@ -88,39 +87,40 @@ GLibPtr<GDBusNodeInfo> _LoadDescription() {
   return node;
 }
 
-/// The servers there are. A lost connection is told of in the context that made it, from where GLib
-/// queues the name's loss for the server's: that may arrive when the server is gone.
-class CLiveServers {
+/// Installed in the wrong place of the bus, the object is never called; the server sends all the
+/// same.
+void _CompareWithContract(const GDBusNodeInfo& node) {
+  const char* const interface = node.interfaces[0]->name;
+  if (g_strcmp0(node.path, BusContract::OBJECT_PATH) != 0 ||
+      g_strcmp0(interface, BusContract::INTERFACE) != 0) {
+    PAL_LOG_ERROR("%s: describes %s at %s, but callers use %s at %s", INTERFACE_DESCRIPTION_PATH,
+                  interface, node.path, BusContract::INTERFACE, BusContract::OBJECT_PATH);
+  }
+}
+
+/// Answers a call when the handler has returned, thrown or ended its thread.
+class CReply {
  public:
-  static CLiveServers& Get() {
-    // Never destroyed: the services of the process go at its exit, in an order of their own.
-    static auto* const servers = new CLiveServers;
-    return *servers;
+  explicit CReply(GDBusMethodInvocation* invocation) : m_pInvocation(invocation) {}
+  ~CReply() {
+    g_dbus_method_invocation_return_value(m_pInvocation,
+                                          g_variant_new(BusContract::REPLY_TYPE, REPLY_HANDLED));
   }
-  void Add(const void* pServer) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_servers.insert(pServer);
-  }
-  void Remove(const void* pServer) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_servers.erase(pServer);
-  }
-  bool Has(const void* pServer) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_servers.count(pServer) != 0;
-  }
+  CReply(const CReply&) = delete;
+  CReply& operator=(const CReply&) = delete;
 
  private:
-  std::mutex m_mutex;
-  std::set<const void*> m_servers;
+  GDBusMethodInvocation* m_pInvocation;
 };
 
 }  // namespace
 
 CIpcServerImpl::CIpcServerImpl() : m_nOwnPid(getpid()) {
   ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__);
-  m_pBusNodeInfo = _LoadDescription().release();
-  CLiveServers::Get().Add(this);
+  GLibPtr<GDBusNodeInfo> description = _LoadDescription();
+  _CompareWithContract(*description);
+  CLiveObjects<CIpcServerImpl>::Add(this);
+  m_pBusNodeInfo = description.release();
   m_nOwnerId = g_bus_own_name(BusContract::BUS_TYPE, BusContract::NAME, G_BUS_NAME_OWNER_FLAGS_NONE,
                               BusAcquiredCallback, BusNameAcquiredCallback, BusNameLostCallback,
                               this, nullptr);
@@ -129,12 +129,12 @@ CIpcServerImpl::CIpcServerImpl() : m_nOwnPid(getpid()) {
 
 CIpcServerImpl::~CIpcServerImpl() {
   ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__);
+  CLiveObjects<CIpcServerImpl>::Remove(this);
   // GLib's thread did not come along: a forked child would wait for the bus in vain.
   if (getpid() != m_nOwnPid) {
     g_dbus_node_info_unref(m_pBusNodeInfo);
     return;
   }
-  CLiveServers::Get().Remove(this);
   if (m_pDbusConnection != nullptr && m_nRegistrationId != 0) {
     const gboolean removed =
         g_dbus_connection_unregister_object(m_pDbusConnection, m_nRegistrationId);
@@ -143,7 +143,7 @@ CIpcServerImpl::~CIpcServerImpl() {
   g_bus_unown_name(m_nOwnerId);
   // Without a recorded connection the object may be registered all the same: the bus was
   // acquired and the name not yet, or the connection was lost with calls still queued.
-  if (m_pObjectConnection != nullptr) {
+  if (m_isConnectionHeld) {
     g_dbus_connection_unregister_object(m_pObjectConnection, m_nRegistrationId);
     g_object_unref(m_pObjectConnection);
   }
@@ -179,7 +179,7 @@ void CIpcServerImpl::SendDataToClient(const std::string& appEvt, const std::stri
 
 void CIpcServerImpl::BusAcquiredCallback(GDBusConnection* pDbusConnection, const gchar* name,
                                          gpointer user_data) {
-  if (!CLiveServers::Get().Has(user_data)) {
+  if (!CLiveObjects<CIpcServerImpl>::Has(user_data)) {
     return;
   }
   PAL_LOG_DEBUG("pDbusConnection:%p,  name:%s", static_cast<void*>(pDbusConnection), name);
@@ -190,6 +190,10 @@ void CIpcServerImpl::BusAcquiredCallback(GDBusConnection* pDbusConnection, const
       "pThis->m_pBusNodeInfo->interfaces[0]:%p",
       static_cast<void*>(pNode), static_cast<void*>(pNode->path), pNode->path,
       static_cast<void*>(pNode->interfaces[0]));
+  // Held while signals may be sent: GLib lets go of a closed connection before it tells of the
+  // loss.
+  pThis->m_pObjectConnection = static_cast<GDBusConnection*>(g_object_ref(pDbusConnection));
+  pThis->m_isConnectionHeld = true;
   static constexpr GDBusInterfaceVTable HANDLERS = {
       BusInterfaceMethodCallback, nullptr, nullptr, {}};
   CGErrorOut error;
@@ -197,23 +201,26 @@ void CIpcServerImpl::BusAcquiredCallback(GDBusConnection* pDbusConnection, const
       pDbusConnection, pNode->path, pNode->interfaces[0], &HANDLERS, pThis, nullptr, error.Out());
   if (pThis->m_nRegistrationId == 0) {
     PAL_LOG_ERROR("g_dbus_connection_register_object failed: %s", error.Message());
-    return;
   }
-  pThis->m_pObjectConnection = static_cast<GDBusConnection*>(g_object_ref(pDbusConnection));
 }
 
 void CIpcServerImpl::BusNameAcquiredCallback(GDBusConnection* pDbusConnection, const gchar* name,
                                              gpointer user_data) {
-  if (!CLiveServers::Get().Has(user_data)) {
+  if (!CLiveObjects<CIpcServerImpl>::Has(user_data)) {
     return;
   }
   PAL_LOG_INFO("pDbusConnection:%p,  name:%s", static_cast<void*>(pDbusConnection), name);
-  static_cast<CIpcServerImpl*>(user_data)->m_pDbusConnection = pDbusConnection;
+  auto* pThis = static_cast<CIpcServerImpl*>(user_data);
+  pThis->m_pDbusConnection = pDbusConnection;
+  if (!pThis->m_isConnectionHeld && pDbusConnection == pThis->m_pObjectConnection) {
+    g_object_ref(pDbusConnection);
+    pThis->m_isConnectionHeld = true;
+  }
 }
 
 void CIpcServerImpl::BusNameLostCallback(GDBusConnection* pDbusConnection, const gchar* name,
                                          gpointer user_data) {
-  if (!CLiveServers::Get().Has(user_data)) {
+  if (!CLiveObjects<CIpcServerImpl>::Has(user_data)) {
     return;
   }
   PAL_LOG_INFO("pDbusConnection:%p,  name:%s", static_cast<void*>(pDbusConnection), name);
@@ -221,6 +228,13 @@ void CIpcServerImpl::BusNameLostCallback(GDBusConnection* pDbusConnection, const
   pThis->m_pDbusConnection = nullptr;
   if (pDbusConnection != nullptr && pThis->m_nRegistrationId != 0) {
     g_dbus_connection_unregister_object(pDbusConnection, pThis->m_nRegistrationId);
+  }
+  // A lost name may come back, a closed connection does not, and of its closing nobody tells a
+  // server that waits for the name: one that is held would be the process's shared one for ever.
+  if (pThis->m_isConnectionHeld) {
+    g_dbus_connection_unregister_object(pThis->m_pObjectConnection, pThis->m_nRegistrationId);
+    g_object_unref(pThis->m_pObjectConnection);
+    pThis->m_isConnectionHeld = false;
   }
 }
 
@@ -239,6 +253,10 @@ void CIpcServerImpl::BusInterfaceMethodCallback(GDBusConnection*, const gchar* s
       g_object_unref(invocation);
       throw CInvalidCaseException("invalid method is sent");
     }
+    if (!CLiveObjects<CIpcServerImpl>::Has(user_data)) {
+      g_object_unref(invocation);
+      return;
+    }
     static_cast<CIpcServerImpl*>(user_data)->HandleAppData(parameters, invocation, user_data);
     PAL_LOG_INFO("Finish sender:%s  object_path:%s  interface_name:%s  method_name:%s", sender,
                  object_path, interface_name, method_name);
@@ -256,6 +274,7 @@ void CIpcServerImpl::HandleAppData(GVariant* parameters, GDBusMethodInvocation* 
                                           "%s expected", BusContract::EVENT_TYPE);
     return;
   }
+  const CReply reply(invocation);
   // Owned by the parameters, which live until the call is answered.
   const gchar* appEvt = nullptr;
   const gchar* data = nullptr;
@@ -277,9 +296,6 @@ void CIpcServerImpl::HandleAppData(GVariant* parameters, GDBusMethodInvocation* 
       PAL_LOG_ERROR("registered appEvt : %s", registered.c_str());
     }
   }
-  // Nothing of the object from here on: the handler may have changed it.
-  g_dbus_method_invocation_return_value(invocation,
-                                        g_variant_new(BusContract::REPLY_TYPE, REPLY_HANDLED));
 }
 
 }  // namespace NOndaroPAL

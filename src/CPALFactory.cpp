@@ -1,11 +1,21 @@
 #include "ondaro/pal/CPALFactory.h"
 
+#include "ProcessService.h"
 #include "ondaro/pal/CCoreAuthImpl.h"
 #include "ondaro/pal/CIpcClientImpl.h"
 #include "ondaro/pal/CIpcServerImpl.h"
 #include "ondaro/pal/CSystemConfigImpl.h"
 
 namespace NOndaroPAL {
+
+namespace {
+
+/// Destroyed with the namespace-scope constants, between which nothing else runs.
+const struct SEndOfLibrary {
+  ~SEndOfLibrary() { g_isLibraryOver = true; }
+} g_endOfLibrary;
+
+}  // namespace
 
 NOndaroAPI::ISystemConfigImpl* CPALFactory::CreateSystemConfigImpl() {
   return new CSystemConfigImpl();
@@ -18,23 +28,19 @@ NOndaroAPI::IIpcServerImpl* CPALFactory::CreateIpcServerImpl() { return new CIpc
 NOndaroAPI::ICoreAuthImpl* CPALFactory::CreateCoreAuthImpl() { return new CCoreAuthImpl(); }
 
 NOndaroAPI::CSystemConfig& GetSystemConfig() {
-  static NOndaroAPI::CSystemConfig instance(CPALFactory::CreateSystemConfigImpl());
-  return instance;
+  return CProcessService<NOndaroAPI::CSystemConfig>::Get(CPALFactory::CreateSystemConfigImpl);
 }
 
 NOndaroAPI::CIpcClient& GetIpcClient() {
-  static NOndaroAPI::CIpcClient instance(CPALFactory::CreateIpcClientImpl());
-  return instance;
+  return CProcessService<NOndaroAPI::CIpcClient>::Get(CPALFactory::CreateIpcClientImpl);
 }
 
 NOndaroAPI::CIpcServer& GetIpcServer() {
-  static NOndaroAPI::CIpcServer instance(CPALFactory::CreateIpcServerImpl());
-  return instance;
+  return CProcessService<NOndaroAPI::CIpcServer>::Get(CPALFactory::CreateIpcServerImpl);
 }
 
 NOndaroAPI::CCoreAuth& GetCoreAuth() {
-  static NOndaroAPI::CCoreAuth instance(CPALFactory::CreateCoreAuthImpl());
-  return instance;
+  return CProcessService<NOndaroAPI::CCoreAuth>::Get(CPALFactory::CreateCoreAuthImpl);
 }
 
 }  // namespace NOndaroPAL

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
+#include <new>
 
 #include "OndaroPALDebug.h"
 #include "platform/DevicePower.h"
@@ -26,6 +27,18 @@ struct SFree {
   void operator()(char* text) const noexcept { std::free(text); }
 };
 
+/// False for null and, since nothing of this layer throws, when there is no memory for the copy.
+bool _Copy(const char* text, std::string& value) noexcept {
+  try {
+    if (text != nullptr) {
+      value = text;
+    }
+    return text != nullptr;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
 }  // namespace
 
 bool CPALUtils::SetregGetStr(const std::string& key, std::string& value) {
@@ -34,11 +47,10 @@ bool CPALUtils::SetregGetStr(const std::string& key, std::string& value) {
     return false;
   }
   const std::unique_ptr<char, SFree> text(platform_settings_get_string(key.c_str()));
-  if (text == nullptr) {
+  if (!_Copy(text.get(), value)) {
     PAL_LOG_ERROR("Failed to get key %s", key.c_str());
     return false;
   }
-  value = text.get();
   return true;
 }
 
@@ -115,13 +127,11 @@ bool CPALUtils::GetSetregKeyFromKeynode(platform_settings_node* keynode, std::st
     PAL_LOG_ERROR("pKeynode is NULL");
     return false;
   }
-  const char* name = platform_settings_node_name(keynode);
-  if (name == nullptr) {
+  if (!_Copy(platform_settings_node_name(keynode), key)) {
     PAL_LOG_ERROR("failed to get keynode name");
     return false;
   }
-  key = name;
-  PAL_LOG_INFO("Succeed to get keynode name %s", name);
+  PAL_LOG_INFO("Succeed to get keynode name %s", key.c_str());
   return true;
 }
 
@@ -130,12 +140,10 @@ bool CPALUtils::GetSetregStrFromKeynode(platform_settings_node* keynode, std::st
     PAL_LOG_ERROR("pKeynode is NULL");
     return false;
   }
-  const char* text = platform_settings_node_string(keynode);
-  if (text == nullptr) {
+  if (!_Copy(platform_settings_node_string(keynode), value)) {
     PAL_LOG_ERROR("failed to get str from keynode");
     return false;
   }
-  value = text;
   return true;
 }
 

@@ -1,6 +1,7 @@
 #include "ondaro/pal/CSystemConfigImpl.h"
 
 #include "CallbackFunnel.h"
+#include "LiveObjects.h"
 #include "OndaroPALDebug.h"
 #include "ondaro/pal/CAppManagerUtil.h"
 #include "ondaro/pal/CException.h"
@@ -44,11 +45,11 @@ const std::string STR_FALSE = "false";
 const std::string STR_DEFAULT = "default";
 const std::string STR_SET = "set";
 const std::string STR_ERROR = "error";
-const std::string STR_EMPTY;
 const std::string PROPERTY_VALUE_SUPPORT = "1";
 const std::string TARGET_REPOSITORY_EMULATOR = "emulator";
 
 // Part of the vocabulary that the processes of the receiver share; nothing here reads them.
+[[maybe_unused]] const std::string STR_EMPTY;
 [[maybe_unused]] const std::string STR_ACCEPT = "accept";
 [[maybe_unused]] const std::string STR_NOT_ACCEPT = "not_accept";
 [[maybe_unused]] const std::string PROPERTY_VALUE_NOT_SUPPORT = "0";
@@ -73,7 +74,7 @@ std::string _FlagToText(int flag) { return flag == FLAG_SET ? STR_TRUE : STR_FAL
 
 std::string _UsageToText(int usage) {
   const auto word = g_enableUsageInt2Str.find(usage);
-  return word != g_enableUsageInt2Str.end() ? word->second : STR_EMPTY;
+  return word != g_enableUsageInt2Str.end() ? word->second : std::string();
 }
 
 std::string _ReadString(const std::string& key) {
@@ -259,9 +260,13 @@ CSystemConfigImpl::CSystemConfigImpl() {
   _InitGetFunctionMap(m_getFunctionMap);
   _InitSetFunctionMap(m_setFunctionMap);
   _InitCbManagerMap(m_cbManagerMap);
+  CLiveObjects<CSystemConfigImpl>::Add(this);
 }
 
-CSystemConfigImpl::~CSystemConfigImpl() { ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__); }
+CSystemConfigImpl::~CSystemConfigImpl() {
+  ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__);
+  CLiveObjects<CSystemConfigImpl>::Remove(this);
+}
 
 void CSystemConfigImpl::_PrintPropertyMap() const {
   for (const auto& [name, value] : m_propertyMap) {
@@ -329,7 +334,7 @@ std::string CSystemConfigImpl::_GetProperty(const std::string& mixedKey) const {
   const auto getter = m_getFunctionMap.find(_ExtractKeyFromMixedKey(mixedKey));
   if (getter == m_getFunctionMap.end()) {
     PAL_LOG_ERROR("property[%s] is undefined", mixedKey.c_str());
-    return STR_EMPTY;
+    return {};
   }
   return getter->second(_ExtractDataFromMixedKey(mixedKey));
 }
@@ -344,22 +349,22 @@ bool CSystemConfigImpl::_SetProperty(const std::string& key, const std::string& 
   return setter->second(val);
 }
 
-std::string_view CSystemConfigImpl::_ExtractKeyFromMixedKey(const std::string& mixedKey) const {
+std::string CSystemConfigImpl::_ExtractKeyFromMixedKey(const std::string& mixedKey) const {
   const std::size_t separator = mixedKey.find(MIXED_KEY_SEPARATOR);
   if (separator == std::string::npos) {
     PAL_LOG_DEBUG("data is not included");
     return mixedKey;
   }
-  const std::string key = mixedKey.substr(0, separator);
+  std::string key = mixedKey.substr(0, separator);
   PAL_LOG_INFO("key : %s", key.c_str());
-  return std::string_view(mixedKey).substr(0, separator);
+  return key;
 }
 
 std::string CSystemConfigImpl::_ExtractDataFromMixedKey(const std::string& mixedKey) const {
   const std::size_t separator = mixedKey.find(MIXED_KEY_SEPARATOR);
   if (separator == std::string::npos) {
     PAL_LOG_DEBUG("data is not included");
-    return STR_EMPTY;
+    return {};
   }
   std::string data = mixedKey.substr(separator + 1);
   PAL_LOG_INFO("data : %s", data.c_str());
@@ -448,12 +453,20 @@ void _RequireKeyNode(const platform_settings_node* pKeyNode) {
   }
 }
 
+/// The destructor leaves subscriptions as they are.
+bool _IsTooLate(const void* pUserData) {
+  return pUserData != nullptr && !CLiveObjects<CSystemConfigImpl>::Has(pUserData);
+}
+
 }  // namespace
 
 /// `pCache` is the member that filters repeated values, null for a property without a filter.
 void CSystemConfigImpl::_DeliverString(const SCallSite& site, platform_settings_node* pKeyNode,
                                        void* pUserData, const std::string& name,
                                        std::string CSystemConfigImpl::*pCache) {
+  if (_IsTooLate(pUserData)) {
+    return;
+  }
   try {
     _RequireKeyNode(pKeyNode);
     std::string value;
@@ -476,6 +489,9 @@ void CSystemConfigImpl::_DeliverString(const SCallSite& site, platform_settings_
 void CSystemConfigImpl::_DeliverInteger(const SCallSite& site, platform_settings_node* pKeyNode,
                                         void* pUserData, const std::string& name,
                                         std::string (*pToText)(int)) {
+  if (_IsTooLate(pUserData)) {
+    return;
+  }
   try {
     _RequireKeyNode(pKeyNode);
     int value = 0;

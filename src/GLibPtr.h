@@ -14,6 +14,7 @@ struct SGLibRelease {
   }
   void operator()(GDBusNodeInfo* info) const noexcept { g_dbus_node_info_unref(info); }
   void operator()(GDBusConnection* connection) const noexcept { g_object_unref(connection); }
+  void operator()(GDBusProxy* proxy) const noexcept { g_object_unref(proxy); }
 };
 
 template <typename TResource>

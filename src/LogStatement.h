@@ -19,7 +19,7 @@ constexpr int PRIORITY_ERROR = 6;
 /// One message from the place where it stands. Debug.h and OndaroPALDebug.h give it their tag.
 #define ONDARO_LOG(priority, tag, format, ...)                                            \
   platform_log_print(::ondaro::log::MAIN_BUFFER, priority, tag, ONDARO_LOG_PREFIX format, \
-                     __FILE_NAME__, __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+                     ONDARO_FILE_NAME, __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 
 /// One message in the name of the function whose call site is given.
 #define ONDARO_LOG_AT(site, priority, tag, format, ...)                                   \

@@ -4,6 +4,7 @@
 #include "Debug.h"
 #include "EventCallback.h"
 #include "ondaro/OndaroApi.h"
+#include "ondaro/api/CException.h"
 #include "ondaro/pal/CPALFactory.h"
 
 namespace {

@@ -35,7 +35,7 @@ const char* OndaroApi_SystemConfig_GetProperty(OndaroApi_SystemConfig_h handle, 
     const std::string value = GetClass(handle).GetProperty(key);
     const auto length = static_cast<uint32_t>(value.size());
     *pLength = length;
-    char* buffer = new char[length + 1U];
+    char* buffer = new char[std::size_t{length} + 1];
     std::memcpy(buffer, value.data(), length);
     buffer[length] = '\0';
     result = buffer;

@@ -1,36 +1,40 @@
 /**
+ * @file
  * The exported C interface of lib-ondaro-platform-tv.
  *
  * Conventions, valid for every function below unless it says otherwise:
  *
- *  1. Handles. A handle stands for a service object of the process. A factory function creates
+ * 1.  Handles. A handle stands for a service object of the process. A factory function creates
  *     the object on its first call and returns the same handle ever after, from any thread. A
  *     handle is never released by the caller; the objects are destroyed at process exit, in
  *     reverse order of their creation. A handle goes only to the functions of its own family.
- *  2. Strings are NUL-terminated. The library copies what it needs before a call returns. Event
+ * 2.  Strings are NUL-terminated. The library copies what it needs before a call returns. Event
  *     names and event data are UTF-8.
- *  3. Buffers that the library hands out belong to the caller, who releases them with the
+ * 3.  Buffers that the library hands out belong to the caller, who releases them with the
  *     library's own destroy function of that family and with nothing else.
- *  4. Failure. A function that fails writes an error line to the platform log and returns its
+ * 4.  Failure. A function that fails writes an error line to the platform log and returns its
  *     failure value: null, false, -1, or nothing. There is no error code, no errno and no
  *     last-error state.
- *  5. Null arguments. A null handle, or null for a pointer that is marked required, is a broken
+ * 5.  Null arguments. A null handle, or null for a pointer that is marked required, is a broken
  *     precondition: one error line, then the failure value. Nothing is read or changed. The line
  *     names the parameter; for the key or event name of a registration and the texts of a send it
  *     says instead that a string was to be made from null.
- *  6. Exceptions derived from std::exception never leave a function. An exception of another
- *     type, which only the set's own services can throw, passes through.
- *  7. Threads. The library has no thread and no main loop, and takes no lock but for the first
+ * 6.  Exceptions derived from std::exception never leave a function. An exception of another
+ *     type, which only the set's own services can throw, passes through, and so does the end of
+ *     the calling thread by pthread_exit() or cancellation, in a call or in a callback.
+ * 7.  Threads. The library has no thread and no main loop, and takes no lock but for the first
  *     use of each factory. Different families are independent, but for reading SYSTEM_ID, which
  *     makes and asks the device-authentication service. Within one family the caller keeps
- * registration, sending and the main loop that delivers events on one thread.
- *  8. Main contexts. GLib delivers the library's callbacks in the thread-default main context of
- *     the thread that caused them: the daemon's incoming events where the server handle was
- *     first obtained, the application's where a handler was registered while there was none, the
+ *     registration, sending and the main loop that delivers events on one thread.
+ * 8.  Main contexts. GLib delivers in the thread-default main context of the thread that caused
+ *     what is delivered: the daemon's incoming events where the server handle was first
+ *     obtained, the application's where a handler was registered while there was none, the
  *     completion of a send where it was sent, property changes where the settings store delivers
- * (the host backend: where the handler was registered). That context must be iterated by a main
- * loop of the host process.
- *  9. Callbacks run synchronously inside the delivery. They may call every function of this
+ *     (the host backend: where the handler was registered). The host process iterates each of
+ *     them, and for the application also the one in which the client handle was first obtained,
+ *     even if it only sends: GLib queues every event of the daemon there as well, and what is
+ *     never taken from the queue grows without bound.
+ * 9.  Callbacks run synchronously inside the delivery. They may call every function of this
  *     header, also to register, replace or unregister their own event. Their data argument is
  *     valid during the call only. User data is passed through and never released; the caller
  *     keeps it alive until the event is unregistered or replaced. An exception that leaves a
@@ -38,6 +42,18 @@
  * 10. The bus connection is the shared system-bus connection of the process. GLib ends the
  *     process when that connection is closed by the bus, unless the host process turns this off
  *     with g_dbus_connection_set_exit_on_close(); the library leaves the setting alone.
+ * 11. Exit. The services are destroyed while the process exits, after main() and before the
+ *     handlers that were registered with atexit() before the handles were obtained. The host
+ *     process ends its own threads first: a call that another thread makes meanwhile is not
+ *     safe. Afterwards a call is an error line and a failure, a factory returns null, and what
+ *     is still delivered does nothing. Beside a bus that stands still the exit waits half a
+ *     second for the application's end, and for the daemon's until the bus answers, up to 25
+ *     seconds.
+ * 12. Fork. A child of fork() may exec, exit, and read and write properties; the messaging is
+ *     its parent's: the child neither sends nor registers nor runs the main loop. When it exits,
+ *     it leaves the parent's bus connection alone.
+ * 13. The library stays loaded until the process ends (it is linked with -z nodelete), whatever
+ *     dlclose() is told.
  */
 #ifndef ONDARO_API_H
 #define ONDARO_API_H
@@ -54,9 +70,16 @@ extern "C" {
 
 /* ---- Handles ---------------------------------------------------------------------------- */
 
+/** Stands for the property service. */
 typedef struct OndaroApi_SystemConfig* OndaroApi_SystemConfig_h;
+
+/** Stands for the application's end of the messaging. */
 typedef struct OndaroApi_IpcClient* OndaroApi_IpcClient_h;
+
+/** Stands for the daemon's end of the messaging. */
 typedef struct OndaroApi_IpcServer* OndaroApi_IpcServer_h;
+
+/** Stands for device authentication. */
 typedef struct OndaroApi_CoreAuth* OndaroApi_CoreAuth_h;
 
 /**
@@ -81,7 +104,8 @@ ONDARO_EXPORT OndaroApi_IpcClient_h OndaroFactory_GetIpcClientHandle(void);
 /**
  * The daemon's end of the messaging. The first call reads the interface description and requests
  * the well-known bus name; the name is owned once the main context has run. Another daemon that
- * owns it is waited for in the bus's queue.
+ * owns it is waited for in the bus's queue. Until it is owned every send returns -1, so that one
+ * that returns 0 tells that it is; there is no other notice.
  *
  * @return the handle; null with an error line when the interface description cannot be used, in
  *         which case the next call tries again
@@ -99,26 +123,26 @@ ONDARO_EXPORT OndaroApi_CoreAuth_h OndaroFactory_GetCoreAuthHandle(void);
 
 /* ---- System configuration ---------------------------------------------------------------- */
 
-/*
- * The properties. Flags read "true" or "false".
+/**
+ * @page properties Properties
  *
- *   ONDARO_INIT              flag                                    read, write
- *   ONDARO_SUPPORT           flag                                    read, write, event
- *   ONDARO_CLEAR_DATA        flag                                    read, write, event
- *   ONDARO_ENABLE_USAGE_RPT  "false", "default", "true" or "set"     read, write, event
- *   ONDARO_TOS_STATUS        text                                    read, write, event
- *   ONDARO_STATUS            text; lost when the set is restarted    read, write, event (changed)
- *   ONDARO_ENROLLMENT        text                                    read, write, event (changed)
- *   WIDEVINE_ONDARO_VERSION  text                                    read, write, event (changed)
- *   WIDEVINE_ONDARO_SUPPORT  text                                    read, write, event (changed)
- *   SDR                      "1"                                     read
- *   SYSTEM_ID                the DRM system identifier               read
- *   TARGET_REPOSITORY        "emulator"                              read
- *   ONDARO_SET_PROCESS_GRP   an application's id: puts the calling   write
- *                            process into that application's group
+ *     ONDARO_INIT              flag                                   read, write
+ *     ONDARO_SUPPORT           flag                                   read, write, event
+ *     ONDARO_CLEAR_DATA        flag                                   read, write, event
+ *     ONDARO_ENABLE_USAGE_RPT  "false", "default", "true" or "set"    read, write, event
+ *     ONDARO_TOS_STATUS        text                                   read, write, event
+ *     ONDARO_STATUS            text; lost when the set is restarted   read, write, event (changed)
+ *     ONDARO_ENROLLMENT        text                                   read, write, event (changed)
+ *     WIDEVINE_ONDARO_VERSION  text                                   read, write, event (changed)
+ *     WIDEVINE_ONDARO_SUPPORT  text                                   read, write, event (changed)
+ *     SDR                      "1"                                    read
+ *     SYSTEM_ID                the DRM system identifier              read
+ *     TARGET_REPOSITORY        "emulator"                             read
+ *     ONDARO_SET_PROCESS_GRP   an application's id: puts the calling  write
+ *                              process into that application's group
  *
- * An event (changed) comes only when the text differs from the last one known; the other events
- * come with each notification of the settings store, equal values too.
+ * Flags read "true" or "false". An event (changed) comes only when the text differs from the last
+ * one known; other events come with each notification of the settings store, equal values too.
  */
 
 /**
@@ -150,8 +174,8 @@ ONDARO_EXPORT const char* OndaroApi_SystemConfig_GetProperty(OndaroApi_SystemCon
  * @param key     required; the property's name
  * @param val     required; the value. Flags store "true" for exactly that word and false for any
  *                other; the usage report stores an unknown word as "false".
- * @return true when the value was stored or, for ONDARO_SET_PROCESS_GRP, the group set; false for
- * an unknown or read-only property or a refusal by the settings store
+ * @return true when the value was stored or, for ONDARO_SET_PROCESS_GRP, the group set; false
+ *         for an unknown or read-only property or a refusal by the settings store
  */
 ONDARO_EXPORT bool OndaroApi_SystemConfig_SetProperty(OndaroApi_SystemConfig_h handle,
                                                       const char* key, const char* val);
@@ -218,14 +242,16 @@ ONDARO_EXPORT void OndaroApi_IpcClient_UnregisterEventHandler(OndaroApi_IpcClien
 
 /**
  * Sends an event to the daemon. The call does not wait: what became of it is known only to the
- * log, where its completion is written. The bus grants a connection 128 calls under way at once;
- * what it refuses beyond them is an error line of the completion.
+ * log, where its completion is written. What was sent before the process exits is handed to the
+ * bus, as far as the bus takes it within half a second. The bus grants a connection 128 calls under
+ * way at once; what it refuses beyond them is an error line of the completion.
  *
  * @param handle  required
  * @param appEvt  required; the event's name, UTF-8, may be empty
  * @param data    required; the event's data, UTF-8, may be empty. Name and data together must fit
  *                into the bus's message limit of 32 MiB.
- * @return 0 when the call was started, -1 on failure
+ * @return 0 when the call was started, which says nothing of the daemon, present or not; -1 on
+ *         failure, with nothing sent
  */
 ONDARO_EXPORT int OndaroApi_IpcClient_SendDataToServer(OndaroApi_IpcClient_h handle,
                                                        const char* appEvt, const char* data);
@@ -282,8 +308,8 @@ ONDARO_EXPORT int OndaroApi_IpcServer_SendDataToClient(OndaroApi_IpcServer_h han
  * OndaroApi_CoreAuth_DestroyCoreAuthInfo().
  */
 typedef struct OndaroApi_CoreAuthInfoRW {
-  char* data;
-  uint32_t length;
+  char* data;      /**< the bytes */
+  uint32_t length; /**< their number */
 } OndaroApi_CoreAuthInfoRW_t;
 
 /**
@@ -291,8 +317,8 @@ typedef struct OndaroApi_CoreAuthInfoRW {
  * stands for no bytes; null data with another length is refused.
  */
 typedef struct OndaroApi_CoreAuthInfoRO {
-  const char* data;
-  uint32_t length;
+  const char* data; /**< the bytes */
+  uint32_t length;  /**< their number */
 } OndaroApi_CoreAuthInfoRO_t;
 
 /**

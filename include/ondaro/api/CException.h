@@ -12,12 +12,20 @@ namespace NOndaroAPI {
  */
 class ONDARO_EXPORT CException : public std::exception {
  public:
+  /**
+   * @param origin   where it comes from
+   * @param message  what it says
+   */
   CException(const std::string& origin, const std::string& message);
   ~CException() override;
 
+  /** @return the origin followed directly by the message */
   const char* what() const noexcept override;
 
+  /** @return the origin */
   const std::string& GetOrigin() const noexcept { return m_origin; }
+
+  /** @return the message */
   const std::string& GetMessage() const noexcept { return m_message; }
 
  private:
@@ -29,6 +37,10 @@ class ONDARO_EXPORT CException : public std::exception {
 /** A misuse of an exported function that the function itself detects. */
 class ONDARO_EXPORT CAPIException : public CException {
  public:
+  /**
+   * @param origin   where it comes from
+   * @param message  what it says
+   */
   CAPIException(const std::string& origin, const std::string& message);
   ~CAPIException() override;
 };

@@ -13,15 +13,24 @@ namespace NOndaroAPI {
  */
 class ONDARO_EXPORT CIpcClient {
  public:
-  /** Takes ownership of `impl`, which is not tested for null. */
+  /**
+   * Takes the implementation over.
+   *
+   * @param impl  deleted with this object; not tested for null
+   */
   explicit CIpcClient(IIpcClientImpl* impl);
   ~CIpcClient();
 
   CIpcClient(const CIpcClient&) = delete;
   CIpcClient& operator=(const CIpcClient&) = delete;
 
+  /** @copydoc IIpcClientImpl::RegisterEventHandler() */
   void RegisterEventHandler(const std::string& appEvt, const IpcEventHandler& handler);
+
+  /** @copydoc IIpcClientImpl::UnregisterEventHandler() */
   void UnregisterEventHandler();
+
+  /** @copydoc IIpcClientImpl::SendDataToServer() */
   void SendDataToServer(const std::string& appEvt, const std::string& data);
 
  private:

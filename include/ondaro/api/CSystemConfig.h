@@ -12,16 +12,27 @@ namespace NOndaroAPI {
 /** The property service, as the exported functions see it. Forwards. */
 class ONDARO_EXPORT CSystemConfig {
  public:
-  /** Takes ownership of `impl`, which is not tested for null. */
+  /**
+   * Takes the implementation over.
+   *
+   * @param impl  deleted with this object; not tested for null
+   */
   explicit CSystemConfig(ISystemConfigImpl* impl);
   ~CSystemConfig();
 
   CSystemConfig(const CSystemConfig&) = delete;
   CSystemConfig& operator=(const CSystemConfig&) = delete;
 
+  /** @copydoc ISystemConfigImpl::GetProperty() */
   std::string GetProperty(const std::string& key) const;
+
+  /** @copydoc ISystemConfigImpl::SetProperty() */
   bool SetProperty(const std::string& key, const std::string& val) const;
+
+  /** @copydoc ISystemConfigImpl::RegisterEventHandler() */
   void RegisterEventHandler(const std::string& key, const PropertyEventHandler& handler);
+
+  /** @copydoc ISystemConfigImpl::UnregisterEventHandler() */
   void UnregisterEventHandler(const std::string& key);
 
  private:

@@ -18,16 +18,39 @@ class ONDARO_EXPORT ICoreAuthImpl : private boost::noncopyable {
  public:
   virtual ~ICoreAuthImpl();
 
-  /** Fills `key` and `cert`; on success neither is empty. */
+  /**
+   * Generates the device key and its certificate.
+   *
+   * @param key   receives the key, not empty on success
+   * @param cert  receives the certificate, not empty on success
+   * @return true on success
+   */
   virtual bool GenerateDeviceKeyAndCert(std::string& key, std::string& cert) = 0;
 
-  /** Signs `hash` with `key`; on success `sign` is not empty. */
+  /**
+   * Signs a hash with the device key.
+   *
+   * @param key   the key as generated
+   * @param hash  the hash
+   * @param sign  receives the signature, not empty on success
+   * @return true on success
+   */
   virtual bool SignHash(const std::string& key, const std::string& hash, std::string& sign) = 0;
 
-  /** Leaves the record as it is. */
+  /**
+   * The model's certificate chain, which this platform does not have.
+   *
+   * @param certChain  left as it is
+   * @return true
+   */
   virtual bool GetModelCertChain(OndaroApi_CoreAuthInfoRW* certChain) = 0;
 
-  /** Fills `systemId` with the DRM system identifier, unchanged; it may be empty. */
+  /**
+   * The DRM system identifier.
+   *
+   * @param systemId  receives it unchanged; it may be empty
+   * @return true on success
+   */
   virtual bool GetSystemID(std::string& systemId) = 0;
 };
 

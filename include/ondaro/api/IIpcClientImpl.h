@@ -15,15 +15,24 @@ class ONDARO_EXPORT IIpcClientImpl : private boost::noncopyable {
   virtual ~IIpcClientImpl();
 
   /**
-   * Stores a copy of `handler` under the event name, replacing the one there. Throws
-   * NOndaroPAL::CInvalidCaseException when the daemon's events cannot be listened to.
+   * Stores a copy of the handler, replacing the one there. Throws
+   * NOndaroPAL::CInvalidCaseException, with nothing registered, when the signal cannot be had.
+   *
+   * @param appEvt   the event's name
+   * @param handler  called with each event of that name
    */
   virtual void RegisterEventHandler(const std::string& appEvt, const IpcEventHandler& handler) = 0;
 
   /** Removes every handler. */
   virtual void UnregisterEventHandler() = 0;
 
-  /** Sends an event to the daemon; throws NOndaroPAL::CInvalidCaseException when it cannot. */
+  /**
+   * Starts the sending of an event to the daemon and returns. Throws
+   * NOndaroPAL::CInvalidCaseException for what the bus cannot carry.
+   *
+   * @param appEvt  the event's name
+   * @param data    its data
+   */
   virtual void SendDataToServer(const std::string& appEvt, const std::string& data) = 0;
 };
 

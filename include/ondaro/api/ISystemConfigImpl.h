@@ -14,20 +14,38 @@ class ONDARO_EXPORT ISystemConfigImpl : private boost::noncopyable {
  public:
   virtual ~ISystemConfigImpl();
 
-  /** The value of `key`, a name or "name:data"; empty when unknown, "error" when unreadable. */
+  /**
+   * Reads a property.
+   *
+   * @param key  its name, or "name:data"
+   * @return the value; empty when unknown, "error" when unreadable
+   */
   virtual std::string GetProperty(const std::string& key) const = 0;
 
-  /** True when stored. */
+  /**
+   * Writes a property.
+   *
+   * @param key  its name
+   * @param val  the value
+   * @return true when stored
+   */
   virtual bool SetProperty(const std::string& key, const std::string& val) = 0;
 
   /**
-   * Stores a copy of `handler` under `key`, replacing the one there, and subscribes to a property
-   * that has change events. Under any other name a handler is never called.
+   * Stores a copy of the handler, replacing the one there, and subscribes to a property that has
+   * change events.
+   *
+   * @param key      the property's name; under a name without events the handler is never called
+   * @param handler  called with each event
    */
   virtual void RegisterEventHandler(const std::string& key,
                                     const PropertyEventHandler& handler) = 0;
 
-  /** Puts a handler that does nothing under `key` and ends a subscription. */
+  /**
+   * Puts a handler that does nothing in a handler's place and ends a subscription.
+   *
+   * @param key  the property's name
+   */
   virtual void UnregisterEventHandler(const std::string& key) = 0;
 };
 

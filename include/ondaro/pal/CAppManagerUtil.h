@@ -11,8 +11,10 @@ namespace NOndaroPAL {
 class ONDARO_EXPORT CAppManagerUtil {
  public:
   /**
-   * Puts the calling process into the process group of the application `appId`. True when that is
-   * done, else false with an error line.
+   * Puts the calling process into an application's process group.
+   *
+   * @param appId  the application's id
+   * @return true when that is done, else false with an error line
    */
   static bool SetProcessGroup(const std::string& appId);
 };

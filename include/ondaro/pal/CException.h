@@ -11,9 +11,11 @@ namespace NOndaroPAL {
 /** Base of the platform layer's exceptions. what() is the message given. */
 class ONDARO_EXPORT CException : public std::exception {
  public:
+  /** @param message  what it says */
   explicit CException(std::string message);
   ~CException() override;
 
+  /** @return the message */
   const char* what() const noexcept override;
 
  private:
@@ -23,6 +25,7 @@ class ONDARO_EXPORT CException : public std::exception {
 /** A pointer was null; built from its name. */
 class ONDARO_EXPORT CNullptrException : public CException {
  public:
+  /** @param pointerName  the name of the pointer */
   explicit CNullptrException(const std::string& pointerName);
   ~CNullptrException() override;
 };
@@ -30,6 +33,7 @@ class ONDARO_EXPORT CNullptrException : public CException {
 /** An operation failed or was called in a state that does not allow it; built from its name. */
 class ONDARO_EXPORT CInvalidCaseException : public CException {
  public:
+  /** @param description  the operation, or what was wrong */
   explicit CInvalidCaseException(const std::string& description);
   ~CInvalidCaseException() override;
 };

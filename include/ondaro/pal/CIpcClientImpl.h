@@ -16,21 +16,21 @@ namespace NOndaroPAL {
  * The application's end on the system bus: calls the daemon's method and listens to its signal.
  *
  * Signals arrive in the thread-default main context of the thread that registered a handler
- * while there was none, completions of calls in that of the thread that sent. Nothing is locked:
- * registration belongs on the thread that iterates the former.
+ * while there was none, completions of calls in that of the thread that sent. GLib's proxy queues
+ * each signal in that of the thread that made the object as well: it is to be iterated too. Nothing
+ * is locked: registration belongs on the thread that iterates the signals' context.
  */
 class ONDARO_EXPORT CIpcClientImpl : public NOndaroAPI::IIpcClientImpl {
  public:
   /** Throws CInvalidCaseException when the bus cannot be reached. */
   CIpcClientImpl();
+  /** Waits until the bus has what was sent, for half a second at most. */
   ~CIpcClientImpl() override;
 
-  /** Throws CInvalidCaseException, with nothing registered, when the signal cannot be had. */
   void RegisterEventHandler(const std::string& appEvt,
                             const NOndaroAPI::IpcEventHandler& handler) override;
   void UnregisterEventHandler() override;
 
-  /** Starts the call and returns. Throws CInvalidCaseException for what the bus cannot carry. */
   void SendDataToServer(const std::string& appEvt, const std::string& data) override;
 
  private:

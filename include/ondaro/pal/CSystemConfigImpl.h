@@ -1,10 +1,8 @@
 #ifndef ONDARO_PAL_CSYSTEMCONFIGIMPL_H
 #define ONDARO_PAL_CSYSTEMCONFIGIMPL_H
 
-#include <functional>
 #include <map>
 #include <string>
-#include <string_view>
 
 #include "ondaro/Export.h"
 #include "ondaro/api/ISystemConfigImpl.h"
@@ -21,7 +19,8 @@ namespace NOndaroPAL {
  * change the handler table and the cached values without a lock: keep them on one thread.
  *
  * One object a process: the store knows a subscription by its key and callback, which all objects
- * share. The destructor leaves subscriptions as they are; unregister before.
+ * share. The destructor leaves subscriptions as they are; changes that are told of later do
+ * nothing.
  */
 class ONDARO_EXPORT CSystemConfigImpl : public NOndaroAPI::ISystemConfigImpl {
  public:
@@ -34,10 +33,14 @@ class ONDARO_EXPORT CSystemConfigImpl : public NOndaroAPI::ISystemConfigImpl {
                             const NOndaroAPI::PropertyEventHandler& handler) override;
   void UnregisterEventHandler(const std::string& key) override;
 
-  /*
-   * Entered by the settings store with the object as user data. Each reads the new value from
-   * the node and calls the property's handler; nothing thrown passes back into the store.
+  /**
+   * Entered by the settings store, one for each property with events. Reads the new value from the
+   * node and calls the property's handler; nothing thrown passes back into the store.
+   *
+   * @param pKeyNode   the change
+   * @param pUserData  the object
    */
+  ///@{
   static void OndaroSupportChangedCallback(platform_settings_node* pKeyNode, void* pUserData);
   static void OndaroEnrollmentChangedCallback(platform_settings_node* pKeyNode, void* pUserData);
   static void OndaroStatusChangedCallback(platform_settings_node* pKeyNode, void* pUserData);
@@ -49,19 +52,19 @@ class ONDARO_EXPORT CSystemConfigImpl : public NOndaroAPI::ISystemConfigImpl {
                                                          void* pUserData);
   static void OndaroWidevineOndaroSupportChangedCallback(platform_settings_node* pKeyNode,
                                                          void* pUserData);
+  ///@}
 
  private:
   // The signature texts in the log name these types unqualified, since they are the class's own.
   typedef std::map<std::string, NOndaroAPI::PropertyEventHandler> EventHandlerMap_t;
   typedef std::map<std::string, std::string> PropertyMap_t;
-  typedef std::map<std::string, std::string (*)(const std::string& data), std::less<>>
-      GetFunctionMap_t;
+  typedef std::map<std::string, std::string (*)(const std::string& data)> GetFunctionMap_t;
   typedef std::map<std::string, bool (*)(const std::string& val)> SetFunctionMap_t;
   typedef std::map<std::string, void (*)(bool subscribe, void* pUserData)> CbManagerMap_t;
 
   std::string _GetProperty(const std::string& mixedKey) const;
   bool _SetProperty(const std::string& key, const std::string& val) const;
-  std::string_view _ExtractKeyFromMixedKey(const std::string& mixedKey) const;
+  std::string _ExtractKeyFromMixedKey(const std::string& mixedKey) const;
   std::string _ExtractDataFromMixedKey(const std::string& mixedKey) const;
 
   void _InitGetFunctionMap(GetFunctionMap_t& getFunctionMap);
