@@ -9,8 +9,9 @@
 #include <sstream>
 #include <string_view>
 
-#include "Catalogue.h"
-#include "Verbs.h"
+#include "properties/Properties.h"
+#include "support/Text.h"
+#include "support/Verbs.h"
 
 namespace ondaro::ctl {
 namespace {
@@ -98,6 +99,9 @@ std::string DescribeMissingVerb(const CLI::App& verb, const std::vector<std::str
   if (words.empty()) {
     return "a verb is missing";
   }
+  if (words.front() == "unset") {
+    return "there is no verb 'unset': the settings of a set can be written, not removed";
+  }
   std::vector<std::string> names;
   for (const CLI::App* known : verb.get_subcommands({})) {
     names.push_back(known->get_name());
@@ -131,11 +135,11 @@ bool Parse(CLI::App& app, const Session& session, int argc, char** argv) {
     if (error.get_exit_code() != 0) {
       throw Failure(ExitCode::Usage, DescribeWrongUsage(app, error));
     }
-    std::ostringstream text;
+    std::stringstream text;
     app.exit(error, text, text);
-    std::string lines = text.str();
-    lines.erase(lines.find_last_not_of('\n') + 1);
-    session.output.Line(lines);
+    for (std::string line; std::getline(text, line);) {
+      session.output.Line(line);
+    }
     return false;
   }
 }
@@ -163,9 +167,9 @@ void Run(Session& session, int argc, char** argv) {
       session.verb();
     }
   } catch (const Failure& failure) {
+    session.output.Error(failure.what());
     if (failure.Code() == ExitCode::Usage) {
-      throw Failure(ExitCode::Usage,
-                    std::string(failure.what()) + "\nSee '" + FullName(VerbOf(app)) + " --help'");
+      session.output.Hint("See '" + FullName(VerbOf(app)) + " --help'");
     }
     throw;
   }
@@ -178,14 +182,13 @@ ExitCode Main(int argc, char** argv) {
     Run(session, argc, argv);
     return ExitCode::Done;
   } catch (const Failure& failure) {
-    session.output.Error(failure.what());
     return failure.Code();
   } catch (const OutputClosed&) {
     return ExitCode::Done;
   } catch (const std::bad_alloc&) {
     session.output.Error("out of memory");
   } catch (...) {
-    session.output.Error("the library failed; '--log error' shows why");
+    session.output.Error("the library failed" + SeeLog());
   }
   return ExitCode::Failed;
 }
@@ -203,6 +206,10 @@ void OccupyStandardStreams() {
 }  // namespace ondaro::ctl
 
 int main(int argc, char** argv) {
+  // GLib warns of what the tool itself reports, a name refused for instance.
+  g_log_set_handler(
+      "GLib-GIO", G_LOG_LEVEL_WARNING, [](const char*, GLogLevelFlags, const char*, gpointer) {},
+      nullptr);
   ondaro::ctl::OccupyStandardStreams();
   // A reader that goes away shows when writing.
   std::signal(SIGPIPE, SIG_IGN);

@@ -1,8 +1,9 @@
-# Completion of ondaro-ctl for bash: verbs, options, and the names of properties.
+# Completion of ondaro-ctl for bash: verbs, options, properties and their words. Starts nothing.
 
 _ondaro_ctl() {
   local -A options=(
-    [get]='' [set]='' [list]='' [dump]='' [load]=''
+    [get]='' [list]='' [dump]='' [load]='--force'
+    [set]='--force'
     [watch]='-n --count --timeout'
     [wait]='--timeout'
     [store get]='--int'
@@ -18,6 +19,23 @@ _ondaro_ctl() {
     [doctor]='--key --cert --description'
     [trace]='--format'
   )
+  # What may be done: r get, w set, e watch and wait; then the words, where not any text will do.
+  local -A properties=(
+    [ONDARO_CLEAR_DATA]='rwe true false'
+    [ONDARO_ENABLE_USAGE_RPT]='rwe false default true set'
+    [ONDARO_ENROLLMENT]='rwe'
+    [ONDARO_INIT]='rw true false'
+    [ONDARO_SET_PROCESS_GRP]='w'
+    [ONDARO_STATUS]='rwe'
+    [ONDARO_SUPPORT]='rwe true false'
+    [ONDARO_TOS_STATUS]='rwe'
+    [SDR]='r'
+    [SYSTEM_ID]='r'
+    [TARGET_REPOSITORY]='r'
+    [WIDEVINE_ONDARO_SUPPORT]='rwe'
+    [WIDEVINE_ONDARO_VERSION]='rwe'
+  )
+  local -A letters=([get]=r [set]=w [watch]=e [wait]=e [list]='')
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} verb='' words='' i
 
   for ((i = 1; i < COMP_CWORD; i++)); do
@@ -28,12 +46,19 @@ _ondaro_ctl() {
       store:* | auth:*) verb+=" ${COMP_WORDS[i]}" ;;
     esac
   done
+  # NAME=VALUE comes as three words.
+  if [ "$current" = = ]; then
+    current=''
+  elif [ "$previous" = = ]; then
+    previous=${COMP_WORDS[COMP_CWORD - 2]}
+  fi
+  previous=${previous%!}
 
   case $previous in
     --log) words='verbose debug info warning error fatal off' ;;
     --format) words='summary chrome mermaid' ;;
     --key | --cert | --hash-file | --out | --description | --replay) return ;;
-    -n | --count | --timeout | --speed | --hash | =)
+    -n | --count | --timeout | --speed | --hash)
       compopt +o default
       return
       ;;
@@ -41,10 +66,15 @@ _ondaro_ctl() {
       case $verb:$current in
         :-*) words='--json --log --version --help -h' ;;
         *:-*) words="${options[$verb]} --json --log --help -h" ;;
-        get:* | set:* | watch:* | wait:*)
-          # All but watch take one name.
-          [[ $previous = [A-Z]* && $verb != watch ]] ||
-            words=$("$1" list 2>/dev/null | cut -d ' ' -f 1)
+        get:* | set:* | watch:* | wait:* | list:*)
+          if [[ $verb = @(set|wait) && -n ${properties[$previous]-} ]]; then
+            words=${properties[$previous]#* }
+            [[ ${properties[$previous]} = *' '* ]] || words=''
+          else
+            for i in "${!properties[@]}"; do
+              [[ ${properties[$i]%% *} != *"${letters[$verb]}"* ]] || words+=" $i"
+            done
+          fi
           ;;
         :* | store:* | auth:*)
           for i in "${!options[@]}"; do

@@ -1,0 +1,122 @@
+#ifndef ONDARO_CTL_BUS_H
+#define ONDARO_CTL_BUS_H
+
+#include <gio/gio.h>
+
+#include <functional>
+#include <string>
+
+#include "support/MainLoop.h"
+
+namespace ondaro::ctl {
+
+/// The daemon's bus name, which is its interface's as well, its object, the method by which
+/// applications reach it, and the signal by which it reaches them.
+inline constexpr char DAEMON_NAME[] = "com.halvex.tv.ondaro";
+inline constexpr char DAEMON_PATH[] = "/com/halvex/tv/ondaro";
+inline constexpr char DAEMON_METHOD[] = "sendDataToServer";
+inline constexpr char DAEMON_SIGNAL[] = "sendDataToClient";
+
+/// The bus itself, as messages name it.
+inline constexpr char BUS_NAME[] = "org.freedesktop.DBus";
+inline constexpr char BUS_PATH[] = "/org/freedesktop/DBus";
+
+/// What to do about a refusal.
+inline constexpr char WHO_MAY_OWN[] =
+    "by the policy com.halvex.tv.ondaro.conf root and the user ondaro may own the daemon's name";
+inline constexpr char WHO_MAY_CALL[] =
+    "by the policy com.halvex.tv.ondaro.conf root and the group ondaro may call the daemon and "
+    "hear "
+    "its events";
+
+/// What came back for a method call.
+struct Reply {
+  std::string errorName;  // empty for an answer that is no error
+  std::string errorMessage;
+  bool isOfBus = false;  // the bus answered in place of the one called
+
+  bool IsError() const { return !errorName.empty(); }
+
+  /// True when the bus's policy kept the call out.
+  bool IsRefusal() const;
+
+  /// True when there is nobody to take the call, or nobody any more.
+  bool IsFromNobody() const;
+};
+Reply ReplyOf(GDBusMessage* message);
+
+/// A Failure that says that the bus refused `what`, and what to do.
+[[noreturn]] void FailRefused(const std::string& what, const std::string& whoMay);
+
+/// A reference to the process's connection to the system bus, which the library uses as well; its
+/// end does not end the process. A Failure when the bus cannot be reached.
+GDBusConnection* ConnectToBus();
+
+/// Serves the connection to the system bus: while it lives, a bus that goes away ends the loop with
+/// a Failure; when it goes, all that was sent is out.
+class Bus {
+ public:
+  using Handler = std::function<void(const Reply& reply)>;
+
+  /// A Failure when the bus cannot be reached.
+  explicit Bus(MainLoop& loop);
+  ~Bus();
+
+  Bus(const Bus&) = delete;
+  Bus& operator=(const Bus&) = delete;
+
+  GDBusConnection* Connection() const { return m_pConnection; }
+  std::string OwnName() const { return g_dbus_connection_get_unique_name(m_pConnection); }
+
+  /// Returns when the bus has taken all that was sent up to now.
+  void Flush() const { g_dbus_connection_flush_sync(m_pConnection, nullptr, nullptr); }
+
+  /// Calls `then` when the bus has dealt with all that was sent up to now, and the loop with what
+  /// the bus answered to it.
+  void AfterRoundTrip(std::function<void()> then);
+
+  /// Calls `then` when there is no daemon or one that answers: the library asks it the same before
+  /// it hands out the application's end, and does not return from that to the loop.
+  void WhenDaemonAnswers(Handler then);
+
+ private:
+  struct Call {
+    const char* destination;
+    const char* path;
+    const char* interface;
+    const char* method;
+    GVariant* parameters;
+  };
+
+  void AfterAnswer(const Call& call, Handler then);
+  static void OnClosed(GDBusConnection* connection, gboolean remote, GError* error,
+                       gpointer userData);
+
+  MainLoop& m_loop;
+  GDBusConnection* m_pConnection;
+  gulong m_nClosedHandler;
+};
+
+/// Calls `handler` with the daemon name's owner now, when there is one, and whenever that changes.
+class OwnerWatch {
+ public:
+  using Handler = std::function<void(const std::string& owner)>;
+
+  OwnerWatch(const Bus& bus, MainLoop& loop, Handler handler);
+  ~OwnerWatch() { g_bus_unwatch_name(m_nWatch); }
+
+  OwnerWatch(const OwnerWatch&) = delete;
+  OwnerWatch& operator=(const OwnerWatch&) = delete;
+
+ private:
+  static void OnOwner(GDBusConnection* connection, const gchar* name, const gchar* owner,
+                      gpointer userData);
+
+  MainLoop& m_loop;
+  Handler m_handler;
+  guint m_nWatch;
+};
+
+}  // namespace ondaro::ctl
+
+#endif

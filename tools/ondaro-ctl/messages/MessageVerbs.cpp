@@ -1,0 +1,216 @@
+#include <algorithm>
+#include <list>
+#include <optional>
+
+#include "messages/MessageWatch.h"
+#include "ondaro/OndaroApi.h"
+#include "properties/Properties.h"
+#include "support/Feed.h"
+#include "support/LineReader.h"
+
+namespace ondaro::ctl {
+namespace {
+
+struct EventOptions {
+  std::vector<std::string> names;
+  Limits limits;
+};
+
+void Show(Feed& feed, const std::string& event, const std::string& data) {
+  Json::Value object;
+  object["event"] = JsonText(event);
+  object["data"] = JsonText(data);
+  feed.Show(object, event, data);
+}
+
+/// What the C callback of both ends gets: an event of this name.
+struct Named {
+  Feed& feed;
+  std::string name;
+
+  static void OnEvent(const char* data, void* userData) {
+    const auto& event = *static_cast<Named*>(userData);
+    event.feed.Loop().Protect([&] { Show(event.feed, event.name, data); });
+  }
+};
+
+/// One end of the messaging, showing events: those named, as the library delivers them, or all.
+class End {
+ public:
+  End(const Output& output, const EventOptions& options)
+      : m_feed(output, options.limits), m_bus(m_feed.Loop()) {
+    for (const std::string& name : options.names) {
+      m_named.push_back({m_feed, name});
+    }
+    if (m_named.empty()) {
+      m_all.emplace(m_bus, m_feed.Loop(), IsEvent, [this](GDBusMessage* message) {
+        const char* event = nullptr;
+        const char* data = nullptr;
+        g_variant_get(g_dbus_message_get_body(message), "(&s&s)", &event, &data);
+        // By then the library has answered the call: the last one may end the process.
+        m_bus.AfterRoundTrip([this, name = std::string(event), text = std::string(data)] {
+          Show(m_feed, name, text);
+        });
+      });
+    }
+  }
+
+ protected:
+  Feed m_feed;
+  Bus m_bus;
+  std::list<Named> m_named;
+  std::optional<MessageWatch> m_all;
+};
+
+// ---- The daemon's end ---------------------------------------------------------------------------
+
+class Server : private End {
+ public:
+  Server(const Output& output, const EventOptions& options)
+      : End(output, options),
+        m_refusal(m_bus, m_feed.Loop(), ReplyToNext("RequestName"),
+                  [](GDBusMessage* message) {
+                    if (ReplyOf(message).IsRefusal()) {
+                      FailRefused("the daemon's name", WHO_MAY_OWN);
+                    }
+                  }),
+        m_pHandle(OndaroFactory_GetIpcServerHandle()) {
+    if (m_pHandle == nullptr) {
+      throw Failure(ExitCode::Failed,
+                    "the interface description of the daemon could not be used" + SeeLog());
+    }
+    for (Named& named : m_named) {
+      OndaroApi_IpcServer_RegisterEventHandler(m_pHandle, named.name.c_str(), Named::OnEvent,
+                                               &named);
+    }
+    m_owner.emplace(m_bus, m_feed.Loop(), [this](const std::string& owner) { OwnedBy(owner); });
+  }
+
+  ~Server() { OndaroApi_IpcServer_UnregisterEventHandler(m_pHandle); }
+
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  void Run() {
+    m_feed.Out().Note(std::string("asking the bus for the name ") + DAEMON_NAME);
+    m_feed.Run();
+  }
+
+ private:
+  void OwnedBy(const std::string& owner) {
+    if (owner != m_bus.OwnName()) {
+      m_hasQueued = true;
+      m_feed.Out().Note("another daemon owns the name; waiting for it to end");
+      return;
+    }
+    if (m_hasQueued) {
+      m_feed.Out().Note("took the name over; calls of applications fail until it is started again");
+    }
+    // The library learns of its name no later than that.
+    m_bus.AfterRoundTrip([this] {
+      m_feed.Out().Ready();
+      if (!m_lines) {
+        m_lines.emplace(
+            m_feed.Loop(), m_input, [this](std::string_view line) { Send(line); }, [] {});
+      }
+    });
+  }
+
+  void Send(std::string_view line) {
+    if (line.empty()) {
+      return;
+    }
+    const std::size_t space = std::min(line.find(' '), line.size());
+    const std::string event(line.substr(0, space));
+    const std::string data(line.substr(std::min(space + 1, line.size())));
+    if (OndaroApi_IpcServer_SendDataToClient(m_pHandle, event.c_str(), data.c_str()) != 0) {
+      m_feed.Out().Error("'" + event +
+                         "' was not sent: event and data must be UTF-8 and "
+                         "together shorter than 32 MiB" +
+                         SeeLog());
+    }
+    // Input without end does not pile up in this process.
+    m_bus.Flush();
+  }
+
+  MessageWatch m_refusal;
+  OndaroApi_IpcServer_h m_pHandle;
+  std::optional<OwnerWatch> m_owner;
+  bool m_hasQueued = false;
+  LineReader m_input{"-"};
+  std::optional<LineSource> m_lines;
+};
+
+// ---- The application's end ----------------------------------------------------------------------
+
+void RequireHeard(const Reply& reply) {
+  if (reply.IsRefusal()) {
+    FailRefused("a call of the daemon, and so keeps its events from this user", WHO_MAY_CALL);
+  }
+}
+
+void Ignore(const char* /*data*/, void* /*userData*/) {}
+
+class Listener : private End {
+ public:
+  using End::End;
+
+  ~Listener() {
+    if (m_pHandle != nullptr) {
+      OndaroApi_IpcClient_UnregisterEventHandler(m_pHandle);
+    }
+  }
+
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+
+  void Run() {
+    m_bus.WhenDaemonAnswers([this](const Reply& reply) {
+      RequireHeard(reply);
+      Register();
+      m_bus.AfterRoundTrip([this] {
+        m_feed.Out().Ready();
+        m_owner.emplace(m_bus, m_feed.Loop(), [this](const std::string& /*owner*/) {
+          m_bus.WhenDaemonAnswers(RequireHeard);
+        });
+      });
+    });
+    m_feed.Run();
+  }
+
+ private:
+  void Register() {
+    m_pHandle = Client();
+    for (Named& named : m_named) {
+      OndaroApi_IpcClient_RegisterEventHandler(m_pHandle, named.name.c_str(), Named::OnEvent,
+                                               &named);
+    }
+    if (m_all) {
+      // What the library subscribes to with its first handler brings all events.
+      OndaroApi_IpcClient_RegisterEventHandler(m_pHandle, "", Ignore, nullptr);
+    }
+  }
+
+  OndaroApi_IpcClient_h m_pHandle = nullptr;
+  std::optional<OwnerWatch> m_owner;
+};
+
+template <class Which>
+void AddEnd(CLI::App& app, Session& session, const char* name, const char* description) {
+  auto options = std::make_shared<EventOptions>();
+  CLI::App& verb = *app.add_subcommand(name, description);
+  verb.add_option("EVENT", options->names, "Names of the events to print; all when left out");
+  AddLimits(verb, options->limits);
+  OnVerb(verb, session, options,
+         [](const Output& output, const EventOptions& given) { Which(output, given).Run(); });
+}
+
+}  // namespace
+
+void AddMessageVerbs(CLI::App& app, Session& session) {
+  AddEnd<Server>(app, session, "serve",
+                 "Be the daemon: print events, send lines 'EVENT DATA' of standard input");
+  AddEnd<Listener>(app, session, "listen", "Be an application: print events of the daemon");
+}
+
+}  // namespace ondaro::ctl

@@ -1,0 +1,146 @@
+#include <algorithm>
+
+#include "messages/MessageWatch.h"
+#include "messages/Recording.h"
+#include "ondaro/OndaroApi.h"
+#include "properties/Properties.h"
+#include "support/Text.h"
+#include "support/Verbs.h"
+
+namespace ondaro::ctl {
+namespace {
+
+struct SendOptions {
+  std::optional<std::string> event;
+  std::optional<std::string> data;
+  std::optional<std::string> recording;
+  double speed = 1;
+  std::optional<double> seconds;
+};
+
+void RequireSuccess(const Reply& reply) {
+  if (!reply.IsError()) {
+    return;
+  }
+  if (reply.IsFromNobody()) {
+    throw Failure(ExitCode::BusAbsent,
+                  std::string("no daemon answers on the bus (nobody owns ") + DAEMON_NAME +
+                      "); start it, or stand in for it with 'ondaro-ctl serve EVENT'");
+  }
+  if (reply.IsRefusal()) {
+    FailRefused("the event", WHO_MAY_CALL);
+  }
+  throw Failure(ExitCode::Failed, std::string(reply.isOfBus ? "the bus" : "the daemon") +
+                                      " answered with an error, " + reply.errorName + ": " +
+                                      reply.errorMessage);
+}
+
+void StartSending(const std::string& event, const std::string& data) {
+  if (OndaroApi_IpcClient_SendDataToServer(Client(), event.c_str(), data.c_str()) != 0) {
+    throw Failure(ExitCode::Failed,
+                  "the event was not sent: event and data must be UTF-8 and "
+                  "together shorter than 32 MiB" +
+                      SeeLog());
+  }
+}
+
+constexpr double MICROSECONDS = 1'000'000.0;
+
+/// Sends events, each when the daemon has answered the one before.
+class Sender {
+ public:
+  /// All is to be done within `seconds`, when given; else each answer has its time.
+  explicit Sender(std::optional<double> seconds) : m_bus(m_loop) {
+    if (seconds) {
+      m_end = g_get_monotonic_time() + static_cast<gint64>(*seconds * MICROSECONDS);
+    }
+  }
+
+  void Send(const std::string& event, const std::string& data) {
+    constexpr double PATIENCE = 25.0;
+    std::optional<Reply> answer;
+    const MessageWatch watch(m_bus, m_loop, ReplyToNext(DAEMON_METHOD), [&](GDBusMessage* message) {
+      answer = ReplyOf(message);
+      // The library gets to see the reply before the tool ends.
+      m_bus.AfterRoundTrip([&] { m_loop.Stop(); });
+    });
+    m_bus.WhenDaemonAnswers([&](const Reply& /*reply*/) { StartSending(event, data); });
+    m_loop.Run(m_end ? SecondsUntil(*m_end) : PATIENCE, "the daemon did not answer in time");
+    if (!answer) {
+      throw Failure(ExitCode::Failed, "interrupted before the daemon answered");
+    }
+    RequireSuccess(*answer);
+  }
+
+  void WaitUntil(gint64 moment) {
+    while (SecondsUntil(moment) > 0) {
+      const gint64 next = std::min(moment, m_end.value_or(moment));
+      if (m_loop.RunFor(std::min(LONGEST_TIMEOUT, SecondsUntil(next)))) {
+        throw Failure(ExitCode::Failed, "interrupted before all was sent");
+      }
+      if (m_end && SecondsUntil(*m_end) <= 0) {
+        throw Failure(ExitCode::TimedOut, "the time is over");
+      }
+    }
+  }
+
+ private:
+  static double SecondsUntil(gint64 moment) {
+    return std::max(0.0, static_cast<double>(moment - g_get_monotonic_time()) / MICROSECONDS);
+  }
+
+  std::optional<gint64> m_end;
+  MainLoop m_loop;
+  Bus m_bus;
+};
+
+void Replay(const Output& output, const SendOptions& options) {
+  const std::vector<RecordedEvent> events = ReadRecording(*options.recording);
+  std::size_t sent = 0;
+  Sender sender(options.seconds);
+  try {
+    const gint64 begin = g_get_monotonic_time();
+    for (const RecordedEvent& event : events) {
+      constexpr double A_LIFETIME = 1e15;  // microseconds; a speed can be next to nothing
+      const double offset =
+          std::min(static_cast<double>(event.microseconds) / options.speed, A_LIFETIME);
+      sender.WaitUntil(begin + static_cast<gint64>(offset));
+      sender.Send(event.event, event.data);
+      ++sent;
+    }
+  } catch (const Failure& failure) {
+    output.Note(std::to_string(sent) + " of " + Count(events.size(), "event") + " sent");
+    throw;
+  }
+}
+
+void RunSend(const Output& output, const SendOptions& options) {
+  const bool isReplay = options.recording.has_value();
+  if (options.event.has_value() == isReplay || options.data.has_value() == isReplay) {
+    throw Failure(ExitCode::Usage, "give EVENT and DATA, or --replay FILE");
+  }
+  if (isReplay) {
+    Replay(output, options);
+  } else {
+    Sender(options.seconds).Send(*options.event, *options.data);
+  }
+}
+
+}  // namespace
+
+void AddSendVerb(CLI::App& app, Session& session) {
+  auto options = std::make_shared<SendOptions>();
+  CLI::App& send = *app.add_subcommand("send", "Be an application: send events to the daemon");
+  send.add_option("EVENT", options->event, "The event's name");
+  send.add_option("DATA", options->data, "The event's data");
+  CLI::Option* const replay =
+      send.add_option("--replay", options->recording,
+                      "Send what 'listen --json' printed, at its pace; '-' for standard input")
+          ->type_name("FILE");
+  AddSpeed(send, options->speed).needs(replay);
+  AddTimeout(send, options->seconds,
+             "Give up after SECONDS in all, with exit code 5;\n25 for each answer when left out");
+  OnVerb(send, session, options, RunSend);
+}
+
+}  // namespace ondaro::ctl

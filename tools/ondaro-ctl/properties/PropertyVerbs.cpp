@@ -1,0 +1,136 @@
+#include <fnmatch.h>
+
+#include "properties/Properties.h"
+#include "support/Verbs.h"
+
+namespace ondaro::ctl {
+namespace {
+
+struct SetOptions {
+  std::string name;
+  std::string value;
+  bool force = false;
+};
+
+void Get(const Output& output, const std::vector<std::string>& names) {
+  std::vector<const Property*> properties;
+  for (const std::string& name : names) {
+    properties.push_back(&FindProperty(name));
+    if (!properties.back()->IsReadable()) {
+      throw Failure(ExitCode::Failed, name + " can only be written");
+    }
+  }
+  for (const Property* property : properties) {
+    const std::string name(property->name);
+    const std::optional<std::string> value = Read(*property);
+    if (!value) {
+      throw Failure(ExitCode::Failed, IsUnset(*property)
+                                          ? name + " is not set; 'ondaro-ctl set' sets it"
+                                          : name + " could not be read" + SeeLog());
+    }
+    Json::Value object;
+    object["name"] = name;
+    object["value"] = JsonText(*value);
+    output.Value(object, *value);
+  }
+}
+
+void Set(const Output& /*output*/, const SetOptions& options) {
+  const Property& property = FindProperty(options.name);
+  if (!property.IsWritable()) {
+    throw Failure(ExitCode::Failed, options.name + " can only be read");
+  }
+  if (!options.force) {
+    RequireTaken(property, options.value, "; --force stores false for it");
+  }
+  if (!Write(property, options.value)) {
+    throw Failure(ExitCode::Failed, options.name + " could not be written" + SeeLog());
+  }
+}
+
+struct State {
+  const char* name;
+  std::string text;
+  Json::Value value;  // null unless readable
+};
+
+State StateOf(const Property& property) {
+  if (!property.IsReadable()) {
+    return {"write-only", "(write-only)", {}};
+  }
+  const std::optional<std::string> value = Read(property);
+  if (value) {
+    return {"ok", *value, JsonText(*value)};
+  }
+  return IsUnset(property) ? State{"unset", "(not set)", {}}
+                           : State{"unreadable", "(cannot be read)", {}};
+}
+
+Json::Value Describe(const Property& property, const State& state) {
+  Json::Value object;
+  object["name"] = std::string(property.name);
+  object["value"] = state.value;
+  object["state"] = state.name;
+  object["writable"] = property.IsWritable();
+  object["events"] = property.hasEvents;
+  object["words"] = Json::arrayValue;
+  for (const std::string_view word : WordsOf(property)) {
+    object["words"].append(std::string(word));
+  }
+  return object;
+}
+
+bool Matches(const Property& property, const std::string& pattern) {
+  const bool isPart = pattern.find_first_of("*?[") == std::string::npos;
+  return fnmatch((isPart ? "*" + pattern + "*" : pattern).c_str(),
+                 std::string(property.name).c_str(), FNM_CASEFOLD) == 0;
+}
+
+void List(const Output& output, const std::string& pattern) {
+  const std::optional<std::string> directory = StateDirectory();
+  std::size_t width = 0;
+  for (const Property& property : CATALOGUE) {
+    width = std::max(width, property.name.size());
+  }
+  bool isAny = false;
+  for (const Property& property : CATALOGUE) {
+    if (!Matches(property, pattern)) {
+      continue;
+    }
+    isAny = true;
+    const State state = StateOf(property);
+    Json::Value object = Describe(property, state);
+    if (directory) {
+      object["state_directory"] = JsonText(*directory);
+    }
+    const std::string gap(width + 2 - property.name.size(), ' ');
+    output.Result(object, {{}, property.name, gap + state.text});
+  }
+  if (!isAny) {
+    throw Failure(ExitCode::NoSuchProperty,
+                  "no property matches '" + pattern + "'; 'ondaro-ctl list' shows them all");
+  }
+}
+
+}  // namespace
+
+void AddPropertyVerbs(CLI::App& app, Session& session) {
+  auto names = std::make_shared<std::vector<std::string>>();
+  CLI::App& get = *app.add_subcommand("get", "Print values of properties, a line each");
+  get.add_option("NAME", *names, "The properties")->required();
+  OnVerb(get, session, names, Get);
+
+  auto options = std::make_shared<SetOptions>();
+  CLI::App& set = *app.add_subcommand("set", "Write a property");
+  set.add_option("NAME", options->name, "The property")->required();
+  set.add_option("VALUE", options->value, "Its new value")->required();
+  set.add_flag("--force", options->force, "Write a word that it does not have: stored as false");
+  OnVerb(set, session, options, Set);
+
+  auto pattern = std::make_shared<std::string>();
+  CLI::App& list = *app.add_subcommand("list", "Print properties with their values");
+  list.add_option("PATTERN", *pattern, "A part of their names, or a pattern as the shell's");
+  OnVerb(list, session, pattern, List);
+}
+
+}  // namespace ondaro::ctl

@@ -1,0 +1,32 @@
+#ifndef ONDARO_CTL_EXIT_CODE_H
+#define ONDARO_CTL_EXIT_CODE_H
+
+#include <stdexcept>
+#include <string>
+
+namespace ondaro::ctl {
+
+/// What scripts rely on; docs/ondaro-ctl.md documents each.
+enum class ExitCode {
+  Done = 0,            // also what has no end of its own, ended by Ctrl-C or by a reader gone
+  Failed = 1,          // also what the policy of the bus refuses
+  Usage = 2,           // also a word that the property does not have
+  NoSuchProperty = 3,  // of that name, or matching the pattern
+  BusAbsent = 4,       // or daemon
+  TimedOut = 5,
+};
+
+/// Ends a verb. The message says what happened and what to do about it.
+class Failure : public std::runtime_error {
+ public:
+  Failure(ExitCode code, const std::string& message) : std::runtime_error(message), m_code(code) {}
+
+  ExitCode Code() const noexcept { return m_code; }
+
+ private:
+  ExitCode m_code;
+};
+
+}  // namespace ondaro::ctl
+
+#endif

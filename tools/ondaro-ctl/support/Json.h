@@ -1,0 +1,23 @@
+#ifndef ONDARO_CTL_JSON_H
+#define ONDARO_CTL_JSON_H
+
+#include <json/value.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace ondaro::ctl {
+
+/// The object as one line, safe for every terminal.
+std::string CompactJson(const Json::Value& object);
+
+/// `bytes` as a JSON string, in which what is not UTF-8 is replaced.
+Json::Value JsonText(std::string_view bytes);
+
+/// Nothing when the text is anything but one object.
+std::optional<Json::Value> ParseJsonObject(std::string_view text);
+
+}  // namespace ondaro::ctl
+
+#endif

@@ -1,0 +1,101 @@
+#include "support/Output.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "support/ExitCode.h"
+#include "support/Text.h"
+
+namespace ondaro::ctl {
+namespace {
+
+constexpr std::string_view BOLD = "\033[1m";
+constexpr std::string_view RED = "\033[31m";
+constexpr std::string_view PLAIN = "\033[0m";
+
+bool ShowsColour(int descriptor) {
+  const char* const noColour = std::getenv("NO_COLOR");
+  return (noColour == nullptr || *noColour == '\0') && isatty(descriptor) == 1;
+}
+
+/// 0, or the error number.
+int WriteAll(int descriptor, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = write(descriptor, text.data(), text.size());
+    if (written >= 0) {
+      text.remove_prefix(static_cast<std::size_t>(written));
+    } else if (errno != EINTR) {
+      return errno;
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+Output::Output()
+    : m_terminal(isatty(STDOUT_FILENO) == 1),
+      m_colourOut(ShowsColour(STDOUT_FILENO)),
+      m_colourErr(ShowsColour(STDERR_FILENO)) {}
+
+void Output::Print(std::string_view line) const {
+  const int error = WriteAll(STDOUT_FILENO, std::string(line) + "\n");
+  if (error == EPIPE) {
+    throw OutputClosed();
+  }
+  if (error != 0) {
+    throw Failure(ExitCode::Failed,
+                  std::string("cannot write to standard output: ") + std::strerror(error));
+  }
+}
+
+void Output::Line(const Row& row) const {
+  std::string marked = OneLine(row.marked);
+  if (m_colourOut && !marked.empty()) {
+    marked = std::string(BOLD) + marked + std::string(PLAIN);
+  }
+  Print(OneLine(row.before) + marked + OneLine(row.after));
+}
+
+void Output::Result(const Json::Value& object, const Row& row) const {
+  if (m_json) {
+    Print(CompactJson(object));
+  } else {
+    Line(row);
+  }
+}
+
+void Output::Value(const Json::Value& object, std::string_view bytes) const {
+  if (m_json || m_terminal) {
+    Result(object, {bytes, {}, {}});
+  } else {
+    Print(bytes);
+  }
+}
+
+void Output::Ready() const {
+  if (m_json) {
+    WriteAll(STDERR_FILENO, "ready\n");
+  } else {
+    Line("ready");
+  }
+}
+
+void Output::Note(std::string_view text) const {
+  WriteAll(STDERR_FILENO, "ondaro-ctl: " + OneLine(text) + "\n");
+}
+
+void Output::Hint(std::string_view text) const { WriteAll(STDERR_FILENO, OneLine(text) + "\n"); }
+
+void Output::Error(std::string_view text) const {
+  std::string label = "ondaro-ctl:";
+  if (m_colourErr) {
+    label = std::string(RED) + label + std::string(PLAIN);
+  }
+  WriteAll(STDERR_FILENO, label + " " + OneLine(text) + "\n");
+}
+
+}  // namespace ondaro::ctl

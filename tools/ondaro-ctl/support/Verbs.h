@@ -1,0 +1,64 @@
+#ifndef ONDARO_CTL_VERBS_H
+#define ONDARO_CTL_VERBS_H
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/ExitCode.h"
+#include "support/Output.h"
+
+namespace ondaro::ctl {
+
+/// What the command line asks for: the verb is chosen while the line is parsed and run afterwards.
+struct Session {
+  Output output;
+  std::function<void()> verb;
+};
+
+void AddPropertyVerbs(CLI::App& app, Session& session);  // get set list
+void AddDumpVerbs(CLI::App& app, Session& session);      // dump load
+void AddWatchVerbs(CLI::App& app, Session& session);     // watch wait
+void AddStoreVerbs(CLI::App& app, Session& session);     // store get|set|watch
+void AddDeviceVerbs(CLI::App& app, Session& session);    // device
+void AddAuthVerbs(CLI::App& app, Session& session);      // auth generate|sign|system-id
+void AddMessageVerbs(CLI::App& app, Session& session);   // serve listen
+void AddSendVerb(CLI::App& app, Session& session);       // send
+void AddDoctorVerb(CLI::App& app, Session& session);     // doctor
+void AddTraceVerbs(CLI::App& app, Session& session);     // trace
+
+struct NoOptions {};
+
+/// How long a verb that waits goes on.
+struct Limits {
+  std::uint64_t count = 0;  // 0 for without end
+  std::optional<double> seconds;
+};
+
+/// Limits of a verb that shows what arrives: -n and --timeout.
+void AddLimits(CLI::App& verb, Limits& limits);
+void AddTimeout(CLI::App& verb, std::optional<double>& seconds,
+                const char* description = "Give up after SECONDS, with exit code 5");
+inline constexpr double LONGEST_TIMEOUT = 1'000'000.0;
+
+/// --speed of a verb that plays back.
+CLI::Option& AddSpeed(CLI::App& verb, double& speed);
+
+/// Makes `run` what happens when the verb is given. It gets the options, which live until then.
+template <class Options, class Run>
+void OnVerb(CLI::App& verb, Session& session, std::shared_ptr<Options> options, Run run) {
+  verb.callback([&session, options = std::move(options), run] {
+    session.verb = [&session, options, run] { run(session.output, *options); };
+  });
+}
+
+}  // namespace ondaro::ctl
+
+#endif

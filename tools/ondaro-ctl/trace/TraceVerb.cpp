@@ -1,0 +1,92 @@
+#include <array>
+
+#include "support/LineReader.h"
+#include "support/Text.h"
+#include "support/Verbs.h"
+#include "trace/Trace.h"
+
+namespace ondaro::ctl {
+namespace {
+
+struct Format {
+  std::string_view name;
+  std::unique_ptr<TraceWriter> (*make)(const Output& output);
+};
+
+constexpr std::array<Format, 3> FORMATS = {
+    {{"summary", MakeSummary}, {"chrome", MakeChrome}, {"mermaid", MakeDiagram}}};
+
+constexpr char HOW_TO_RECORD[] =
+    "; 'ONDARO_HOST_LOG=info:FILE PROGRAM' records one of a program on an ordinary Linux machine";
+
+struct TraceOptions {
+  std::string path = "-";
+  std::string format = "summary";
+};
+
+const Format* FindFormat(const std::string& name) {
+  for (const Format& format : FORMATS) {
+    if (format.name == name) {
+      return &format;
+    }
+  }
+  return nullptr;
+}
+
+std::string CheckFormat(const std::string& name) {
+  return FindFormat(name) != nullptr ? "" : "'" + name + "' is none of summary, chrome, mermaid";
+}
+
+void Trace(const Output& output, const TraceOptions& options) {
+  const std::unique_ptr<TraceWriter> writer = FindFormat(options.format)->make(output);
+  Calls calls([&writer](const TraceEvent& event) { writer->Write(event); });
+  std::uint64_t lines = 0;
+  std::uint64_t unknown = 0;
+  LineReader reader(options.path);
+  MainLoop loop;
+  const LineSource source(
+      loop, reader,
+      [&](std::string_view text) {
+        const std::optional<LogLine> line = ParseLogLine(text);
+        ++lines;
+        unknown += line ? 0 : 1;
+        if (line) {
+          calls.Add(*line);
+        }
+      },
+      [&] { loop.Stop(); });
+  loop.RunFor(std::nullopt);  // or until Ctrl-C
+  calls.Finish();
+  writer->Finish();
+  if (lines == unknown) {
+    throw Failure(ExitCode::Failed, reader.Name() + " is no log" + HOW_TO_RECORD);
+  }
+  if (calls.Total() == 0) {
+    throw Failure(ExitCode::Failed, reader.Name() + " has no traced calls" + HOW_TO_RECORD);
+  }
+  if (unknown != 0) {
+    output.Note("left out, damaged or of something else: " + std::to_string(unknown) + " of " +
+                Count(lines, "line"));
+  }
+  if (calls.Incomplete() != 0) {
+    output.Note(Count(calls.Incomplete(), "call") + R"( without "Entered" or "Left")");
+  }
+}
+
+}  // namespace
+
+void AddTraceVerbs(CLI::App& app, Session& session) {
+  CLI::App& trace = *app.add_subcommand("trace", "Show the calls of a host backend's log");
+  auto options = std::make_shared<TraceOptions>();
+  trace
+      .add_option("--format", options->format,
+                  "summary: a table of the functions (default);\n"
+                  "chrome: events for trace viewers;\n"
+                  "mermaid: a sequence diagram")
+      ->type_name("FORMAT")
+      ->check(CheckFormat);
+  trace.add_option("FILE", options->path, "The log; standard input when left out or '-'");
+  OnVerb(trace, session, options, Trace);
+}
+
+}  // namespace ondaro::ctl
