@@ -2,8 +2,8 @@
 
 #include "Fuzz.h"
 #include "PipeBus.h"
-#include "library/FakePlatform.h"
 #include "ondaro/pal/CPALFactory.h"
+#include "support/FakePlatform.h"
 
 using namespace ondaro::fuzz;
 
@@ -51,10 +51,13 @@ gboolean g_file_get_contents(const gchar*, gchar** contents, gsize* length, GErr
 }
 
 void ondaro::fuzz::Run(Input input) {
+  static const bool isOpen = (bus::Open(), true);
+  Expect(isOpen, "a bus");
   g_contents = input.Rest();
   try {
     const std::unique_ptr<NOndaroAPI::IIpcServerImpl> server(
         NOndaroPAL::CPALFactory::CreateIpcServerImpl());
+    bus::owner.busAcquired(bus::owner.connection, bus::INTERFACE, bus::owner.userData);
     UseObject();
   } catch (const std::exception&) {
   }

@@ -1,29 +1,17 @@
 // Any text as input of 'ondaro-ctl load': loaded, or refused with nothing written.
 
-#include "ExitCode.h"
 #include "Fuzz.h"
-#include "Text.h"
 #include "ToolOutput.h"
-#include "Verbs.h"
-#include "library/FakePlatform.h"
+#include "support/FakePlatform.h"
+#include "support/Text.h"
 
 using namespace ondaro::fuzz;
 
 namespace {
 
-/// False when the tool refuses.
-bool RunTool(const char* verb, const std::string& text) {
+bool Load(const std::string& text) {
   SetToolInput(text);
-  ondaro::ctl::Session session;
-  CLI::App app;
-  ondaro::ctl::AddDumpVerbs(app, session);
-  app.parse(verb);
-  try {
-    session.verb();
-    return true;
-  } catch (const ondaro::ctl::Failure&) {
-    return false;
-  }
+  return RunTool(ondaro::ctl::AddDumpVerbs, "load --force -");
 }
 
 }  // namespace
@@ -32,11 +20,14 @@ void ondaro::fuzz::Run(Input input) {
   FakePlatform& fake = FakePlatform::Get();
   const std::string text = input.Rest();
   fake.m_values.clear();
-  if (RunTool("load -", text)) {
+  if (Load(text)) {
     const auto loaded = fake.m_values;
     TakeToolOutput();
-    RunTool("dump", "");
-    Expect(RunTool("load -", TakeToolOutput()), "what was dumped is loaded");
+    RunTool(ctl::AddDumpVerbs, "dump");
+    const std::string dump = TakeToolOutput();
+    Expect(g_utf8_validate(dump.data(), static_cast<gssize>(dump.size()), nullptr) != FALSE,
+           "a dump is text");
+    Expect(Load(dump), "what was dumped is loaded");
     Expect(fake.m_values == loaded, "and is the same");
   } else {
     Expect(fake.m_values.empty(), "refused, nothing is written");

@@ -1,10 +1,9 @@
 // Any text as a recording that 'ondaro-ctl send --replay' reads: events in order of time, or
 // refused.
 
-#include "ExitCode.h"
 #include "Fuzz.h"
-#include "Recording.h"
 #include "ToolOutput.h"
+#include "messages/Recording.h"
 
 using namespace ondaro::fuzz;
 

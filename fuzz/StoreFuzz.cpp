@@ -6,17 +6,14 @@
 #include <iterator>
 
 #include "Fuzz.h"
-#include "SettingsArea.h"
-#include "SettingsError.h"
 #include "host/HostSupport.h"
+#include "settings/SharedSettings.h"
 
 using namespace ondaro::fuzz;
-using ondaro::host::SettingsArea;
 using ondaro::host::SettingsValue;
+using ondaro::host::SharedSettings;
 
 namespace {
-
-using Durability = ondaro::host::SettingsDatabase::Durability;
 
 const char* const FILES[] = {"/settings.db", "/settings.db-wal", "/settings.bell"};
 
@@ -34,10 +31,10 @@ void WriteWhole(const std::string& path, const std::string& bytes) {
 const std::vector<std::string>& Sound() {
   static const std::vector<std::string> contents = [] {
     const ondaro::test::TemporaryDirectory directory;
-    SettingsArea area([&] { return directory.Path(); }, "settings", Durability::UNSYNCED);
+    SharedSettings settings([&] { return directory.Path(); });
     for (int number = 0; number < 20; ++number) {
-      area.Write("db/key" + std::to_string(number % 7),
-                 number % 2 == 0 ? SettingsValue(number) : SettingsValue(std::string(50, 'x')));
+      settings.Write("db/key" + std::to_string(number % 7),
+                     number % 2 == 0 ? SettingsValue(number) : SettingsValue(std::string(50, 'x')));
     }
     std::vector<std::string> files;
     for (const char* file : FILES) {
@@ -69,7 +66,7 @@ bool Succeeds(Operation operation) {
   try {
     operation();
     return true;
-  } catch (const ondaro::host::SettingsError&) {
+  } catch (const std::exception&) {
     return false;
   }
 }
@@ -90,14 +87,25 @@ void ondaro::fuzz::Run(Input input) {
     WriteWhole(directory.Path() + FILES[index], files[index]);
   }
 
-  SettingsArea area([&] { return directory.Path(); }, "settings", Durability::UNSYNCED);
+  SharedSettings settings([&] { return directory.Path(); });
   for (int number = 0; number < 7; ++number) {
-    Succeeds([&] { area.Read("db/key" + std::to_string(number), [](const auto&) {}); });
+    Succeeds([&] { settings.Read("db/key" + std::to_string(number), [](const auto&) {}); });
   }
-  Succeeds([&] { area.ChangesAfter(0); });
-  const bool isWritten = Succeeds([&] { area.Write("db/new", SettingsValue(5)); });
+  for (const int number : {0, -5}) {  // in the log, and before it
+    Succeeds([&] {
+      SharedSettings::Position position{settings.Last().database, number};
+      SharedSettings::Changes changes;
+      settings.ChangesAfter(
+          position, [](const auto&) { return true; },
+          [] {
+            return std::vector<std::string>{"db/key1", "db/key4", "db/none"};
+          },
+          changes);
+    });
+  }
+  const bool isWritten = Succeeds([&] { settings.Write("db/new", SettingsValue(5)); });
   Expect(isWritten, "it takes writes");
-  area.Read("db/new", [](const auto& value) {
+  settings.Read("db/new", [](const auto& value) {
     Expect(value && *value == SettingsValue(5), "and keeps them");
   });
 }

@@ -1,11 +1,12 @@
 #include "ToolOutput.h"
 
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <iostream>
-#include <sstream>
 #include <utility>
+
+#include "Fuzz.h"
 
 namespace {
 
@@ -28,11 +29,29 @@ namespace ondaro::fuzz {
 std::string TakeToolOutput() { return std::exchange(g_output, {}); }
 
 void SetToolInput(const std::string& text) {
-  static std::istringstream input;
-  input.str(text);
-  input.clear();
-  std::cin.rdbuf(input.rdbuf());
-  std::cin.clear();
+  static const int MEMORY = memfd_create("input", MFD_CLOEXEC);
+  static const int INPUT = dup2(MEMORY, STDIN_FILENO);
+  const bool isSet =
+      INPUT == STDIN_FILENO && ftruncate(MEMORY, 0) == 0 &&
+      pwrite(MEMORY, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()) &&
+      lseek(MEMORY, 0, SEEK_SET) == 0;
+  Expect(isSet, "the input is in place");
+}
+
+bool RunTool(void (*addVerbs)(CLI::App&, ctl::Session&), const std::string& line, bool asJson) {
+  ctl::Session session;
+  CLI::App app;
+  addVerbs(app, session);
+  app.parse(line);
+  if (asJson) {
+    session.output.UseJson();
+  }
+  try {
+    session.verb();
+    return true;
+  } catch (const ctl::Failure&) {
+    return false;
+  }
 }
 
 }  // namespace ondaro::fuzz
