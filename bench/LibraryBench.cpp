@@ -4,10 +4,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
-#include <cstring>
-#include <string>
 
-#include "Compare.h"
 #include "OndaroPALDebug.h"
 #include "ondaro/OndaroApi.h"
 #include "platform/Log.h"
@@ -18,54 +15,71 @@ namespace {
 constexpr char PROPERTY[] = "ONDARO_STATUS";
 constexpr char KEY[] = "memory/menu/network/ondaro_status";
 constexpr char VALUE[] = "running";
-constexpr int SHORT_BLOCK = 100'000;
-constexpr int STORE_BLOCK = 10'000;
-constexpr int WRITE_BLOCK = 500;
 
-void PropertyRead(benchmark::State& state) {
+void ReadProperty(benchmark::State& state) {
   const OndaroApi_SystemConfig_h config = OndaroFactory_GetSystemConfigHandle();
   platform_settings_set_string(KEY, VALUE);
-  Compare::Run(
-      state, STORE_BLOCK,
-      [config] {
-        uint32_t length = 0;
-        const char* value = OndaroApi_SystemConfig_GetProperty(config, PROPERTY, &length);
-        benchmark::DoNotOptimize(value);
-        OndaroApi_SystemConfig_DestroyProperty(value);
-      },
-      [] {
-        char* value = platform_settings_get_string(KEY);
-        benchmark::DoNotOptimize(value);
-        std::free(value);
-      });
+  for (auto _ : state) {
+    uint32_t length = 0;
+    const char* value = OndaroApi_SystemConfig_GetProperty(config, PROPERTY, &length);
+    benchmark::DoNotOptimize(value);
+    OndaroApi_SystemConfig_DestroyProperty(value);
+  }
 }
-BENCHMARK(PropertyRead)->Iterations(Compare::BLOCKS);
+BENCHMARK(ReadProperty)->Name("property read/library");
 
-void PropertyWrite(benchmark::State& state) {
+void ReadKey(benchmark::State& state) {
+  platform_settings_set_string(KEY, VALUE);
+  for (auto _ : state) {
+    char* value = platform_settings_get_string(KEY);
+    benchmark::DoNotOptimize(value);
+    std::free(value);
+  }
+}
+BENCHMARK(ReadKey)->Name("property read/plain");
+
+void WriteProperty(benchmark::State& state) {
   const OndaroApi_SystemConfig_h config = OndaroFactory_GetSystemConfigHandle();
-  Compare::Run(
-      state, WRITE_BLOCK, [config] { OndaroApi_SystemConfig_SetProperty(config, PROPERTY, VALUE); },
-      [] { platform_settings_set_string(KEY, VALUE); });
+  for (auto _ : state) {
+    OndaroApi_SystemConfig_SetProperty(config, PROPERTY, VALUE);
+  }
 }
-BENCHMARK(PropertyWrite)->Iterations(Compare::BLOCKS);
+BENCHMARK(WriteProperty)->Name("property write/library");
 
-void LogKey() { PAL_LOG_INFO("key : %s", KEY); }
+void WriteKey(benchmark::State& state) {
+  for (auto _ : state) {
+    platform_settings_set_string(KEY, VALUE);
+  }
+}
+BENCHMARK(WriteKey)->Name("property write/plain");
 
 void LogStatement(benchmark::State& state) {
-  Compare::Run(
-      state, SHORT_BLOCK, [] { LogKey(); },
-      [] { platform_log_print(0, 4, "ONDARO_PAL", "key : %s", KEY); });
+  for (auto _ : state) {
+    PAL_LOG_INFO("key : %s", KEY);
+  }
 }
-BENCHMARK(LogStatement)->Iterations(Compare::BLOCKS);
+BENCHMARK(LogStatement)->Name("log statement/library");
 
-void Tracer(benchmark::State& state) {
-  Compare::Run(
-      state, SHORT_BLOCK, [] { ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__); },
-      [] {
-        platform_log_print(0, 4, "ONDARO_PAL", "[%s]Entered ", __PRETTY_FUNCTION__);
-        platform_log_print(0, 4, "ONDARO_PAL", "[%s]Left", __PRETTY_FUNCTION__);
-      });
+void LogCall(benchmark::State& state) {
+  for (auto _ : state) {
+    platform_log_print(0, 4, "ONDARO_PAL", "key : %s", KEY);
+  }
 }
-BENCHMARK(Tracer)->Iterations(Compare::BLOCKS);
+BENCHMARK(LogCall)->Name("log statement/plain");
+
+void Trace(benchmark::State& state) {
+  for (auto _ : state) {
+    const ONDAROCALLTRACE tracer(__PRETTY_FUNCTION__);
+  }
+}
+BENCHMARK(Trace)->Name("tracer/library");
+
+void TraceByHand(benchmark::State& state) {
+  for (auto _ : state) {
+    platform_log_print(0, 4, "ONDARO_PAL", "[%s]Entered ", __PRETTY_FUNCTION__);
+    platform_log_print(0, 4, "ONDARO_PAL", "[%s]Left", __PRETTY_FUNCTION__);
+  }
+}
+BENCHMARK(TraceByHand)->Name("tracer/plain");
 
 }  // namespace

@@ -1,11 +1,10 @@
-// The host backend's settings store, each operation beside what it is made of, which its label
-// names. The engine by hand has the store's own tables, journal mode, synchronous setting and shape
-// of transaction, but neither log nor bell.
+// The host backend's settings store, each operation beside what it is made of: SQLite by hand with
+// the store's journal mode, synchronous setting and transaction, but neither log nor bell, and a
+// socket pair for what crosses processes. Run by bench/run.
 
 #include <benchmark/benchmark.h>
 #include <glib-unix.h>
 #include <sqlite3.h>
-#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,415 +17,251 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
-#include <utility>
-#include <vector>
 
-#include "Compare.h"
 #include "platform/SettingsStore.h"
 
 namespace {
 
-namespace fs = std::filesystem;
+constexpr char MEMORY_KEY[] = "memory/menu/network/ondaro_status";
+constexpr char DURABLE_KEY[] = "db/menu/network/ondaro_status";
 
-constexpr int READ_BLOCK = 10'000;
-constexpr int WRITE_BLOCK = 512;
-constexpr int SAMPLES_A_BLOCK = 50;
-constexpr char VALUE[] = "running";
-
-/// The areas of the store: `memory/` is not synced, the rest is.
-struct Area {
-  std::string key;
-  std::string database;
-  const char* synchronous;
-};
-
-const Area& AreaOf(const benchmark::State& state) {
-  static const std::array<Area, 2> areas = {
-      Area{"memory/menu/network/ondaro_status", "memory.db", "OFF"},
-      Area{"db/menu/network/ondaro_status", "settings.db", "FULL"}};
-  return areas.at(static_cast<std::size_t>(state.range(0)));
-}
-
-/// The store's directories, gone with the process that made them: as on a set, what lives until
-/// reboot is kept in memory.
-class Directory {
- public:
-  Directory()
-      : m_paths{Make(fs::temp_directory_path(), "XDG_STATE_HOME"),
-                Make(fs::is_directory("/dev/shm") ? "/dev/shm" : fs::temp_directory_path(),
-                     "XDG_RUNTIME_DIR")} {
-    unsetenv("ONDARO_HOST_STATE");
-  }
-  ~Directory() {
-    std::error_code ignored;
-    for (const fs::path& path : m_paths) {
-      fs::remove_all(path, ignored);
-    }
-  }
-  Directory(const Directory&) = delete;
-  Directory& operator=(const Directory&) = delete;
-
-  fs::path Find(const std::string& name) const {
-    for (const fs::path& path : m_paths) {
-      for (const auto& entry : fs::recursive_directory_iterator(path)) {
-        if (entry.path().filename() == name) {
-          return entry.path();
-        }
+/// Both stores lie in here; gone with the process that made it.
+const std::string& Directory() {
+  static const struct Made {
+    std::string path = (std::filesystem::temp_directory_path() / "ondaro-bench-XXXXXX").string();
+    pid_t owner = getpid();
+    Made() { setenv("ONDARO_HOST_STATE", mkdtemp(path.data()), 1); }
+    ~Made() {
+      if (owner == getpid()) {
+        std::filesystem::remove_all(path);
       }
     }
-    throw std::runtime_error("no " + name);
-  }
-
- private:
-  static fs::path Make(const fs::path& base, const char* variable) {
-    std::string path = (base / "ondaro-bench-XXXXXX").string();
-    if (mkdtemp(path.data()) == nullptr) {
-      throw std::runtime_error("no temporary directory");
-    }
-    setenv(variable, path.c_str(), 1);
-    return path;
-  }
-
-  const std::array<fs::path, 2> m_paths;
-};
-
-const Directory& TheDirectory() {
-  static const Directory directory;
-  return directory;
+  } made;
+  return made.path;
 }
 
-/// SQLite by hand, with the store's own tables and settings.
-class PlainDatabase {
- public:
-  explicit PlainDatabase(const Area& area)
-      : m_path(TheDirectory().Find(area.database).replace_extension(".plain")), m_area(area) {
-    Open();
-    const std::string store = TheDirectory().Find(area.database);
-    Execute("ATTACH '" + store + "' AS store");
-    const std::vector<std::string> tables =
-        Texts("SELECT sql FROM store.sqlite_master WHERE type='table'");
-    Execute("DETACH store");
-    for (const std::string& table : tables) {
-      Execute(
-          std::string(table).replace(0, std::strlen("CREATE TABLE"), "CREATE TABLE IF NOT EXISTS"));
-    }
-    Prepare();
+void Require(bool done) {
+  if (!done) {
+    throw std::runtime_error("a store does not work");
   }
-  ~PlainDatabase() { Close(); }
-  PlainDatabase(const PlainDatabase&) = delete;
-  PlainDatabase& operator=(const PlainDatabase&) = delete;
+}
 
-  /// A connection is not to be carried over a fork.
-  void Close() {
-    sqlite3_finalize(std::exchange(m_get, nullptr));
-    sqlite3_finalize(std::exchange(m_put, nullptr));
-    sqlite3_finalize(std::exchange(m_begin, nullptr));
-    sqlite3_finalize(std::exchange(m_commit, nullptr));
-    sqlite3_close(std::exchange(m_connection, nullptr));
+/// SQLite by hand.
+class Plain {
+ public:
+  explicit Plain(const std::string& key) {
+    const std::string path = Directory() + "/plain.db";
+    Require(sqlite3_open(path.c_str(), &m_connection) == SQLITE_OK);
+    sqlite3_busy_timeout(m_connection, 2000);
+    Execute(
+        "PRAGMA journal_mode=WAL; CREATE TABLE IF NOT EXISTS"
+        " item(key TEXT NOT NULL PRIMARY KEY, seq INTEGER NOT NULL, value NOT NULL)");
+    Execute(key == MEMORY_KEY ? "PRAGMA synchronous=NORMAL" : "PRAGMA synchronous=FULL");
+    const std::array<const char*, 4> texts = {
+        "SELECT value FROM item WHERE key=?1",
+        "INSERT INTO item(key,value,seq) VALUES(?1,?2,1)"
+        " ON CONFLICT(key) DO UPDATE SET value=excluded.value,seq=excluded.seq",
+        "BEGIN IMMEDIATE", "COMMIT"};
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+      sqlite3_prepare_v2(m_connection, texts.at(i), -1, &m_statements.at(i), nullptr);
+    }
   }
-  void Reopen() {
-    Open();
-    Prepare();
+  ~Plain() {
+    for (sqlite3_stmt* statement : m_statements) {
+      sqlite3_finalize(statement);
+    }
+    sqlite3_close(m_connection);
   }
+  Plain(const Plain&) = delete;
+  Plain& operator=(const Plain&) = delete;
 
   char* Get(const std::string& key) {
-    Bind(m_get, 1, key);
     char* copy = nullptr;
-    if (sqlite3_step(m_get) == SQLITE_ROW) {
-      copy = strdup(reinterpret_cast<const char*>(sqlite3_column_text(m_get, 0)));
+    sqlite3_bind_text(m_statements[0], 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+    if (sqlite3_step(m_statements[0]) == SQLITE_ROW) {
+      copy = strdup(reinterpret_cast<const char*>(sqlite3_column_text(m_statements[0], 0)));
     }
-    sqlite3_reset(m_get);
+    sqlite3_reset(m_statements[0]);
     return copy;
   }
-
-  void Put(const std::string& key, const std::string& value) {
-    Bind(m_put, 1, key);
-    Bind(m_put, 2, value);
-    sqlite3_bind_int64(m_put, 3, ++m_sequence);
-    for (sqlite3_stmt* statement : {m_begin, m_put, m_commit}) {
-      if (sqlite3_step(statement) != SQLITE_DONE) {
-        throw std::runtime_error(sqlite3_errmsg(m_connection));
-      }
-      sqlite3_reset(statement);
+  void Set(const std::string& key, const std::string& value) {
+    sqlite3_bind_text(m_statements[1], 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+    sqlite3_bind_text(m_statements[1], 2, value.data(), static_cast<int>(value.size()), nullptr);
+    for (const std::size_t step : {2U, 1U, 3U}) {
+      Require(sqlite3_step(m_statements.at(step)) == SQLITE_DONE);
+      sqlite3_reset(m_statements.at(step));
     }
   }
 
  private:
-  void Open() {
-    if (sqlite3_open_v2(m_path.c_str(), &m_connection,
-                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                        nullptr) != SQLITE_OK) {
-      throw std::runtime_error("no database");
-    }
-    // Else the engine's log would go when the connection is closed, and grow again.
-    int keep = 1;
-    sqlite3_file_control(m_connection, nullptr, SQLITE_FCNTL_PERSIST_WAL, &keep);
-    sqlite3_db_config(m_connection, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-    Execute("PRAGMA journal_mode=WAL");
-    Execute(std::string("PRAGMA synchronous=") + m_area.synchronous);
-  }
-  void Prepare() {
-    constexpr char GET[] = "SELECT value FROM item WHERE key=?1";
-    constexpr char PUT[] =
-        "INSERT INTO item(key,value,seq) VALUES(?1,?2,?3)"
-        " ON CONFLICT(key) DO UPDATE SET value=excluded.value,seq=excluded.seq";
-    const std::pair<const char*, sqlite3_stmt**> statements[] = {
-        {GET, &m_get}, {PUT, &m_put}, {"BEGIN IMMEDIATE", &m_begin}, {"COMMIT", &m_commit}};
-    for (const auto& [sql, statement] : statements) {
-      if (sqlite3_prepare_v3(m_connection, sql, -1, SQLITE_PREPARE_PERSISTENT, statement,
-                             nullptr) != SQLITE_OK) {
-        throw std::runtime_error(sqlite3_errmsg(m_connection));
-      }
-    }
-  }
-  void Execute(const std::string& sql) { Texts(sql); }
-  std::vector<std::string> Texts(const std::string& sql) {
-    std::vector<std::string> texts;
-    const auto collect = [](void* to, int, char** values, char**) {
-      static_cast<std::vector<std::string>*>(to)->emplace_back(values[0]);
-      return 0;
-    };
-    if (sqlite3_exec(m_connection, sql.c_str(), collect, &texts, nullptr) != SQLITE_OK) {
-      throw std::runtime_error(sqlite3_errmsg(m_connection));
-    }
-    return texts;
-  }
-  static void Bind(sqlite3_stmt* statement, int index, const std::string& text) {
-    sqlite3_bind_text(statement, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+  void Execute(const char* sql) {
+    Require(sqlite3_exec(m_connection, sql, nullptr, nullptr, nullptr) == SQLITE_OK);
   }
 
-  const fs::path m_path;
-  const Area& m_area;
   sqlite3* m_connection = nullptr;
-  sqlite3_stmt* m_get = nullptr;
-  sqlite3_stmt* m_put = nullptr;
-  sqlite3_stmt* m_begin = nullptr;
-  sqlite3_stmt* m_commit = nullptr;
-  sqlite3_int64 m_sequence = 0;
+  std::array<sqlite3_stmt*, 4> m_statements{};
 };
 
-using Nanoseconds = std::int64_t;
+/// The store under the same interface.
+struct Library {
+  explicit Library(const std::string& /*key*/) { Directory(); }
+  static char* Get(const std::string& key) { return platform_settings_get_string(key.c_str()); }
+  static void Set(const std::string& key, const std::string& value) {
+    Require(platform_settings_set_string(key.c_str(), value.c_str()) == 0);
+  }
+};
 
-Nanoseconds Now() {
-  return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
+/// A new value each time: the engine writes nothing where nothing changes.
+std::string NextValue() {
+  static int counter = 0;
+  return std::to_string(++counter);
 }
 
-/// A forked process at the other end of a socket pair; it ends with this object.
+/// A forked process that answers each word with one; it ends with this object.
 class Peer {
  public:
   explicit Peer(const std::function<void(int)>& work) {
-    std::array<int, 2> ends{};
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
-      throw std::runtime_error("no socket pair");
-    }
+    Require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_ends.data()) == 0);
     m_pid = fork();
     if (m_pid == 0) {
-      close(ends[0]);
-      work(ends[1]);
+      close(m_ends[0]);
+      work(m_ends[1]);
       _exit(0);
     }
-    close(ends[1]);
-    m_end = ends[0];
+    close(m_ends[1]);
   }
   ~Peer() {
-    close(m_end);
+    close(m_ends[0]);
     waitpid(m_pid, nullptr, 0);
   }
   Peer(const Peer&) = delete;
   Peer& operator=(const Peer&) = delete;
 
-  void Send(Nanoseconds word) const { Write(m_end, word); }
-  Nanoseconds Receive() const {
-    Nanoseconds word = 0;
-    if (!Read(m_end, word)) {
-      throw std::runtime_error("the peer has gone");
+  void Receive() const {
+    char word = 0;
+    Require(read(m_ends[0], &word, 1) == 1);
+  }
+  void Ask() const {
+    Require(write(m_ends[0], "?", 1) == 1);
+    Receive();
+  }
+  /// Answers until the other end is closed.
+  static void Serve(int end, const std::function<void()>& work) {
+    for (char word = 0; read(end, &word, 1) == 1;) {
+      work();
+      Require(write(end, &word, 1) == 1);
     }
-    return word;
-  }
-  Nanoseconds Ask(Nanoseconds word) const {
-    Send(word);
-    return Receive();
-  }
-
-  static void Write(int end, Nanoseconds word) {
-    if (write(end, &word, sizeof word) != sizeof word) {
-      std::abort();
-    }
-  }
-  static bool Read(int end, Nanoseconds& word) {
-    return read(end, &word, sizeof word) == sizeof word;
   }
 
  private:
+  std::array<int, 2> m_ends{};
   pid_t m_pid = -1;
-  int m_end = -1;
 };
 
-/// Samples of single operations, in blocks of both that alternate.
-void CompareSamples(benchmark::State& state, const std::function<Nanoseconds()>& subject,
-                    const std::function<Nanoseconds()>& plain) {
-  std::vector<double> subjectTimes;
-  std::vector<double> plainTimes;
-  while (state.KeepRunning()) {
-    for (int i = 0; i < SAMPLES_A_BLOCK; ++i) {
-      subjectTimes.push_back(static_cast<double>(subject()));
-    }
-    for (int i = 0; i < SAMPLES_A_BLOCK; ++i) {
-      plainTimes.push_back(static_cast<double>(plain()));
-    }
+template <typename Store>
+void UnchangedRead(benchmark::State& state, const std::string& key, int keys) {
+  Store store(key);
+  for (int other = 0; other < keys; ++other) {
+    store.Set(MEMORY_KEY + std::to_string(other), "value");
   }
-  const double subjectTime = Compare::Median(subjectTimes);
-  const double plainTime = Compare::Median(plainTimes);
-  state.counters["subject_ns"] = subjectTime;
-  state.counters["plain_ns"] = plainTime;
-  state.counters["ratio"] = subjectTime / plainTime;
-}
-
-/// Enough for the engine's log to be full once and begun again. While that file still grows, a sync
-/// has more to do than ever after, and two logs that are not equally full cannot be compared.
-std::string WholeLog() { return std::string(6 << 20, 'x'); }
-
-void Set(const std::string& key, const std::string& value) {
-  if (platform_settings_set_string(key.c_str(), value.c_str()) != 0) {
-    throw std::runtime_error("the store cannot be written");
+  store.Set(key, "value");
+  for (auto _ : state) {
+    std::free(store.Get(key));
   }
 }
 
-/// Makes the store's files, from which the plain ones take their tables.
-void Prepare(const Area& area) {
-  TheDirectory();
-  Set(area.key, WholeLog());
-  Set(area.key, VALUE);
-}
-
-void Prepare(PlainDatabase& plain, const Area& area) {
-  plain.Put(area.key, WholeLog());
-  plain.Put(area.key, VALUE);
-}
-
-void UnchangedRead(benchmark::State& state) {
-  const Area& area = AreaOf(state);
-  Prepare(area);
-  PlainDatabase plain(area);
-  Prepare(plain, area);
-  state.SetLabel("read of an unchanged key : prepared read");
-  Compare::Run(
-      state, READ_BLOCK, [&area] { std::free(platform_settings_get_string(area.key.c_str())); },
-      [&] { std::free(plain.Get(area.key)); });
-}
-BENCHMARK(UnchangedRead)->Iterations(Compare::BLOCKS)->Arg(0)->Arg(1);
-
-template <typename Operation>
-Nanoseconds Timed(const Operation& operation) {
-  const Nanoseconds start = Now();
-  operation();
-  return Now() - start;
-}
-
-void ChangedRead(benchmark::State& state) {
-  constexpr Nanoseconds STORE = 0;
-  const Area& area = AreaOf(state);
-  Prepare(area);
-  PlainDatabase plain(area);
-  Prepare(plain, area);
-  plain.Close();
+template <typename Store>
+void ChangedRead(benchmark::State& state, const std::string& key) {
   const Peer writer([&](int end) {
-    plain.Reopen();
-    for (Nanoseconds which = 0; Peer::Read(end, which);) {
-      static int counter = 0;
-      const std::string value = std::to_string(++counter);
-      if (which == STORE) {
-        Set(area.key, value);
-      } else {
-        plain.Put(area.key, value);
-      }
-      Peer::Write(end, which);
-    }
+    Store store(key);
+    Peer::Serve(end, [&] { store.Set(key, NextValue()); });
   });
-  plain.Reopen();
-  state.SetLabel("read of a key changed by another process : prepared read of such");
-  CompareSamples(
-      state,
-      [&] {
-        writer.Ask(STORE);
-        return Timed([&area] { std::free(platform_settings_get_string(area.key.c_str())); });
-      },
-      [&] {
-        writer.Ask(STORE + 1);
-        return Timed([&] { std::free(plain.Get(area.key)); });
-      });
-}
-BENCHMARK(ChangedRead)->Iterations(Compare::BLOCKS)->Arg(0)->Arg(1);
-
-void SetValue(benchmark::State& state) {
-  const Area& area = AreaOf(state);
-  Prepare(area);
-  PlainDatabase plain(area);
-  Prepare(plain, area);
-  // A new value each time: the engine writes nothing where nothing changes.
-  int counter = 0;
-  state.SetLabel(std::string("set : prepared write, both WAL and synchronous=") + area.synchronous);
-  // Blocks, since every so often a write trims the log, and another empties the engine's.
-  Compare::Run(
-      state, WRITE_BLOCK, [&] { Set(area.key, std::to_string(++counter)); },
-      [&] { plain.Put(area.key, std::to_string(++counter)); });
-}
-BENCHMARK(SetValue)->Iterations(Compare::BLOCKS)->Arg(0)->Arg(1);
-
-/// Called in the subscriber: answers how long ago the set began.
-void AnswerAge(platform_settings_node* node, void* end) {
-  const Nanoseconds arrived = Now();
-  Peer::Write(*static_cast<int*>(end), arrived - std::stoll(platform_settings_node_string(node)));
+  Store store(key);
+  for (auto _ : state) {
+    writer.Ask();
+    const auto start = std::chrono::steady_clock::now();
+    std::free(store.Get(key));
+    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
+    state.SetIterationTime(taken.count());
+  }
 }
 
-/// From the beginning of the set to the callback in another process.
+template <typename Store>
+void Set(benchmark::State& state, const std::string& key) {
+  Store store(key);
+  for (auto _ : state) {
+    store.Set(key, NextValue());
+  }
+}
+
 void SetToCallback(benchmark::State& state) {
-  const Area& area = AreaOf(state);
-  const bool isSynced = state.range(0) != 0;
-  Prepare(area);
-  PlainDatabase plain(area);
-  Prepare(plain, area);
-  plain.Close();
+  Library store(MEMORY_KEY);
+  const auto others = static_cast<int>(state.range(0));
   const Peer subscriber([&](int end) {
-    if (platform_settings_subscribe(area.key.c_str(), &AnswerAge, &end) != 0) {
-      return;
-    }
-    const auto quit = [](gint, GIOCondition, gpointer loop) -> gboolean {
-      g_main_loop_quit(static_cast<GMainLoop*>(loop));
-      return G_SOURCE_REMOVE;
+    const auto answer = [](platform_settings_node*, void* to) {
+      Require(write(*static_cast<int*>(to), "!", 1) == 1);
     };
-    GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
-    GSource* hangUp = g_unix_fd_source_new(end, G_IO_HUP);
-    g_source_set_callback(hangUp, G_SOURCE_FUNC(+quit), loop, nullptr);
-    g_source_attach(hangUp, nullptr);
-    Peer::Write(end, 0);
+    for (int other = 0; other < others; ++other) {
+      const std::string key = "memory/" + std::to_string(other);
+      Require(platform_settings_subscribe(key.c_str(), answer, &end) == 0);
+    }
+    Require(platform_settings_subscribe(MEMORY_KEY, answer, &end) == 0);
+    GMainLoop* const loop = g_main_loop_new(nullptr, FALSE);
+    g_unix_fd_add(
+        end, G_IO_HUP,
+        [](gint, GIOCondition, gpointer running) -> gboolean {
+          g_main_loop_quit(static_cast<GMainLoop*>(running));
+          return G_SOURCE_REMOVE;
+        },
+        loop);
+    Require(write(end, "!", 1) == 1);
     g_main_loop_run(loop);
   });
-  const Peer echo([](int end) {
-    for (Nanoseconds word = 0; Peer::Read(end, word);) {
-      Peer::Write(end, word);
-    }
-  });
   subscriber.Receive();
-  plain.Reopen();
-  state.SetLabel(isSynced
-                     ? "set to callback elsewhere : prepared write and socket pair's round trip"
-                     : "set to callback elsewhere : socket pair's round trip");
-  CompareSamples(
-      state,
-      [&] {
-        Set(area.key, std::to_string(Now()));
-        return subscriber.Receive();
-      },
-      [&] {
-        return Timed([&] {
-          if (isSynced) {
-            plain.Put(area.key, std::to_string(Now()));
-          }
-          echo.Ask(0);
-        });
-      });
+  for (auto _ : state) {
+    Library::Set(MEMORY_KEY, NextValue());
+    subscriber.Receive();
+  }
 }
-BENCHMARK(SetToCallback)->Iterations(Compare::BLOCKS)->Arg(0)->Arg(1);
+
+void RoundTrip(benchmark::State& state) {
+  const Peer echo([](int end) { Peer::Serve(end, [] {}); });
+  for (auto _ : state) {
+    echo.Ask();
+  }
+}
+
+template <typename Store>
+void Register(const std::string& kind) {
+  for (const std::string key : {MEMORY_KEY, DURABLE_KEY}) {
+    const auto name = [&](const std::string& what) {
+      return what + " of a " + key.substr(0, key.find('/')) + " key/" + kind;
+    };
+    for (const int keys : {100, 100'000}) {
+      if (key == MEMORY_KEY) {
+        benchmark::RegisterBenchmark(
+            ("unchanged read among " + std::to_string(keys) + "/" + kind).c_str(),
+            UnchangedRead<Store>, key, keys);
+      }
+    }
+    benchmark::RegisterBenchmark(name("changed read").c_str(), ChangedRead<Store>, key)
+        ->UseManualTime();
+    benchmark::RegisterBenchmark(name("set").c_str(), Set<Store>, key)->UseRealTime();
+  }
+}
 
 }  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  Register<Library>("library");
+  Register<Plain>("plain");
+  for (const int others : {0, 9'999}) {
+    const std::string name = "set to callback among " + std::to_string(others + 1);
+    benchmark::RegisterBenchmark((name + "/library").c_str(), SetToCallback)
+        ->Arg(others)
+        ->UseRealTime();
+    benchmark::RegisterBenchmark((name + "/plain").c_str(), RoundTrip)->UseRealTime();
+  }
+  benchmark::RunSpecifiedBenchmarks();
+}
