@@ -4,21 +4,19 @@
 //
 //   get server|client|config|auth  get the handle
 //   race COUNT           that many threads get all handles at once
-//   stay                 outlive the bus
 //   expect NAME          register, as server or client, and print events
-//   hold NAME            as expect, but the first event is handled until a line comes
+//   end NAME             end the main thread with the first event
+//   end-set               set a property whose event ends the main thread
 //   echo NAME REPLY      server: answer NAME's data with the event REPLY
-//   send NAME DATA       from the end whose handle was got last; "*SIZE" for data of that size
-//   sync                 wait for what the bus has sent so far
+//   send NAME DATA       from the end whose handle was got last
 //   volley COUNT WINDOW  client: COUNT events "ping" with WINDOW unanswered at most, each of which
 //                        must come back as "pong", in order; answered when all have
 //   flood NAME COUNT     send COUNT events; no answer
-//   fork                 a child that exits as programs do, soon
 //   quit                 exit at once, whatever is under way
 //
 // The main loop runs between two lines. The process ends with its input too.
 #include <gio/gio.h>
-#include <sys/wait.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -35,7 +33,6 @@
 #include <utility>
 #include <vector>
 
-#include "bus/PlainPeer.h"
 #include "ondaro/OndaroApi.h"
 
 namespace {
@@ -48,7 +45,6 @@ OndaroApi_IpcClient_h g_client = nullptr;
 bool g_sendsToClient = false;
 std::list<Handler> g_handlers;
 GIOChannel* g_input = nullptr;
-const pid_t g_pid = getpid();
 
 void Say(const std::string& text) { std::printf("%s\n", text.c_str()); }
 void Answer(bool isDone) { Say(isDone ? "done" : "failed"); }
@@ -112,26 +108,14 @@ void Register(const std::string& name, const Handler& handler) {
   }
 }
 
-bool Send(const std::string& name, const std::string& text) {
-  const std::string data = text[0] != '*' ? text : std::string(std::stoul(text.substr(1)), 'x');
-  const int code = g_sendsToClient
-                       ? OndaroApi_IpcServer_SendDataToClient(g_server, name.c_str(), data.c_str())
-                       : OndaroApi_IpcClient_SendDataToServer(g_client, name.c_str(), data.c_str());
-  if (code != 0 && code != -1) {
-    Say("sent " + std::to_string(code));
-  }
-  return code == 0;
+bool Send(const std::string& name, const std::string& data) {
+  return 0 == (g_sendsToClient
+                   ? OndaroApi_IpcServer_SendDataToClient(g_server, name.c_str(), data.c_str())
+                   : OndaroApi_IpcClient_SendDataToServer(g_client, name.c_str(), data.c_str()));
 }
 
-void Expect(const std::string& name, bool isHeld) {
-  constexpr std::size_t SHOWN = 1000;
-  Register(name, [name, isHeld](const char* data) mutable {
-    const std::string text = data;
-    Say(name + " " + (text.size() < SHOWN ? text : std::to_string(text.size()) + " bytes"));
-    if (std::exchange(isHeld, false)) {
-      ReadLine();
-    }
-  });
+void Expect(const std::string& name) {
+  Register(name, [name](const char* data) { Say(name + " " + data); });
   Answer(true);
 }
 
@@ -162,27 +146,6 @@ void Volley(long count, long window) {
   sendOn();
 }
 
-GDBusConnection* Shared() {
-  static GDBusConnection* const connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-  return connection;
-}
-
-void Stay() {
-  g_dbus_connection_set_exit_on_close(Shared(), FALSE);
-  Answer(true);
-}
-
-void Fork() {
-  const pid_t child = fork();
-  if (child == 0) {
-    alarm(10);
-    std::exit(EXIT_SUCCESS);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  Answer(status == 0);
-}
-
 void Run(const std::string& line) {
   std::istringstream words(line);
   std::string command, first, second;
@@ -191,16 +154,21 @@ void Run(const std::string& line) {
   const std::map<std::string, std::function<void()>> commands = {
       {"get", [&] { Answer(Get(first) != nullptr); }},
       {"race", [&] { Answer(Race(std::stoul(first))); }},
-      {"stay", Stay},
-      {"expect", [&] { Expect(first, false); }},
-      {"hold", [&] { Expect(first, true); }},
-      {"echo", [&] { Echo(first, second); }},
-      {"send", [&] { Answer(Send(first, second)); }},
-      {"sync",
-       [] {
-         ondaro::test::SyncWithBus(Shared());
+      {"expect", [&] { Expect(first); }},
+      {"end",
+       [&] {
+         Register(first, [](const char*) { pthread_exit(nullptr); });
          Answer(true);
        }},
+      {"end-set",
+       [&] {
+         auto* const config = OndaroFactory_GetSystemConfigHandle();
+         OndaroApi_SystemConfig_RegisterEventHandler(
+             config, "ONDARO_STATUS", [](const char*, void*) { pthread_exit(nullptr); }, nullptr);
+         Answer(OndaroApi_SystemConfig_SetProperty(config, "ONDARO_STATUS", "end"));
+       }},
+      {"echo", [&] { Echo(first, second); }},
+      {"send", [&] { Answer(Send(first, second)); }},
       {"volley", [&] { Volley(number(first), number(second)); }},
       {"flood",
        [&] {
@@ -208,15 +176,11 @@ void Run(const std::string& line) {
            Send(first, std::to_string(i));
          }
        }},
-      {"fork", Fork},
       {"quit", [] { std::exit(EXIT_SUCCESS); }}};
   commands.at(command)();
 }
 
 }  // namespace
-
-/// A forked child has none of the threads that held what LeakSanitizer would look for.
-extern "C" int __lsan_is_turned_off() { return getpid() != g_pid ? 1 : 0; }  // NOLINT
 
 int main() {
   std::setvbuf(stdout, nullptr, _IOLBF, 0);

@@ -1,79 +1,84 @@
-// Both ends in processes of their own, over the exported functions.
+// Both ends in processes of their own, over the exported functions and the host backend.
+#include <gtest/gtest.h>
 #include <signal.h>
 
 #include <algorithm>
+#include <cstdlib>
 
-#include "ProcessUse.h"
-#include "bus/Exchange.h"
+#include "support/Files.h"
+#include "support/PrivateBus.h"
+#include "support/ProcessUse.h"
+#include "support/Tier.h"
+#include "support/WaitUntil.h"
 
 namespace ondaro::test {
 namespace {
 
-TEST_F(Exchange, IsSharedByProgramsThatKnowNothingOfIt) {
-  Peer daemon;
-  ASSERT_TRUE(daemon.Serve() && daemon.Do("expect event"));
-  setenv("N", BUS_NAME, 1);
-  setenv("P", OBJECT_PATH, 1);
-  const std::pair<const char*, const char*> answers[] = {
-      {"gdbus call -y -d $N -o $P -m $N.sendDataToServer event gdbus", "(0,)"},
-      {"busctl --system call $N $P $N sendDataToServer ss event busctl", "i 0"},
-      {"gdbus introspect -y -d $N -o $P",
-       "sendDataToServer(in  s event,\n                       in  s data,\n"
-       "                       out i result);"},
-      {"busctl --system introspect $N $P $N", ".sendDataToClient    signal    ss"}};
-  for (const auto& [command, expected] : answers) {
-    const std::string answer = ChildProcess({"sh", "-c", command}).ReadAll();
-    EXPECT_NE(answer.find(expected), std::string::npos) << answer;
+/// A process of the helper program BusPeer, which says what the lines mean.
+class Peer : public ChildProcess {
+ public:
+  Peer() : ChildProcess({ONDARO_TEST_BUS_PEER}) {}
+
+  /// Whether each of the lines was answered with "done".
+  template <typename... Lines>
+  bool Do(const Lines&... lines) {
+    return (DoLine(lines) && ...);
   }
-  EXPECT_EQ(daemon.ReadLine(), "event gdbus");
-  EXPECT_EQ(daemon.ReadLine(), "event busctl");
-  for (const char* command : {"exec gdbus monitor -y -d $N", "exec busctl --system monitor $N"}) {
-    ChildProcess monitor({"sh", "-c", command});
-    // Each starts to listen some time after its first line.
-    EXPECT_TRUE(WaitUntil([&] {
-      EXPECT_TRUE(daemon.Do("send down its-data"));
-      bool isHeard = false;
-      while (!isHeard && monitor.HasLine()) {
-        isHeard = monitor.ReadLine().value().find("its-data") != std::string::npos;
-      }
-      return isHeard;
-    })) << command;
+  /// Becomes the daemon's end, which may send some time after the handle was got.
+  bool Serve() {
+    return Do("get server") && WaitUntil([this] { return Do("send probe"); });
   }
+
+ private:
+  bool DoLine(const std::string& line) {
+    Write(line + "\n");
+    const std::string answer = ReadLine().value_or("(nothing)");
+    EXPECT_TRUE(answer == "done" || answer == "failed") << line << ": " << answer;
+    return answer == "done";
+  }
+};
+
+/// A bus, and a state and a log of the host backend that are the test's own.
+class Exchange : public testing::Test {
+ protected:
+  Exchange() {
+    setenv("ONDARO_HOST_STATE", m_state.Path().c_str(), 1);
+    setenv("ONDARO_HOST_LOG", ("verbose:" + m_log).c_str(), 1);
+  }
+  bool LogsSoon(const std::string& text) const {
+    return WaitUntil([&] { return ReadFile(m_log).find(text) != std::string::npos; });
+  }
+
+  const TemporaryDirectory m_state;
+  const std::string m_log = m_state / "log";
+  const PrivateBus m_bus;
+};
+
+// Nothing that was accepted is lost.
+TEST_F(Exchange, OutlivesWhoSends) {
+  constexpr int SENT = 100;
+  Peer daemon, application;
+  ASSERT_TRUE(daemon.Serve() && daemon.Do("expect up") && application.Do("get client"));
+  application.Write("flood up " + std::to_string(SENT) + "\nquit\n");
+  for (int i = 0; i < SENT; ++i) {
+    ASSERT_EQ(daemon.ReadLine(), "up " + std::to_string(i));
+  }
+  EXPECT_EQ(application.Wait(), 0);
 }
 
-TEST_F(Exchange, LetsASecondDaemonTakeOver) {
-  for (const int end : {0, SIGKILL}) {
-    SCOPED_TRACE(end);
-    Peer first, second(m_state / "second"), application(m_state / std::to_string(end));
-    ASSERT_TRUE(first.Serve() && second.Do("get server"));
-    EXPECT_TRUE(application.Do("get client", "expect down", "sync"));
-    // It has acquired the bus, and lost the name to the first.
-    EXPECT_TRUE(second.LogsSoon(",  name:com.halvex.tv.ondaro", 2));
-    EXPECT_FALSE(second.Do("send down 1"));
-    end == 0 ? first.Write("quit\n") : first.Signal(end);
-    EXPECT_EQ(first.Wait(), -end);
-    ASSERT_TRUE(WaitUntil([&] { return second.Do("send down 2"); }));
-    EXPECT_EQ(application.ReadLine(), "down 2");
-    // Its object went with the loss.
-    EXPECT_TRUE(application.Do("send up 1"));
-    EXPECT_TRUE(application.LogsSoon("g_dbus_proxy_call_finish error : GDBus.Error:"));
-    std::filesystem::remove(m_state / "second");
-  }
-}
-
-TEST_F(Exchange, ReachesEveryApplicationOnce) {
-  Peer daemon;
-  ASSERT_TRUE(daemon.Serve() && daemon.Do("expect arrived"));
-  std::vector<Peer> applications(50);
-  for (Peer& application : applications) {
-    // The bus handles the subscriptions before what the application sends after them.
-    EXPECT_TRUE(application.Do("get client", "expect event", "expect end", "send arrived x"));
-    EXPECT_EQ(daemon.ReadLine(), "arrived x");
-  }
-  EXPECT_TRUE(daemon.Do("send event data", "send end data"));
-  for (Peer& application : applications) {
-    EXPECT_EQ(application.ReadLine(), "event data");
-    EXPECT_EQ(application.ReadLine(), "end data");
+// The thread ends in a handler, and no more than the thread.
+TEST_F(Exchange, GoesOnWhenAHandlerEndsItsThread) {
+  const std::string line = "the thread ends in [";
+  Peer daemon, application, other;
+  ASSERT_TRUE(daemon.Serve() && daemon.Do("end up") && application.Do("get client", "send up x"));
+  EXPECT_TRUE(LogsSoon("g_dbus_proxy_call result : 0"));
+  EXPECT_TRUE(LogsSoon(line + "void NOndaroPAL::CIpcServerImpl::HandleAppData"));
+  EXPECT_TRUE(other.Do("end-set"));
+  EXPECT_TRUE(LogsSoon(line + "static void NOndaroPAL::CSystemConfigImpl::OndaroStatusChanged"));
+  for (Peer* peer : {&daemon, &other}) {
+    peer->Signal(SIGTERM);
+    const int end = peer->Wait();
+    EXPECT_TRUE(end == -SIGTERM || end == 0) << end;  // 0 where it was the last thread
   }
 }
 

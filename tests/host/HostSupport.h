@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "Files.h"
+#include "support/Files.h"
 
 namespace ondaro::test {
 

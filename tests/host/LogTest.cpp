@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -63,6 +64,11 @@ TEST_F(LogTest, KeepsOneMessageOnOneLineThatAReaderCanUndo) {
       {"", "", ": "},
       {"a b:c\\d\n", "a\r\tc\x1b[\x7f \\n", R"(a\x20b\x3ac\\d\n: a\x0d\tc\x1b[\x7f \\n)"},
       {"T", "\xc3\xbc \xe2\x82\xac \xff\xfe", "T: \xc3\xbc \xe2\x82\xac \xff\xfe"},
+      {"T",
+       "\xc2\x9b"
+       "2J \xe2\x86\x92 \x9d \xc2\xa0",
+       "T: \\xc2\\x9b"
+       "2J \xe2\x86\x92 \\x9d \xc2\xa0"},
   };
   const auto now = [] {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch());
@@ -80,6 +86,35 @@ TEST_F(LogTest, KeepsOneMessageOnOneLineThatAReaderCanUndo) {
     EXPECT_TRUE(lines[i].time + 1e-6 >= before && lines[i].time <= now().count());
   }
 }
+
+// Sanitizers make larger frames.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(LogTest, NeedsNoMoreThanEightKibibytesOfStack) {
+  constexpr std::size_t SIZE = 256UL * 1024;
+  const auto touched = [](void* (*body)(void*)) {
+    std::vector<char> stack(SIZE, '\x5a');
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstack(&attributes, stack.data(), SIZE);
+    pthread_t thread{};
+    pthread_create(&thread, &attributes, body, nullptr);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attributes);
+    return stack.end() -
+           std::find_if(stack.begin(), stack.end(), [](char b) { return b != '\x5a'; });
+  };
+  LinesOf("debug:" + m_file, [&] {
+    static const std::string text(100'000, '\n');
+    const auto log = [](void*) -> void* {
+      platform_log_print(0, INFO, "T", "%d %s", 42, text.c_str());
+      return nullptr;
+    };
+    log(nullptr);
+    const auto alone = touched([](void* argument) { return argument; });
+    _exit(touched(log) - alone <= 8 * 1024 ? 0 : 1);
+  });
+}
+#endif
 
 TEST_F(LogTest, FiltersBeforeItFormatsAndWritesErrorsToStandardErrorUnlessTold) {
   std::map<std::string, std::string> logged = {{"info", "IWEF"}};

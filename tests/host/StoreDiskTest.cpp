@@ -21,10 +21,9 @@
 
 #include "FileCalls.h"
 #include "HostSupport.h"
-#include "SettingsLimits.h"
 #include "StoreArea.h"
-#include "Tier.h"
 #include "platform/Log.h"
+#include "support/Tier.h"
 
 namespace {
 
@@ -49,13 +48,14 @@ namespace fs = std::filesystem;
 using host::SettingsChange;
 using Clock = std::chrono::steady_clock;
 using Files = std::map<std::string, std::string>;  // content by name
-using Durability = StoreArea::Durability;
 using Kind = FileCall::Kind;
 using Random = std::mt19937;
 
 constexpr int KEYS = 5;
 
-std::string KeyOf(int number) { return "key/" + std::to_string(number % KEYS); }
+std::string KeyOf(int number, const std::string& area = "db/") {
+  return area + std::to_string(number % KEYS);
+}
 int NumberOf(const std::string& value) { return std::atoi(value.c_str()); }
 int NumberOf(const SettingsChange& change) { return NumberOf(std::get<std::string>(change.value)); }
 
@@ -126,13 +126,6 @@ class Disk {
         files[name] = Mix(m_synced[m_directory + "/" + name], content, isLost);
       }
     }
-    // The bell is mapped, so any of its states may have come to the disk.
-    const auto fate = random() % 4;
-    if (fate == 0) {
-      files.erase("settings.bell");
-    } else if (fate == 1) {
-      std::swap(files["settings.bell"], m_bell);
-    }
     return files;
   }
 
@@ -151,16 +144,15 @@ class Disk {
   const std::string m_directory;
   Files m_names;   // with the directory's last sync
   Files m_synced;  // by path
-  std::string m_bell;
 };
 
 /// The first thing wrong with what a cut left of numbered writes, or nothing.
-std::string Judge(const Files& left, int acknowledged) {
+std::string Judge(const Files& left, int acknowledged, const std::string& keys) {
   const TemporaryDirectory after(FastDirectory());
   WriteFiles(left, after);
   StoreArea area(after.Path());
   for (int number = acknowledged; number > 0 && number > acknowledged - KEYS; --number) {
-    const int found = NumberOf(area.Get(KeyOf(number)));
+    const int found = NumberOf(area.Get(KeyOf(number, keys)));
     if (found != number && found != acknowledged + 1) {
       return "lost " + std::to_string(number) + ", found " + std::to_string(found);
     }
@@ -174,13 +166,13 @@ std::string Judge(const Files& left, int acknowledged) {
   if (acknowledged > 0 && (log.empty() || NumberOf(log.back()) < acknowledged)) {
     return "the log ends early";
   }
-  const std::int64_t position = area.Follow();
-  const bool works = area.Set("key/new", "new") && StoreArea(after.Path()).Get("key/new") == "new";
+  const auto position = area.Last();
+  const bool works = area.Set("db/new", "new") && StoreArea(after.Path()).Get("db/new") == "new";
   return works && area.Log(position).size() == 1 ? "" : "no new writes";
 }
 
 /// How many of the cuts in a store's life have left something wrong; each is told.
-int CountLosses(Random& random, Durability durability) {
+int CountLosses(Random& random, const std::string& keys) {
   constexpr int CUTS = 20;
   const TemporaryDirectory directory(FastDirectory());
   Disk disk(directory.Path());
@@ -191,7 +183,7 @@ int CountLosses(Random& random, Durability durability) {
   std::vector<Files> left;
   int cuts = 0;
   int losses = 0;
-  StoreArea area(directory.Path(), durability);
+  StoreArea area(directory.Path());
   for (int number = 1; cuts < CUTS; ++number) {
     {
       const FileWatch watch([&](const FileCall& call) {
@@ -202,11 +194,11 @@ int CountLosses(Random& random, Durability durability) {
         return 0;
       });
       const std::string value(random() % longest, 'x');
-      EXPECT_TRUE(area.Set(KeyOf(number), std::to_string(number) + ":" + value));
+      EXPECT_TRUE(area.Set(KeyOf(number, keys), std::to_string(number) + ":" + value));
     }
     for (; !left.empty(); left.pop_back(), ++cuts) {
       g_logged.clear();
-      const std::string wrong = Judge(left.back(), number - 1) + g_logged;
+      const std::string wrong = Judge(left.back(), number - 1, keys) + g_logged;
       losses += wrong.empty() ? 0 : 1;
       std::cerr << wrong;
     }
@@ -216,12 +208,12 @@ int CountLosses(Random& random, Durability durability) {
 
 TEST(StoreDisk, PowerCutLosesNoAcknowledgedWrite) {
   ForEachSeed(ByTier(8U, 25U, 100U), {},
-              [](Random& random) { EXPECT_EQ(CountLosses(random, Durability::SYNCED), 0); });
+              [](Random& random) { EXPECT_EQ(CountLosses(random, "db/"), 0); });
 }
 
 TEST(StoreDisk, PowerCutOfAStoreThatDoesNotSyncIsSeenToLoseWrites) {
   Random random(1);
-  EXPECT_GT(CountLosses(random, Durability::UNSYNCED), 0);
+  EXPECT_GT(CountLosses(random, "memory/"), 0);
 }
 
 void Execute(const std::string& database, const char* sql) {
@@ -289,7 +281,7 @@ TEST(StoreDisk, DamagedFileIsOpenedOrSetAside) {
     const std::array<const char*, 3> names = {"settings.db-wal", "settings.db", "settings.bell"};
     const std::string name = names.at(random() % 5 / 2);
     std::string content = ReadFile(directory / name);
-    Damage(content, inUse && name == "settings.bell", random);
+    Damage(content, false, random);
     std::fstream(directory / name, std::ios::in | std::ios::out | std::ios::binary) << content;
     fs::resize_file(directory / name, content.size());
 
@@ -297,16 +289,16 @@ TEST(StoreDisk, DamagedFileIsOpenedOrSetAside) {
       area->Get(KeyOf(key));
     }
     area->Log();
-    EXPECT_TRUE(area->Set("key/new", "new")) << name;
-    EXPECT_EQ(area->Get("key/new"), "new") << name;
+    EXPECT_TRUE(area->Set("db/new", "new")) << name << area->Errors();
+    EXPECT_EQ(area->Get("db/new"), "new") << name;
     StoreArea other(directory.Path());
-    other.Get("key/new");
+    other.Get("db/new");
     if (inUse && other.Errors().find("locked") != std::string::npos) {
       // Its mode of locking is damaged; whoever has it open works on, and the next one repairs it.
       area.emplace(directory.Path());
     }
-    EXPECT_TRUE(other.Set("key/new", "newer")) << name;
-    EXPECT_EQ(area->Get("key/new"), "newer") << name;
+    EXPECT_TRUE(other.Set("db/new", "newer")) << name;
+    EXPECT_EQ(area->Get("db/new"), "newer") << name;
     for (int key = 0; key < KEYS; ++key) {
       EXPECT_NE(area->Get(KeyOf(key)), "(error)") << name;
     }
@@ -333,8 +325,8 @@ bool FailCall(const Files& before, int writes, std::size_t size, const Failing& 
   WriteFiles(before, directory);
   StoreArea area(directory.Path());
   const auto found = [&](const std::string& key) { return StoreArea(directory.Path()).Get(key); };
-  const std::string other = before.empty() ? "(none)" : found("key/1");
-  std::string kept = before.empty() ? "(none)" : found("key/0");
+  const std::string other = before.empty() ? "(none)" : found("db/1");
+  std::string kept = before.empty() ? "(none)" : found("db/0");
   int calls = 0;
   const FileWatcher watcher = [&](const FileCall& call) {
     const bool changes =
@@ -346,16 +338,16 @@ bool FailCall(const Files& before, int writes, std::size_t size, const Failing& 
     const std::string value = std::to_string(write) + std::string(size, 'x');
     const bool isSet = [&] {
       const FileWatch watch(watcher);
-      return area.Set("key/0", value);
+      return area.Set("db/0", value);
     }();
     EXPECT_TRUE(isSet || calls >= failing.call) << area.Errors();
     kept = isSet ? value : kept;
-    EXPECT_EQ(area.Get("key/0"), kept) << area.Errors();
-    EXPECT_EQ(found("key/0"), kept) << area.Errors();
+    EXPECT_EQ(area.Get("db/0"), kept) << area.Errors();
+    EXPECT_EQ(found("db/0"), kept) << area.Errors();
   }
-  EXPECT_TRUE(area.Set("key/0", "after"));
-  EXPECT_EQ(found("key/0"), "after");
-  EXPECT_EQ(found("key/1"), other);
+  EXPECT_TRUE(area.Set("db/0", "after"));
+  EXPECT_EQ(found("db/0"), "after");
+  EXPECT_EQ(found("db/1"), other);
   return calls >= failing.call;
 }
 
@@ -422,50 +414,13 @@ TEST(StoreWaits, BoundedlyForAWriterThatStandsStillAndOneThatOpens) {
   });
   ASSERT_EQ(waitpid(stopped.Pid(), nullptr, WUNTRACED), stopped.Pid());
   auto start = Clock::now();
-  EXPECT_TRUE(area.Get("key") == "before" && area.Follow() >= 0);
+  EXPECT_TRUE(area.Get("key") == "before" && area.Last() >= 0);
   EXPECT_LT(Clock::now() - start, host::SETTINGS_LONGEST_WAIT);
   EXPECT_FALSE(area.Set("key", "late"));
   EXPECT_LT(Clock::now() - start, BOUND);
   kill(stopped.Pid(), SIGCONT);
   EXPECT_EQ(stopped.Wait(), 0);
   EXPECT_EQ(area.Get("key"), "stopped");
-
-  const int fd = open((directory / "settings.bell").c_str(), O_RDWR | O_CLOEXEC);
-  struct flock lock = {};
-  lock.l_type = F_WRLCK;
-  lock.l_len = 1;
-  ASSERT_EQ(fcntl(fd, F_OFD_SETLK, &lock), 0);
-  start = Clock::now();
-  EXPECT_FALSE(StoreArea(directory.Path()).Set("key", "late"));
-  EXPECT_LT(Clock::now() - start, BOUND);
-  close(fd);
-  EXPECT_TRUE(area.Set("key", "after"));
-}
-
-TEST(StoreLog, IsKeptForALivingFollowerOnlyAndWithinItsCap) {
-  constexpr std::size_t BATCH = host::SETTINGS_TRIM_BATCH;
-  constexpr std::size_t CAP = host::SETTINGS_LOG_CAP;
-  const TemporaryDirectory directory(FastDirectory());
-  StoreArea writer(directory.Path(), Durability::UNSYNCED);
-  const auto logAfter = [&](std::size_t writes) {
-    for (std::size_t i = 0; i < writes; ++i) {
-      EXPECT_TRUE(writer.Set("key", "value"));
-    }
-    return writer.Log().size();
-  };
-  EXPECT_TRUE(writer.Set("unchanged", "early"));
-  EXPECT_LE(logAfter(2 * BATCH), BATCH);
-  std::optional<StoreArea> follower(std::in_place, directory.Path());
-  const std::int64_t position = follower->Follow();
-  EXPECT_TRUE(writer.Set("once", "trimmed") && writer.Set("once", "current"));
-  EXPECT_GE(logAfter(2 * BATCH), 2 * BATCH);
-  EXPECT_LE(logAfter(CAP), CAP + BATCH);
-  // One that fell behind gets the current values of its keys, if they have changed.
-  const auto changes = follower->Log(position, {"once", "unchanged"});
-  EXPECT_EQ(changes[0].value, host::SettingsValue("current"));
-  EXPECT_EQ(changes[1].value, host::SettingsValue("value"));
-  follower.reset();
-  EXPECT_LE(logAfter(BATCH), BATCH);
 }
 
 }  // namespace

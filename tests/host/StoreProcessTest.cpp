@@ -19,10 +19,11 @@
 
 #include "FileCalls.h"
 #include "HostSupport.h"
-#include "ProcessUse.h"
-#include "Tier.h"
-#include "bus/WaitUntil.h"
+#include "StoreArea.h"
 #include "platform/SettingsStore.h"
+#include "support/ProcessUse.h"
+#include "support/Tier.h"
+#include "support/WaitUntil.h"
 
 namespace ondaro::test {
 namespace {
@@ -268,16 +269,17 @@ TEST(Writers, AreLetThroughBesideOneThatWritesInARow) {
 }
 
 TEST(Syncs, ComeBeforeASetOfADurableKeyReturnsAndForNoOther) {
-  StateDirectory();
+  const TemporaryDirectory directory(FastDirectory());
+  StoreArea area(directory.Path());
   for (const char* key : {"db/synced", "memory/unsynced"}) {
-    ASSERT_EQ(platform_settings_set_int(key, 0), 0);
+    ASSERT_TRUE(area.Set(key, "0"));
     int syncs = 0;
     const FileWatch watch([&](const FileCall& call) {
       syncs += call.kind == FileCall::Kind::SYNC ? 1 : 0;
       return 0;
     });
     for (int write = 1; write <= 5; ++write) {
-      EXPECT_EQ(platform_settings_set_int(key, write), 0);
+      EXPECT_TRUE(area.Set(key, std::to_string(write)));
       EXPECT_TRUE(*key == 'd' ? syncs >= write : syncs == 0) << key << ": " << syncs;
     }
   }

@@ -15,9 +15,9 @@
 
 #include "HostSupport.h"
 #include "StoreArea.h"
-#include "bus/WaitUntil.h"
 #include "platform/Log.h"
 #include "platform/SettingsStore.h"
+#include "support/WaitUntil.h"
 
 namespace {
 
@@ -356,7 +356,8 @@ TEST_P(Damaged, MovesEveryProcessToTheNewDatabase) {
   // All of it, since what is not read is not missed.
   std::string damaged;
   for (const std::string name : {"settings.db-wal", "settings.db"}) {
-    damaged.assign(std::filesystem::file_size(StateDirectory() / name), 'g');
+    damaged.assign(static_cast<std::size_t>(std::filesystem::file_size(StateDirectory() / name)),
+                   'g');
     std::fstream(StateDirectory() / name, std::ios::binary | std::ios::in | std::ios::out)
         << damaged;
   }

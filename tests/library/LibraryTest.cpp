@@ -1,14 +1,16 @@
-// What the model does not see: the log statement itself, costs, the end of the process, records
-// that no call of the library filled, and callers beside the exported functions.
+// What the model does not see: the log statement itself, costs, records that no call of the library
+// filled, and callers beside the exported functions.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <pthread.h>
+#include <unistd.h>
 
-#include <cstdlib>
+#include <functional>
 #include <memory>
+#include <thread>
+#include <utility>
 
-#include "AllocationCount.h"
-#include "FakePlatform.h"
+#include "Allocations.h"
+#include "PlatformTest.h"
 #include "ondaro/OndaroApi.h"
 #include "ondaro/pal/CPALFactory.h"
 #include "ondaro/pal/CSystemConfigImpl.h"
@@ -18,15 +20,26 @@ namespace {
 using ::testing::Contains;
 using ::testing::ElementsAre;
 
-class Library : public ::testing::Test {
+struct NoServer : NOndaroAPI::IIpcServerImpl {
+  void RegisterEventHandler(const std::string&, const NOndaroAPI::IpcEventHandler&) override {}
+  void UnregisterEventHandler() override {}
+  void SendDataToClient(const std::string&, const std::string&) override {}
+};
+
+class Library : public PlatformTest {
  protected:
-  FakePlatform& m_fake = FakePlatform::Get();
+  Library() { m_fake.TakeLog(); }
+
+  // A handle is the address of a wrapper.
+  NOndaroAPI::CSystemConfig m_wrapper{NOndaroPAL::CPALFactory::CreateSystemConfigImpl()};
+  const OndaroApi_SystemConfig_h m_config = reinterpret_cast<OndaroApi_SystemConfig_h>(&m_wrapper);
   uint32_t m_length = 0;
 };
 
 TEST_F(Library, TheFormatReachesTheLogUnformattedBehindThePrefix) {
+  const NOndaroPAL::CSystemConfigImpl object;
   OndaroApi_SystemConfig_DestroyProperty(
-      OndaroApi_SystemConfig_GetProperty(OndaroFactory_GetSystemConfigHandle(), "SDR", &m_length));
+      OndaroApi_SystemConfig_GetProperty(m_config, "SDR", &m_length));
   std::vector<std::string> statements;
   for (const SLogEntry& entry : m_fake.TakeLog()) {
     EXPECT_EQ(entry.buffer, 0);
@@ -45,31 +58,91 @@ TEST_F(Library, TheFormatReachesTheLogUnformattedBehindThePrefix) {
 }
 
 TEST_F(Library, ATracerIsTwoLogCallsAndNothingAllocates) {
-  const OndaroApi_SystemConfig_h config = OndaroFactory_GetSystemConfigHandle();
   m_fake.m_isLogDiscarded = true;
   m_fake.m_nLogCalls = 0;
-  const int before = g_allocations;
+  const int before = Allocations::count;
   // Refused at the first precondition: nothing but the tracer and the line between.
-  OndaroApi_SystemConfig_GetProperty(config, nullptr, nullptr);
+  OndaroApi_SystemConfig_GetProperty(m_config, nullptr, nullptr);
   EXPECT_EQ(m_fake.m_nLogCalls, 3);
-  EXPECT_EQ(g_allocations, before);
+  EXPECT_EQ(Allocations::count, before);
   // A short name and value live in the strings themselves: the caller's buffer alone is allocated.
-  const char* value = OndaroApi_SystemConfig_GetProperty(config, "SDR", &m_length);
-  EXPECT_EQ(g_allocations, before + 1);
+  const char* value = OndaroApi_SystemConfig_GetProperty(m_config, "SDR", &m_length);
+  EXPECT_EQ(Allocations::count, before + 1);
   OndaroApi_SystemConfig_DestroyProperty(value);
 }
 
-TEST_F(Library, RecordsWithBytesOrALengthAreNotEmpty) {
+TEST_F(Library, ThePointersOfACallAreTestedInOrder) {
+  const auto event = [](const char*, void*) {};
+  NOndaroAPI::CIpcServer serverWrapper(new NoServer);
+  auto* const server = reinterpret_cast<OndaroApi_IpcServer_h>(&serverWrapper);
   char byte = 'x';
-  for (const OndaroApi_CoreAuthInfoRW_t& filled :
-       {OndaroApi_CoreAuthInfoRW_t{&byte, 0}, {nullptr, 1}}) {
-    OndaroApi_CoreAuthInfoRW_t key = filled, cert = {nullptr, 0};
-    EXPECT_FALSE(OndaroApi_CoreAuth_GenerateDeviceKeyAndCert(nullptr, &key, &cert));
-    EXPECT_EQ(m_fake.TakeLog()[1].body, "return by [key is not empty]");
-  }
-  OndaroApi_CoreAuthInfoRW_t lengthOnly = {nullptr, 9};
-  OndaroApi_CoreAuth_DestroyCoreAuthInfo(&lengthOnly);
-  EXPECT_EQ(lengthOnly.length, 9U);
+  const OndaroApi_CoreAuthInfoRO_t in = {nullptr, 0};
+  OndaroApi_CoreAuthInfoRW_t out = {}, bytes = {&byte, 0}, length = {nullptr, 9};
+  const auto watch = OndaroApi_SystemConfig_RegisterEventHandler;
+  const auto unwatch = OndaroApi_SystemConfig_UnregisterEventHandler;
+  const auto generate = OndaroApi_CoreAuth_GenerateDeviceKeyAndCert;
+  const auto sign = OndaroApi_CoreAuth_SignHash;
+  const std::string get = "false 6 OndaroApi_SystemConfig_GetProperty: ";
+  const std::string set = "false 6 OndaroApi_SystemConfig_SetProperty: ";
+  const std::string config = "false 6 OndaroApi_SystemConfig_";
+  const std::string toServer = "false 6 OndaroApi_IpcClient_SendDataToServer: ";
+  const std::string toClient = "false 6 OndaroApi_IpcServer_SendDataToClient: ";
+  const std::string ofServer = "false 6 OndaroApi_IpcServer_";
+  const std::string ofClient = "false 6 OndaroApi_IpcClient_";
+  const std::string generated = "false 6 OndaroApi_CoreAuth_GenerateDeviceKeyAndCert: ";
+  const std::string isSigned = "false 6 OndaroApi_CoreAuth_SignHash: ";
+  const std::string refused = "false 6 _GenerateDeviceKeyAndCert: return by ";
+  const std::string chain = "false 6 OndaroApi_CoreAuth_GetModelCertChain: ";
+  const std::string text = "exception : basic_string: construction from null is not valid";
+  const std::string handle = "handle is null", key = "key is null";
+  const auto call = [](auto function, auto... arguments) { return function(arguments...), false; };
+  m_fake.TakeLog();
+  ExpectAlike({
+      {Told(OndaroApi_SystemConfig_GetProperty(nullptr, nullptr, nullptr)), get + key},
+      {Told(OndaroApi_SystemConfig_GetProperty(nullptr, "k", nullptr)), get + "pLength is null"},
+      {Told(OndaroApi_SystemConfig_GetProperty(nullptr, "k", &m_length)), get + handle},
+      {Told(OndaroApi_SystemConfig_SetProperty(nullptr, nullptr, nullptr)), set + key},
+      {Told(OndaroApi_SystemConfig_SetProperty(nullptr, "k", nullptr)), set + "val is null"},
+      {Told(OndaroApi_SystemConfig_SetProperty(nullptr, "k", "v")), set + handle},
+      {Told(call(watch, nullptr, "", event, nullptr)), config + "RegisterEventHandler: " + handle},
+      {Told(call(watch, m_config, nullptr, event, nullptr)),
+       config + "RegisterEventHandler: " + text},
+      {Told(call(unwatch, nullptr, "")), config + "UnregisterEventHandler: " + handle},
+      {Told(call(unwatch, m_config, nullptr)), config + "UnregisterEventHandler: " + text},
+      {Told(call(OndaroApi_IpcServer_RegisterEventHandler, nullptr, "", event, nullptr)),
+       ofServer + "RegisterEventHandler: " + handle},
+      {Told(call(OndaroApi_IpcServer_RegisterEventHandler, server, nullptr, event, nullptr)),
+       ofServer + "RegisterEventHandler: " + text},
+      {Told(call(OndaroApi_IpcServer_UnregisterEventHandler, nullptr)),
+       ofServer + "UnregisterEventHandler: " + handle},
+      {Told(OndaroApi_IpcServer_SendDataToClient(nullptr, nullptr, nullptr) != -1),
+       toClient + handle},
+      {Told(OndaroApi_IpcServer_SendDataToClient(server, nullptr, "") != -1), toClient + text},
+      {Told(OndaroApi_IpcServer_SendDataToClient(server, "", nullptr) != -1), toClient + text},
+      {Told(call(OndaroApi_IpcClient_RegisterEventHandler, nullptr, nullptr, nullptr, nullptr)),
+       ofClient + "RegisterEventHandler: exception : apicallback is null(api/callback is null)"},
+      {Told(call(OndaroApi_IpcClient_RegisterEventHandler, nullptr, nullptr, event, nullptr)),
+       ofClient + "RegisterEventHandler: " + handle},
+      {Told(call(OndaroApi_IpcClient_UnregisterEventHandler, nullptr)),
+       ofClient + "UnregisterEventHandler: " + handle},
+      {Told(OndaroApi_IpcClient_SendDataToServer(nullptr, nullptr, nullptr) != -1),
+       toServer + handle},
+      {Told(generate(nullptr, nullptr, nullptr)), generated + key},
+      {Told(generate(nullptr, &out, nullptr)), generated + "cert is null"},
+      {Told(generate(nullptr, &bytes, &bytes)), refused + "[key is not empty]"},
+      {Told(generate(nullptr, &out, &length)), refused + "[cert is not empty]"},
+      {Told(generate(nullptr, &out, &out)), generated + handle},
+      {Told(sign(nullptr, nullptr, nullptr, nullptr)), isSigned + key},
+      {Told(sign(nullptr, &in, nullptr, nullptr)), isSigned + "hash is null"},
+      {Told(sign(nullptr, &in, &in, nullptr)), isSigned + "sign is null"},
+      {Told(sign(nullptr, &in, &in, &out)), isSigned + handle},
+      {Told(OndaroApi_CoreAuth_GetModelCertChain(nullptr, nullptr)), chain + "certChain is null"},
+      {Told(OndaroApi_CoreAuth_GetModelCertChain(nullptr, &out)), chain + handle},
+      {Told(call(OndaroApi_CoreAuth_DestroyCoreAuthInfo, nullptr)),
+       "false 6 OndaroApi_CoreAuth_DestroyCoreAuthInfo: authInfo is null"},
+      {Told(call(OndaroApi_CoreAuth_DestroyCoreAuthInfo, &length)), "false"},
+  });
+  EXPECT_EQ(length.length, 9U);
 }
 
 TEST_F(Library, TheWrapperHandsOverStringsAsTheyAreAndTheEndTellsAFailedDestroy) {
@@ -87,44 +160,106 @@ TEST_F(Library, TheWrapperHandsOverStringsAsTheyAreAndTheEndTellsAFailedDestroy)
   EXPECT_EQ(log.rbegin()[1], "4 ONDARO_API ~CCoreAuthImpl: eme instance destroyed");
 }
 
-TEST_F(Library, OneStatusAloneIsSupport) {
-  for (m_fake.m_supportStatus = -1; m_fake.m_supportStatus <= 12; ++m_fake.m_supportStatus) {
-    m_fake.TakeLog();
-    const NOndaroAPI::CCoreAuth wrapper(NOndaroPAL::CPALFactory::CreateCoreAuthImpl());
-    const bool isRefused =
-        m_fake.TakeLog()[1].body == "Key system[com.widevine.alpha] is not supported.";
-    EXPECT_EQ(isRefused, m_fake.m_supportStatus != 11);
+// One status alone is support; without it no instance is opened.
+TEST_F(Library, WhatTheModuleRefusesHasALine) {
+  const std::string keys = "false 6 _GenerateDeviceKeyAndCert: ", signs = "false 6 _SignHash: ";
+  const std::string noKeys = keys + "pWVCDM is NULL", noSign = signs + "pWVCDM is NULL";
+  const std::string none = "false 6 GetSystemID: cdm_ is NULL" + noKeys + noSign;
+  const auto supports = [this](int status) { return [=] { m_fake.m_supportStatus = status; }; };
+  const auto empty = [](std::string& text) { return [&] { text.clear(); }; };
+  const std::function<void()> nothing = [] {};
+  const struct {
+    std::function<void()> before, after;  // the instance is opened
+    std::string expected;
+  } rows[] = {{supports(0), nothing, none},
+              {supports(10), nothing, none},
+              {supports(12), nothing, none},
+              {[&] { m_fake.m_isCreateFailing = true; }, nothing, none},
+              {[&] { m_fake.m_hasKeyInterface = false; }, nothing, "true" + noKeys + noSign},
+              {nothing, [&] { m_fake.m_operationStatus = 3; },
+               "false 6 GetSystemID: getSystemId failed." + keys +
+                   "GenerateDeviceKeyAndCert failed." + signs + "ondaroSign failed."},
+              {nothing, empty(m_fake.m_key), "true" + keys + "return by [key.empty()]true"},
+              {nothing, empty(m_fake.m_cert), "true" + keys + "return by [cert.empty()]true"},
+              {nothing, empty(m_fake.m_sign), "truetrue" + signs + "sign is empty"},
+              {nothing, empty(m_fake.m_systemId), "truetruetrue"}};
+  for (const auto& row : rows) {
+    m_fake.Reset();
+    row.before();
+    NOndaroAPI::CCoreAuth wrapper(NOndaroPAL::CPALFactory::CreateCoreAuthImpl());
+    EXPECT_EQ(m_fake.m_cdmCalls.size(), m_fake.m_supportStatus == 11 ? 2 : 1);
+    const std::string opened = Told(true);
+    EXPECT_EQ(opened.find("EME instance = ") == std::string::npos, row.expected == none);
+    row.after();
+    std::string text, other;
+    EXPECT_EQ(Told(wrapper.GetSystemID(text)) +
+                  Told(wrapper.GenerateDeviceKeyAndCert(text, other)) +
+                  Told(wrapper.SignHash("k", "h", text)),
+              row.expected);
+    OndaroApi_CoreAuthInfoRW_t chain = {nullptr, 3};
+    EXPECT_TRUE(wrapper.GetModelCertChain(&chain) && chain.length == 3);
   }
 }
 
-TEST_F(Library, AChangeForNobodyIsTold) {
+TEST_F(Library, AChangeForNobodyIsToldAndOneForAnObjectThatIsGoneIsNot) {
+  const auto change = NOndaroPAL::CSystemConfigImpl::OndaroStatusChangedCallback;
   platform_settings_node node{"key", SettingsValue(std::string("b"))};
-  NOndaroPAL::CSystemConfigImpl::OndaroStatusChangedCallback(&node, nullptr);
+  change(&node, nullptr);
   EXPECT_THAT(m_fake.TakeLogTexts(),
               ElementsAre("6 ONDARO_PAL OndaroStatusChangedCallback: exception : PAL Exception: "
                           "Nullptr: pThis"));
+  std::vector<std::string> events;
+  const auto record = [&](const std::string& data) { events.push_back(data); };
+  auto first = std::make_unique<NOndaroPAL::CSystemConfigImpl>();
+  auto* const second = new NOndaroPAL::CSystemConfigImpl;
+  first->RegisterEventHandler("ONDARO_STATUS", record);
+  second->RegisterEventHandler("ONDARO_STATUS", record);
+  change(&node, second);
+  delete second;
+  m_fake.TakeLog();
+  change(&node, second);
+  change(nullptr, second);
+  NOndaroPAL::CSystemConfigImpl::OndaroSupportChangedCallback(&node, second);
+  EXPECT_THAT(m_fake.TakeLogTexts(), ElementsAre());
+  change(&node, first.get());
+  EXPECT_THAT(events, ElementsAre("b", "b"));
 }
 
-// The wrapper's lines come first, then its implementation goes; wrappers in reverse order.
-TEST(LibraryDeathTest, ExitDestroysInReverseOrderOfCreation) {
-  const auto run = [](bool configFirst) {
-    FakePlatform::Get().m_isLogEchoed = false;
-    if (configFirst) {
-      OndaroFactory_GetSystemConfigHandle();
-    }
-    OndaroFactory_GetCoreAuthHandle();
-    OndaroFactory_GetSystemConfigHandle();
-    FakePlatform::Get().m_isLogEchoed = true;
-    std::exit(0);
-  };
-  const std::string config =
-      ".*CSystemConfig::~CSystemConfig\\(\\)\\]Left.*CSystemConfigImpl::~CSystemConfigImpl\\(\\)\\]"
-      "Entered.*";
-  const std::string auth =
-      ".*CCoreAuth::~CCoreAuth\\(\\)\\]Left.*CCoreAuthImpl::~CCoreAuthImpl\\(\\)\\]Entered.*eme "
-      "instance destroyed.*";
-  EXPECT_EXIT(run(true), ::testing::ExitedWithCode(0), auth + config);
-  EXPECT_EXIT(run(false), ::testing::ExitedWithCode(0), config + auth);
+TEST_F(Library, AProcessGroupIsTheApplicationsFirstAndThenTheCallers) {
+  m_fake.m_appPid = 4711;
+  for (m_fake.m_setGroupResult = 0; m_fake.m_setGroupResult < 2; ++m_fake.m_setGroupResult) {
+    EXPECT_EQ(m_wrapper.SetProperty("ONDARO_SET_PROCESS_GRP", "app"), m_fake.m_setGroupResult == 0);
+    EXPECT_THAT(m_fake.m_groupRequests.back(), testing::Pair(4711, getpid()));
+  }
+  const std::vector<std::string> log = m_fake.TakeLogTexts();
+  EXPECT_EQ(log.back(), "6 ONDARO_API SetProcessGroup: set process group fail\n");
+}
+
+TEST_F(Library, AHandlerMayReplaceItselfWhileItRuns) {
+  std::vector<std::string> events;
+  const std::string own(60, 'o');
+  m_wrapper.RegisterEventHandler("ONDARO_STATUS", [&, own](const std::string& data) {
+    m_wrapper.UnregisterEventHandler("ONDARO_STATUS");
+    events.push_back(own + data);
+  });
+  m_fake.Change("memory/menu/network/ondaro_status", "x");
+  EXPECT_THAT(events, ElementsAre(own + "x"));
+}
+
+// Out of a call, and out of a handler; each has its line, and the thread ends.
+TEST_F(Library, TheEndOfAThreadPassesThrough) {
+  const auto end = [] { pthread_exit(nullptr); };
+  m_fake.m_onStoreCall = end;
+  std::thread([&] { OndaroApi_SystemConfig_SetProperty(m_config, "ONDARO_STATUS", "x"); }).join();
+  EXPECT_EQ(Told(true),
+            "true 6 _SetProperty: key : ONDARO_STATUS 6 OndaroApi_SystemConfig_SetProperty: the "
+            "thread ends");
+  m_fake.m_onStoreCall = nullptr;
+  NOndaroPAL::CSystemConfigImpl object;
+  object.RegisterEventHandler("ONDARO_STATUS", [&](const std::string&) { end(); });
+  m_fake.TakeLog();
+  std::thread([&] { m_fake.Change("memory/menu/network/ondaro_status", "x"); }).join();
+  EXPECT_EQ(Told(true), "true 6 OndaroStatusChangedCallback: the thread ends");
 }
 
 }  // namespace

@@ -1,81 +1,61 @@
 // The helpers: access to the settings store, questions about the set, JSON members, hex dumps.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <json/json.h>
 
 #include <cerrno>
-#include <functional>
 
-#include "AllocationCount.h"
-#include "FakePlatform.h"
+#include "Allocations.h"
+#include "PlatformTest.h"
 #include "ondaro/pal/CPALUtils.h"
 
 namespace {
 
 using NOndaroPAL::CPALUtils;
-using ::testing::ElementsAre;
 
 void Ignore(platform_settings_node*, void*) {}
 
-class Utils : public ::testing::Test {
+class Utils : public PlatformTest {
  protected:
-  /// The lines of one function since the last call, without its name.
-  std::vector<std::string> TakeLines(const std::string& function) {
-    const std::string name = " ONDARO_PAL " + function + ": ";
-    std::vector<std::string> lines = m_fake.TakeLogTexts();
-    for (std::string& line : lines) {
-      EXPECT_EQ(line.find(name), 1U) << line;
-      line.erase(1, name.size() - 1);
-    }
-    return lines;
-  }
-
-  FakePlatform& m_fake = FakePlatform::Get();
   std::string m_text = "before";
   int m_number = 5;
   bool m_flag = true;
 };
 
 TEST_F(Utils, NothingIsAskedOfTheStoreWithoutAKey) {
-  const std::string none;
-  const std::pair<const char*, std::function<bool()>> operations[] = {
-      {"SetregSetStr", [&] { return CPALUtils::SetregSetStr(none, "v"); }},
-      {"SetregGetStr", [&] { return CPALUtils::SetregGetStr(none, m_text); }},
-      {"SetregSetInt", [&] { return CPALUtils::SetregSetInt(none, 1); }},
-      {"SetregGetInt", [&] { return CPALUtils::SetregGetInt(none, m_number); }},
-      {"SetregSetBool", [&] { return CPALUtils::SetregSetBool(none, true); }},
-      {"SetregGetBool", [&] { return CPALUtils::SetregGetBool(none, m_flag); }},
-      {"RegisterSetregChangedCb",
-       [&] { return CPALUtils::RegisterSetregChangedCb(none, Ignore, nullptr); }},
-      {"DeregisterSetregChangedCb",
-       [&] { return CPALUtils::DeregisterSetregChangedCb(none, Ignore); }},
-  };
-  for (const auto& [name, call] : operations) {
-    EXPECT_FALSE(call());
-    EXPECT_THAT(TakeLines(name), ElementsAre("6 pKey is empty"));
-  }
+  const std::string none, empty = ": pKey is empty", failed = "false 6 ";
+  ExpectAlike({
+      {Told(CPALUtils::SetregSetStr(none, "v")), failed + "SetregSetStr" + empty},
+      {Told(CPALUtils::SetregGetStr(none, m_text)), failed + "SetregGetStr" + empty},
+      {Told(CPALUtils::SetregSetInt(none, 1)), failed + "SetregSetInt" + empty},
+      {Told(CPALUtils::SetregGetInt(none, m_number)), failed + "SetregGetInt" + empty},
+      {Told(CPALUtils::SetregSetBool(none, true)), failed + "SetregSetBool" + empty},
+      {Told(CPALUtils::SetregGetBool(none, m_flag)), failed + "SetregGetBool" + empty},
+      {Told(CPALUtils::RegisterSetregChangedCb(none, Ignore, nullptr)),
+       failed + "RegisterSetregChangedCb" + empty},
+      {Told(CPALUtils::DeregisterSetregChangedCb(none, Ignore)),
+       failed + "DeregisterSetregChangedCb" + empty},
+  });
   EXPECT_TRUE(m_fake.m_storeCalls.empty());
 }
 
 TEST_F(Utils, FlagsAndFailedReads) {
-  EXPECT_TRUE(CPALUtils::SetregSetBool("k", true));
-  EXPECT_THAT(TakeLines("SetregSetBool"), ElementsAre("4 Succeed to set key k as 1"));
+  EXPECT_EQ(Told(CPALUtils::SetregSetBool("k", true)),
+            "true 4 SetregSetBool: Succeed to set key k as 1");
   for (const int number : {2, 0, 1}) {
     m_fake.m_values["k"] = number;
-    EXPECT_TRUE(CPALUtils::SetregGetBool("k", m_flag));
+    EXPECT_EQ(Told(CPALUtils::SetregGetBool("k", m_flag)),
+              "true 4 SetregGetBool: Succeed to get key k");
     EXPECT_EQ(m_flag, number == 1);
-    EXPECT_THAT(TakeLines("SetregGetBool"), ElementsAre("4 Succeed to get key k"));
   }
   m_fake.m_areStoreCallsFailing = true;
-  EXPECT_FALSE(CPALUtils::SetregSetBool("k", true));
-  EXPECT_THAT(TakeLines("SetregSetBool"), ElementsAre("6 Failed to set key k"));
-  EXPECT_FALSE(CPALUtils::SetregGetBool("k", m_flag));
+  ExpectAlike({
+      {Told(CPALUtils::SetregSetBool("k", true)), "false 6 SetregSetBool: Failed to set key k"},
+      {Told(CPALUtils::SetregGetBool("k", m_flag)), "false 6 SetregGetBool: Failed to get key k"},
+      {Told(CPALUtils::SetregGetStr("k", m_text)), "false 6 SetregGetStr: Failed to get key k"},
+      {Told(CPALUtils::SetregGetInt("k", m_number)), "false 6 SetregGetInt: Failed to get key k"},
+  });
   EXPECT_TRUE(m_flag);
-  EXPECT_THAT(TakeLines("SetregGetBool"), ElementsAre("6 Failed to get key k"));
-  EXPECT_FALSE(CPALUtils::SetregGetStr("k", m_text));
   EXPECT_EQ(m_text, "before");
-  EXPECT_FALSE(CPALUtils::SetregGetInt("k", m_number));
   EXPECT_EQ(m_number, GARBAGE_OF_FAILED_READ);  // the store's own
 }
 
@@ -83,35 +63,41 @@ TEST_F(Utils, NodeReaders) {
   platform_settings_node broken{std::nullopt, std::nullopt};
   platform_settings_node text{"name", SettingsValue(std::string("value"))};
   platform_settings_node minusOne{"name", SettingsValue(-1)};
-  const std::pair<const char*, std::function<bool(platform_settings_node*)>> readers[] = {
-      {"Key", [&](auto* node) { return CPALUtils::GetSetregKeyFromKeynode(node, m_text); }},
-      {"Str", [&](auto* node) { return CPALUtils::GetSetregStrFromKeynode(node, m_text); }},
-      {"Int", [&](auto* node) { return CPALUtils::GetSetregIntFromKeynode(node, m_number); }},
-  };
-  const char* const failures[] = {"keynode name", "str from keynode", "int from keynode"};
-  for (std::size_t index = 0; index < std::size(readers); ++index) {
-    const auto& [kind, read] = readers[index];
-    EXPECT_FALSE(read(nullptr) || read(&broken));
-    EXPECT_THAT(
-        TakeLines(std::string("GetSetreg") + kind + "FromKeynode"),
-        ElementsAre("6 pKeynode is NULL", std::string("6 failed to get ") + failures[index]));
-  }
-  EXPECT_TRUE(readers[0].second(&text));
-  EXPECT_EQ(m_text, "name");
-  EXPECT_THAT(TakeLines("GetSetregKeyFromKeynode"),
-              ElementsAre("4 Succeed to get keynode name name"));
+  const std::string key = "GetSetregKeyFromKeynode: ", str = "GetSetregStrFromKeynode: ",
+                    none = "pKeynode is NULL";
+  const std::string number = "GetSetregIntFromKeynode: ";
   errno = EIO;  // left over from elsewhere: must not make -1 a failure
-  EXPECT_TRUE(readers[1].second(&text) && readers[2].second(&minusOne));
-  EXPECT_EQ(m_text, "value");
+  ExpectAlike({
+      {Told(CPALUtils::GetSetregKeyFromKeynode(nullptr, m_text)), "false 6 " + key + none},
+      {Told(CPALUtils::GetSetregKeyFromKeynode(&broken, m_text)),
+       "false 6 " + key + "failed to get keynode name"},
+      {Told(CPALUtils::GetSetregKeyFromKeynode(&text, m_text)),
+       "true 4 " + key + "Succeed to get keynode name name"},
+      {m_text, "name"},
+      {Told(CPALUtils::GetSetregStrFromKeynode(nullptr, m_text)), "false 6 " + str + none},
+      {Told(CPALUtils::GetSetregStrFromKeynode(&broken, m_text)),
+       "false 6 " + str + "failed to get str from keynode"},
+      {Told(CPALUtils::GetSetregStrFromKeynode(&text, m_text)), "true"},
+      {m_text, "value"},
+      {Told(CPALUtils::GetSetregIntFromKeynode(nullptr, m_number)), "false 6 " + number + none},
+      {Told(CPALUtils::GetSetregIntFromKeynode(&minusOne, m_number)), "true"},
+      {Told(CPALUtils::GetSetregIntFromKeynode(&broken, m_number)),
+       "false 6 " + number + "failed to get int from keynode"},
+  });
   EXPECT_EQ(m_number, -1);
-  EXPECT_TRUE(m_fake.TakeLog().empty());
 }
 
 TEST_F(Utils, QuestionsAboutTheSet) {
-  EXPECT_FALSE(CPALUtils::GetProductYear(m_text));
-  EXPECT_THAT(TakeLines("GetProductYear"), ElementsAre("6 system_info_get_custom_int is failed"));
-  EXPECT_FALSE(CPALUtils::GetModelId(m_text));
-  EXPECT_EQ(m_text, "before");
+  ExpectAlike({
+      {Told(CPALUtils::GetProductYear(m_text)),
+       "false 6 GetProductYear: system_info_get_custom_int is failed"},
+      {Told(CPALUtils::GetModelId(m_text)),
+       "false 6 SetregGetStr: Failed to get key db/comss/modelid"},
+      {Told(CPALUtils::IsOndaroInitReset()),
+       "false 6 SetregGetInt: Failed to get key db/menu/network/airplay_init 6 IsOndaroInitReset: "
+       "setreg check fail"},
+      {m_text, "before"},
+  });
   const std::pair<int, const char*> years[] = {{23, "2023"}, {5, "205"}, {0, "200"}, {-1, "20-1"}};
   for (const auto& [number, year] : years) {
     m_fake.m_productYear = number;
@@ -121,8 +107,6 @@ TEST_F(Utils, QuestionsAboutTheSet) {
   m_fake.m_values["db/comss/modelid"] = std::string("QX-1");
   EXPECT_TRUE(CPALUtils::GetModelId(m_text));
   EXPECT_EQ(m_text, "QX-1");
-  EXPECT_FALSE(CPALUtils::IsOndaroInitReset());
-  EXPECT_EQ(m_fake.TakeLogTexts().back(), "6 ONDARO_PAL IsOndaroInitReset: setreg check fail");
   for (const int number : {0, 1, 2, -1, -2}) {
     m_fake.m_values["db/menu/network/airplay_init"] = m_fake.m_powerState = number;
     EXPECT_EQ(CPALUtils::IsOndaroInitReset(), number == 0);
@@ -150,28 +134,28 @@ TEST_F(Utils, JsonMembers) {
       m_text = "thrown";
     }
     EXPECT_EQ(m_text, value) << json;
-    EXPECT_THAT(TakeLines("ParseJsonVal"),
-                ElementsAre(m_text == "error" ? "6 json parse error" : "4 no error to parse"));
+    EXPECT_EQ(Told(true), m_text == "error" ? "true 6 ParseJsonVal: json parse error"
+                                            : "true 4 ParseJsonVal: no error to parse");
   }
 }
 
 TEST_F(Utils, HexDumpBreaksLinesOnlyWhenMoreFollowsAndAllocatesNothing) {
   const auto dump = [this](const std::string& bytes) {
     CPALUtils::PrintDataToHex("L", bytes.data(), bytes.size());
-    return TakeLines("PrintDataToHex");
+    return Told(true);
   };
-  const std::string full = ":[" + std::string(32, '0') + "]";
-  const std::string zeros(1010, '\0');
-  EXPECT_THAT(dump(""), ElementsAre("4 L[  0]:[]"));
-  EXPECT_THAT(dump("\xAB\x0F\xFF\x80"), ElementsAre("4 L[  0]:[ab0fff80]"));
-  EXPECT_THAT(dump(zeros.substr(0, 16)), ElementsAre("4 L[  0]" + full));
-  EXPECT_THAT(dump(zeros.substr(0, 17)), ElementsAre("4 L[  0]" + full, "4 L[ 16]:[00]"));
-  EXPECT_THAT(dump(zeros.substr(0, 32)), ElementsAre("4 L[  0]" + full, "4 L[ 16]" + full));
-  EXPECT_EQ(dump(zeros).back(), "4 L[1008]:[0000]");
+  const std::string line = "true 4 PrintDataToHex: L[  0]:[", next = "] 4 PrintDataToHex: L[ 16]:[";
+  const std::string full(32, '0'), zeros(1010, '\0');
+  ExpectAlike({{dump(""), line + "]"},
+               {dump("\xAB\x0F\xFF\x80"), line + "ab0fff80]"},
+               {dump(zeros.substr(0, 16)), line + full + "]"},
+               {dump(zeros.substr(0, 17)), line + full + next + "00]"},
+               {dump(zeros.substr(0, 32)), line + full + next + full + "]"}});
+  EXPECT_THAT(dump(zeros), testing::EndsWith(" L[1008]:[0000]"));
   m_fake.m_isLogDiscarded = true;
-  const int before = g_allocations;
+  const int before = Allocations::count;
   CPALUtils::PrintDataToHex("L", zeros.data(), zeros.size());
-  EXPECT_EQ(g_allocations, before);
+  EXPECT_EQ(Allocations::count, before);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
+#include <glib.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <deque>
 #include <map>
 #include <memory>
@@ -10,7 +10,6 @@
 #include <utility>
 #include <variant>
 
-#include "library/FakePlatform.h"
 #include "model/Step.h"
 
 namespace ondaro::model {
@@ -21,18 +20,8 @@ constexpr int DEBUG = 3, INFO = 4, ERROR = 6;
 constexpr const char *API = "ONDARO_API", *PAL = "ONDARO_PAL";
 const std::string BUS_NAME = "com.halvex.tv.ondaro", BUS_PATH = "/com/halvex/tv/ondaro";
 const std::string COMPLETION = "_SendDataToServerAyncResultCallback";
-const std::string NULL_TEXT = "basic_string: construction from null is not valid";
 const std::string INVALID_CASE = "PAL Exception: InvalidCase: ";
 const std::map<std::string, int> USAGE = {{"false", 0}, {"default", 1}, {"true", 2}, {"set", 3}};
-const std::string FAMILIES[] = {"SystemConfig", "CoreAuth", "IpcClient", "IpcServer"};
-
-// Handlers are scripts by their number, or one of these.
-constexpr int DOES_NOTHING = 0, EMPTY_FUNCTION = -1;
-
-int HandlerOf(const Step& step) {
-  const auto script = static_cast<int>(ScriptNumberOf(step));
-  return script == int(NO_SCRIPT) && HowOf(step) == WRAPPER ? EMPTY_FUNCTION : script;
-}
 
 using Value = std::variant<std::string, int>;
 
@@ -50,7 +39,9 @@ struct Property {
   std::string (*toText)(int);  // null for a text
   std::string callback;        // entered on changes; empty without
   bool isFiltered;
-  std::string key = StoreKeyOf(name);
+  std::string key = std::find_if(std::begin(KEYS), std::end(KEYS), [this](const Key& entry) {
+                      return entry.property == name;
+                    })->store;
 };
 
 const Property* Find(const std::string& nameOrKey) {
@@ -71,60 +62,29 @@ const Property* Find(const std::string& nameOrKey) {
   return found != std::end(properties) ? found : nullptr;
 }
 
-/// An exported function, what it returns when it fails, the pointers that it tests before others,
-/// and those that it makes a string of.
-struct Function {
-  Op op;
-  Family family;
-  std::string name;
-  std::string failure;
-  std::vector<std::string> required;
-  unsigned strings = 0;
-
-  std::string FullName() const { return "OndaroApi_" + FAMILIES[family] + "_" + name; }
-};
-
-const Function& FunctionOf(Op op) {
-  static const Function functions[] = {
-      {Op::GET, CONFIG, "GetProperty", "null", {"key", "pLength"}},
-      {Op::SET, CONFIG, "SetProperty", "false", {"key", "val"}},
-      {Op::WATCH, CONFIG, "RegisterEventHandler", "", {}, 1},
-      {Op::UNWATCH, CONFIG, "UnregisterEventHandler", "", {}, 1},
-      {Op::SERVER_WATCH, SERVER, "RegisterEventHandler", "", {}, 1},
-      {Op::SERVER_UNWATCH, SERVER, "UnregisterEventHandler", "", {}},
-      {Op::SERVER_SEND, SERVER, "SendDataToClient", "-1", {}, 2},
-      {Op::CLIENT_WATCH, CLIENT, "RegisterEventHandler", "", {}, 1},
-      {Op::CLIENT_UNWATCH, CLIENT, "UnregisterEventHandler", "", {}},
-      {Op::CLIENT_SEND, CLIENT, "SendDataToServer", "-1", {}, 2},
-      {Op::GENERATE, AUTH, "GenerateDeviceKeyAndCert", "false", {"key", "cert"}},
-      {Op::SIGN, AUTH, "SignHash", "false", {"key", "hash", "sign"}},
-      {Op::CHAIN, AUTH, "GetModelCertChain", "false", {"certChain"}},
-      {Op::DESTROY, AUTH, "DestroyCoreAuthInfo", "", {"authInfo"}}};
-  return *std::find_if(std::begin(functions), std::end(functions),
-                       [op](const Function& function) { return function.op == op; });
-}
-
 /// What the library is to do: its results, its events and its log, one after the other. Shares no
 /// code with it.
 class Model {
  public:
-  explicit Model(const Faults& faults) : m_faults(faults) {}
-
-  Lines Perform(const Step& step) {
+  Lines Perform(const Step* step) {
     m_nScriptsLeft = SCRIPTS_PER_STEP;
-    Do(step);
+    if (step != nullptr) {
+      Do(*step);
+    } else {
+      Construct();
+    }
     return std::exchange(m_lines, {});
   }
 
  private:
   struct Raised {
-    enum Kind { BROKEN, OF_API, STANDARD, FOREIGN } kind;
+    Fault fault;
     std::string text;
     std::string detail = {};
   };
 
   struct Message {
-    std::string sender, name, data, type = "(ss)";
+    std::string name, data;
   };
 
   /// A traced function: "Entered" now and "Left" on every way out.
@@ -151,251 +111,169 @@ class Model {
            const std::string& body) {
     m_lines.push_back(std::to_string(priority) + " " + tag + " " + function + ": " + body);
   }
-  void Note(const std::string& kind, const std::string& what) { Log(0, kind, "", what); }
+  void Note(const char* kind, const std::string& what) { Log(0, kind, "", what); }
   void Error(const std::string& function, const std::string& body) {
     Log(ERROR, PAL, function, body);
-  }
-  /// What a function of the authentication fails with.
-  const char* Refuse(const char* function, const std::string& body) {
-    return Log(ERROR, API, function, body), "false";
   }
 
   // ---- Steps and the frame of the exported functions --------------------------------------------
 
-  void Do(const Step& step) {
-    switch (step.op) {
-      case Op::SETTLE:
-        return Settle();
-      case Op::CHANGE:
-        return Change(step);
-      case Op::SCRIPT_STORE:
-      case Op::SCRIPT_MODULE:
-        return;  // the platform's matter
-      case Op::PEER_SIGNAL:
-      case Op::PEER_CALL:
-        return PeerSend(step);
-      case Op::NAME:
-        return GiveOrTakeName();
-      default:
-        break;
-    }
-    try {
-      const std::string result = step.op == Op::CREATE ? Create(FamilyOf(step)) : Call(step);
-      if (std::exchange(m_isGroupSet, false)) {
-        Note("GROUP", std::to_string(m_platform.m_appPid) + " own");
+  void Construct() {
+    for (const std::string family : {"IpcClient", "IpcServer", "SystemConfig"}) {
+      const std::string type = "C" + family, pal = "NOndaroPAL::" + type + "Impl::";
+      {
+        const Scope scope(*this, PAL, pal + type + "Impl");
+        if (family == "SystemConfig") {
+          Log(INFO, PAL, type + "Impl", "Chip: NONE");
+          Log(INFO, PAL, "_PrintPropertyMap", "SDR: 1");
+          for (const char* map : {"GetFunctionMap", "SetFunctionMap", "CbManagerMap"}) {
+            const Scope init(*this, PAL, std::string(pal).append("_Init").append(map));
+          }
+        } else if (family == "IpcServer") {
+          Log(DEBUG, PAL, type + "Impl", "g_bus_own_name return: 1");
+        }
       }
-      Note("RESULT", result);
-    } catch (const Raised& raised) {
-      Note("THROWN", raised.kind == Raised::FOREIGN ? "foreign" : raised.text);
+      const Scope scope(*this, API, "NOndaroAPI::" + type + "::" + type);
     }
-    for (const auto& record : m_records) {
-      if (step.op >= Op::GENERATE && record) {
-        Note("RECORD", *record);
+    const std::string connection = "pDbusConnection:0x,  name:" + BUS_NAME;
+    const std::string node = "pThis->m_pBusNodeInfo";
+    Log(DEBUG, PAL, "BusAcquiredCallback", connection);
+    Log(DEBUG, PAL, "BusAcquiredCallback",
+        node + ":0x, " + node + "->path:0x, " + node + "->path:" + BUS_PATH + ", " + node +
+            "->interfaces[0]:0x");
+    Log(INFO, PAL, "BusNameAcquiredCallback", connection);
+  }
+
+  void Do(const Step& step) {
+    if (step.op == SETTLE) {
+      Settle();
+    } else if (step.op == CHANGE) {
+      Change(step);
+    } else if (step.op == FAIL) {
+      m_fault = FaultOf(step);
+    } else {
+      try {
+        Note("RESULT", Call(step));
+      } catch (const Raised&) {
+        Note("THROWN", "foreign");
       }
     }
   }
+
+  /// Its name, its tag's families aside, and what it returns when it fails.
+  struct Function {
+    std::string family, name, failure;
+  };
 
   std::string Call(const Step& step) {
-    const Function& function = FunctionOf(step.op);
-    const bool hasHandle = (HowOf(step) & NULL_HANDLE) == 0 && m_hasHandle[function.family];
-    if (HowOf(step) == WRAPPER && hasHandle && step.op < Op::SETTLE) {
-      return Body(step, ValueOf(step.b));
-    }
-    const std::string name = function.FullName();
-    const Scope scope(*this, API, name);
+    static const Function functions[] = {{"SystemConfig", "GetProperty", "null"},
+                                         {"SystemConfig", "SetProperty", "0"},
+                                         {"SystemConfig", "RegisterEventHandler", "0"},
+                                         {"SystemConfig", "UnregisterEventHandler", "0"},
+                                         {"IpcServer", "RegisterEventHandler", "0"},
+                                         {"IpcServer", "UnregisterEventHandler", "0"},
+                                         {"IpcServer", "SendDataToClient", "-1"},
+                                         {"IpcClient", "RegisterEventHandler", "0"},
+                                         {"IpcClient", "UnregisterEventHandler", "0"},
+                                         {"IpcClient", "SendDataToServer", "-1"}};
+    const auto& [family, name, failure] = functions[step.op];
+    const std::string fullName = "OndaroApi_" + family + "_" + name;
+    const Scope scope(*this, API, fullName);
     try {
-      Check(step, function, hasHandle);
-      return step.op == Op::DESTROY ? Destroy(step) : Body(step, Cut(ValueOf(step.b)));
+      if (step.op == CLIENT_WATCH && ScriptNumberOf(step) == NO_SCRIPT) {
+        throw Raised{Fault::API, "apicallback is null", "(api/callback is null)"};
+      }
+      std::optional<Scope> wrapper, implementation;
+      if (step.op >= SERVER_WATCH) {
+        wrapper.emplace(*this, API, "NOndaroAPI::C" + family + "::" + name);
+      }
+      if (step.op >= SERVER_WATCH && step.op != CLIENT_UNWATCH) {
+        implementation.emplace(*this, PAL, "NOndaroPAL::C" + family + "Impl::" + name,
+                               step.op < SERVER_SEND ? ERROR : INFO);
+      }
+      return Body(step, EventNameOf(step), ScriptNumberOf(step));
     } catch (const Raised& raised) {
-      if (raised.kind == Raised::FOREIGN) {
+      if (raised.fault == Fault::FOREIGN) {
         throw;
       }
-      if (raised.kind == Raised::BROKEN) {
-        Log(ERROR, API, name, raised.text + " is null in [" + name + "()]");
-      } else if (raised.kind != Raised::OF_API || !raised.text.empty()) {
-        const std::string detail = step.op == Op::SET ? "" : raised.detail;
-        Log(ERROR, API, name, "exception : " + raised.text + detail);
-      }
-      return function.failure;
+      Log(ERROR, API, fullName,
+          "exception : " + raised.text + (step.op == SET ? "" : raised.detail));
+      return failure;
     }
   }
 
-  /// What an exported function refuses, in this order.
-  void Check(const Step& step, const Function& function, bool hasHandle) {
-    const auto isNull = [&](unsigned index) { return (HowOf(step) >> index & 1U) != 0; };
-    for (unsigned index = 0; index < function.required.size(); ++index) {
-      if (isNull(index)) {
-        throw Raised{Raised::BROKEN, function.required[index]};
-      }
-    }
-    if (step.op == Op::CLIENT_WATCH && ScriptNumberOf(step) == NO_SCRIPT) {
-      throw Raised{Raised::OF_API, "apicallback is null", "(api/callback is null)"};
-    }
-    for (const unsigned offset : {0U, 1U}) {
-      if (step.op == Op::GENERATE && m_records[(step.a + offset) % RECORDS]) {
-        Refuse("_GenerateDeviceKeyAndCert",
-               "return by [" + function.required[offset] + " is not empty]");
-        throw Raised{Raised::OF_API, ""};  // already told
-      }
-    }
-    if (!hasHandle && step.op != Op::DESTROY) {
-      throw Raised{Raised::BROKEN, "handle"};
-    }
-    for (unsigned index = 0; index < function.strings; ++index) {
-      if (isNull(index)) {
-        throw Raised{Raised::STANDARD, NULL_TEXT};
-      }
-    }
-  }
-
-  /// What the wrapper does, which the exported function reaches once its arguments are accepted.
-  std::string Body(const Step& step, const std::string& value) {
-    const std::string name = EventNameOf(step);
-    const Function& function = FunctionOf(step.op);
-    std::optional<Scope> wrapper, implementation;
-    if (function.family == SERVER || function.family == CLIENT) {
-      const std::string type = "C" + FAMILIES[function.family];
-      wrapper.emplace(*this, API, "NOndaroAPI::" + type + "::" + function.name);
-      if (step.op != Op::CLIENT_UNWATCH) {
-        const bool isLoud = step.op == Op::SERVER_WATCH || step.op == Op::SERVER_UNWATCH;
-        implementation.emplace(*this, PAL, "NOndaroPAL::" + type + "Impl::" + function.name,
-                               isLoud ? ERROR : INFO);
-      }
-    }
+  std::string Body(const Step& step, const std::string& name, unsigned handler) {
     switch (step.op) {
-      case Op::GET:
-        return Get(KeyOf(step));
-      case Op::SET:
-        return Set(KeyOf(step), value) ? "true" : "false";
-      case Op::WATCH:
-        return Watch(KeyOf(step), HandlerOf(step)), "";
-      case Op::UNWATCH:
-        return Unwatch(KeyOf(step)), "";
-      case Op::SERVER_WATCH:
-        m_serverHandlers[name] = HandlerOf(step);
-        return "";
-      case Op::SERVER_UNWATCH:
-        return m_serverHandlers.clear(), "";
-      case Op::SERVER_SEND:
-        return ServerSend(name, value), "0";
-      case Op::CLIENT_WATCH:
+      case GET: {
+        const std::string value = Get(KeyOf(step).property);
+        return value + std::to_string(value.size());
+      }
+      case SET:
+        return std::to_string(Set(KeyOf(step).property, ValueOf(step)));
+      case WATCH:
+        Watch(KeyOf(step).property, handler);
+        break;
+      case UNWATCH:
+        Unwatch(KeyOf(step).property);
+        break;
+      case SERVER_WATCH:
+        m_serverHandlers[name] = handler;
+        break;
+      case SERVER_UNWATCH:
+        m_serverHandlers.clear();
+        break;
+      case SERVER_SEND:
+        Send("SendDataToClient", name, ValueOf(step));
+        break;
+      case CLIENT_WATCH:
         m_subscription = m_subscription != 0 ? m_subscription : ++m_nSubscriptions;
-        m_clientHandlers[name] = HandlerOf(step);
-        return "";
-      case Op::CLIENT_UNWATCH:
+        m_clientHandlers[name] = handler;
+        break;
+      case CLIENT_UNWATCH:
         m_subscription = 0;
-        return m_clientHandlers.clear(), "";
-      case Op::CLIENT_SEND:
-        return ClientSend(name, value), "0";
-      case Op::GENERATE:
-        return Generate(step);
-      case Op::SIGN:
-        return Sign(step);
+        m_clientHandlers.clear();
+        break;
       default:
-        return "true";  // the certificate chain
+        Send("SendDataToServer", name, ValueOf(step));
+    }
+    return "0";
+  }
+
+  static void RaiseIf(Fault fault) {
+    if (fault > Fault::STATUS) {
+      const std::string foreign = "of unknown type", text = "fault%s%n";
+      throw Raised{fault, fault == Fault::FOREIGN ? foreign : text,
+                   fault == Fault::API ? "(fault/%s%n)" : ""};
     }
   }
 
-  void Construct(Family family) {
-    if (m_isCreated[family]) {
-      return;
-    }
-    const std::string type = "C" + FAMILIES[family];
-    const std::string implementation = "NOndaroPAL::" + type + "Impl::";
-    {
-      const Scope scope(*this, PAL, implementation + type + "Impl");
-      if (family == CONFIG) {
-        Log(INFO, PAL, "CSystemConfigImpl", "Chip: NONE");
-        Log(INFO, PAL, "_PrintPropertyMap", "SDR: 1");
-        for (const std::string map : {"GetFunctionMap", "SetFunctionMap", "CbManagerMap"}) {
-          const Scope init(*this, PAL, std::string(implementation).append("_Init").append(map));
-        }
-      } else if (family == AUTH) {
-        OpenModule();
-      } else if (family == SERVER) {
-        Log(DEBUG, PAL, "CIpcServerImpl", "g_bus_own_name return: 1");
-      }
-    }
-    const Scope scope(*this, API, "NOndaroAPI::" + type + "::" + type);
-    m_isCreated[family] = true;
-  }
-
-  std::string Create(Family family) {
-    const bool isNewServer = family == SERVER && !m_isCreated[SERVER];
-    if (family == SERVER) {
-      // A client that came later would wait for the server on the server's own thread.
-      Construct(CLIENT);
-      m_hasHandle[CLIENT] = true;
-      Settle();
-    }
-    try {
-      Construct(family);
-    } catch (const Raised& raised) {
-      if (raised.kind == Raised::FOREIGN) {
-        throw;
-      }
-      Log(ERROR, API, "OndaroFactory_Get" + FAMILIES[family] + "Handle",
-          "exception : " + raised.text + raised.detail);
-      return "null";
-    }
-    if (isNewServer) {
-      const std::string connection = "pDbusConnection:0x,  name:" + BUS_NAME;
-      const std::string node = "pThis->m_pBusNodeInfo";
-      Log(DEBUG, PAL, "BusAcquiredCallback", connection);
-      Log(DEBUG, PAL, "BusAcquiredCallback",
-          node + ":0x, " + node + "->path:0x, " + node + "->path:" + BUS_PATH + ", " + node +
-              "->interfaces[0]:0x");
-      Log(INFO, PAL, "BusNameAcquiredCallback", connection);
-      m_ownsName = m_hasObject = true;
-    }
-    m_hasHandle[family] = true;
-    return "handle";
-  }
-
-  /// Faults of what the library calls, and of the callbacks that it calls.
-  static void RaiseIf(Fault fault, const std::string& origin) {
-    if (fault == Fault::STANDARD) {
-      throw Raised{Raised::STANDARD, origin + "%s%n"};
-    }
-    if (fault == Fault::FOREIGN) {
-      throw Raised{Raised::FOREIGN, "of unknown type"};
-    }
-    if (fault == Fault::API) {
-      throw Raised{Raised::OF_API, origin + "fault", "(" + origin + "/fault)"};
-    }
-  }
-
-  /// The handler of that name, if any; what it throws does not pass back into C.
-  bool CallHandler(const std::map<std::string, int>& handlers, const std::string& name,
-                   const std::string& data, const std::string& function) {
-    const auto entry = handlers.find(name);
-    if (entry == handlers.end()) {
-      return false;
-    }
-    try {
-      RunHandler(entry->second, data);
-    } catch (const Raised& raised) {
-      Error(function, "exception : " + raised.text);
-    }
-    return true;
-  }
-
-  void RunHandler(int handler, const std::string& data) {
-    if (handler == EMPTY_FUNCTION) {
-      throw Raised{Raised::STANDARD, "bad_function_call"};
-    }
-    if (handler == DOES_NOTHING) {
+  void RunHandler(unsigned handler, const std::string& data) {
+    if (handler == NO_SCRIPT) {
       return;
     }
     Note("EVENT", std::to_string(handler) + " " + data);
-    if (m_nScriptsLeft-- <= 0) {
-      return;
+    if (m_nScriptsLeft-- > 0) {
+      const Script script = ScriptOf(handler);
+      for (const Step& step : script.steps) {
+        Do(step);
+      }
+      RaiseIf(script.ending);
     }
-    const Script& script = ScriptOf(static_cast<unsigned>(handler));
-    for (const Step& step : script.steps) {
-      Do(step);
+  }
+
+  using Handlers = std::map<std::string, unsigned>;
+
+  /// The handler of that name, if any; what it throws does not pass back into C.
+  bool CallHandler(const Handlers& handlers, const std::string& name, const std::string& data,
+                   const std::string& function) {
+    const auto entry = handlers.find(name);
+    try {
+      RunHandler(entry != handlers.end() ? entry->second : NO_SCRIPT, data);
+    } catch (const Raised& raised) {
+      Error(function, "exception : " + raised.text);
+      return true;
     }
-    RaiseIf(script.ending, "script");
+    return entry != handlers.end();
   }
 
   // ---- Properties -------------------------------------------------------------------------------
@@ -421,11 +299,21 @@ class Model {
       return name == "SYSTEM_ID" ? SystemId() : "emulator";
     }
     if (property->toText == nullptr) {
-      const auto text = Read<std::string>(property->key, "get_string ", "SetregGetStr");
-      return text.value_or("error");
+      return Read<std::string>(property->key, "get_string ", "SetregGetStr").value_or("error");
     }
     const auto number = Read<int>(property->key, "get_int ", "SetregGetInt");
     return number ? property->toText(*number) : "error";
+  }
+
+  std::string SystemId() {
+    if (!std::exchange(m_hasModule, true)) {
+      {
+        const Scope scope(*this, PAL, "NOndaroPAL::CCoreAuthImpl::CCoreAuthImpl");
+        Log(INFO, API, "CCoreAuthImpl", "EME instance = [0x] ,created. ");
+      }
+      const Scope scope(*this, API, "NOndaroAPI::CCoreAuth::CCoreAuth");
+    }
+    return "system-id";
   }
 
   bool Set(const std::string& key, const std::string& value) {
@@ -433,13 +321,9 @@ class Model {
     const Property* property = Find(key);
     if (key == "ONDARO_SET_PROCESS_GRP") {
       Log(INFO, API, "SetProcessGroup",
-          "pid of caller process : " + std::to_string(getpid()) + ", pid of appid (" + Cut(value) +
-              ") : " + std::to_string(m_platform.m_appPid) + "\n");
-      if (m_platform.m_setGroupResult != 0) {
-        Refuse("SetProcessGroup", "set process group fail\n");
-      }
-      m_isGroupSet = true;
-      return m_platform.m_setGroupResult == 0;
+          "pid of caller process : " + std::to_string(getpid()) + ", pid of appid (" + value +
+              ") : -1\n");
+      return true;
     }
     if (property == nullptr) {
       return Error("_SetProperty", "property[" + key + "] is undefined"), false;
@@ -448,13 +332,13 @@ class Model {
       return Write(property->key, value == "true" ? 1 : 0);
     }
     if (property->toText == nullptr) {
-      return Write(property->key, Cut(value));
+      return Write(property->key, value);
     }
     const auto word = USAGE.find(value);
     return Write(property->key, word != USAGE.end() ? word->second : 0);
   }
 
-  void Watch(const std::string& key, int handler) {
+  void Watch(const std::string& key, unsigned handler) {
     Error("RegisterEventHandler", "key : " + key);
     m_configHandlers[key] = handler;
     const Property* property = Find(key);
@@ -473,7 +357,7 @@ class Model {
   }
 
   void Unwatch(const std::string& key) {
-    m_configHandlers[key] = DOES_NOTHING;
+    m_configHandlers[key] = NO_SCRIPT;
     const Property* property = Find(key);
     if (property != nullptr && !property->callback.empty()) {
       const bool isDone =
@@ -491,8 +375,8 @@ class Model {
 
   bool StoreCall(const std::string& call) {
     Note("STORE", call);
-    RaiseIf(m_faults.store, "store");
-    return m_faults.store == Fault::NONE;
+    RaiseIf(m_fault);
+    return m_fault == Fault::NONE;
   }
 
   template <typename T>
@@ -521,18 +405,18 @@ class Model {
   }
 
   void Change(const Step& step) {
-    const Property* property = Find(KeyOf(step));
+    const Property* property = Find(KeyOf(step).property);
+    const Content content = ContentOf(step);
     if (property == nullptr) {
       return;
     }
     std::optional<Value> value;
-    if (!IsUnreadable(step) && !IsWithoutNode(step)) {
-      const int* number = NumberOf(step);
-      value = number != nullptr ? Value(*number) : Value(Cut(ValueOf(step.b)));
+    if (content == Content::NUMBER || content == Content::TEXT) {
+      value = content == Content::NUMBER ? Value(Pick(NUMBERS, step.b)) : Value(ValueOf(step));
       m_store[property->key] = *value;
     }
     const bool isSubscribed = m_subscribed.count(property->key) != 0;
-    if (isSubscribed && IsWithoutNode(step)) {
+    if (isSubscribed && content == Content::NO_NODE) {
       Error(property->callback + "ChangedCallback", "exception : PAL Exception: Nullptr: pKeyNode");
     } else if (isSubscribed) {
       Deliver(*property, value);
@@ -549,144 +433,31 @@ class Model {
       return Error(function, "exception : " + INVALID_CASE + reader);
     }
     const std::string text = isText ? std::get<0>(*value) : property.toText(std::get<int>(*value));
-    if (property.isFiltered && std::exchange(m_cache[property.key], text) == text) {
-      return;
+    if (!property.isFiltered || std::exchange(m_cache[property.key], text) != text) {
+      CallHandler(m_configHandlers, property.name, text, function);
     }
-    CallHandler(m_configHandlers, property.name, text, function);
-  }
-
-  // ---- Authentication ---------------------------------------------------------------------------
-
-  void OpenModule() {
-    ModuleCall("supported[com.widevine.alpha]");
-    if (m_platform.m_supportStatus != 11) {
-      Refuse("CCoreAuthImpl", "Key system[com.widevine.alpha] is not supported.");
-      return;
-    }
-    ModuleCall("create[com.widevine.alpha][0][1]");
-    if (m_platform.m_isCreateFailing) {
-      Refuse("CCoreAuthImpl", "EME instance create Fail!");
-      return;
-    }
-    m_hasInstance = true;
-    m_hasKeys = m_platform.m_hasKeyInterface;
-    Log(INFO, API, "CCoreAuthImpl", "EME instance = [0x] ,created. ");
-  }
-
-  bool ModuleCall(const std::string& call) {
-    Note("CDM", call);
-    RaiseIf(m_faults.module, "module");
-    return m_faults.module == Fault::NONE;
-  }
-
-  std::string Generate(const Step& step) {
-    const char* function = "_GenerateDeviceKeyAndCert";
-    if (!m_hasKeys) {
-      return Refuse(function, "pWVCDM is NULL");
-    }
-    if (!ModuleCall("generate[][]")) {
-      return Refuse(function, "GenerateDeviceKeyAndCert failed.");
-    }
-    if (m_platform.m_key.empty() || m_platform.m_cert.empty()) {
-      return Refuse(function, m_platform.m_key.empty() ? "return by [key.empty()]"
-                                                       : "return by [cert.empty()]");
-    }
-    m_records[step.a % RECORDS] = m_platform.m_key;
-    m_records[(step.a + 1) % RECORDS] = m_platform.m_cert;
-    return "true";
-  }
-
-  std::string Sign(const Step& step) {
-    if (IsKeyBroken(step) || IsHashBroken(step)) {
-      throw Raised{Raised::STANDARD, NULL_TEXT};
-    }
-    if (!m_hasKeys) {
-      return Refuse("_SignHash", "pWVCDM is NULL");
-    }
-    if (!ModuleCall("sign[" + ValueOf(step.a) + "][" + ValueOf(step.b) + "][]")) {
-      return Refuse("_SignHash", "ondaroSign failed.");
-    }
-    if (m_platform.m_sign.empty()) {
-      return Refuse("_SignHash", "sign is empty");
-    }
-    m_records[step.c % RECORDS] = m_platform.m_sign;
-    return "true";
-  }
-
-  std::string Destroy(const Step& step) { return m_records[step.a % RECORDS].reset(), ""; }
-
-  std::string SystemId() {
-    Construct(AUTH);
-    if (!m_hasInstance) {
-      return Refuse("GetSystemID", "cdm_ is NULL"), "error";
-    }
-    if (!ModuleCall("query[getSystemId][ ][]")) {
-      return Refuse("GetSystemID", "getSystemId failed."), "error";
-    }
-    return m_platform.m_systemId;
   }
 
   // ---- Messaging --------------------------------------------------------------------------------
 
-  static void RequireSendable(const std::string& name, const std::string& data) {
-    for (const auto& [what, text] : {std::pair("appEvt", name), std::pair("data", data)}) {
-      if (PeerText(text) != text) {
-        throw Raised{Raised::STANDARD, INVALID_CASE + what + " is not valid UTF-8"};
-      }
-    }
-  }
-
-  void ServerSend(const std::string& name, const std::string& data) {
-    if (!m_ownsName) {
-      throw Raised{Raised::STANDARD, INVALID_CASE + "m_pDbusConnection is NULL"};
-    }
-    RequireSendable(name, data);
-    Log(DEBUG, PAL, "SendDataToClient", "DBUS success emit signal");
-    SendSignal({"own", name, data});
-  }
-
-  void ClientSend(const std::string& name, const std::string& data) {
-    RequireSendable(name, data);
-    Log(INFO, PAL, "SendDataToServer",
-        "Values are being sent. appEvt : " + name + ", surfaceId : " + data);
-    m_onTheWay.emplace_back([=, isHeard = m_hasObject] {
-      isHeard ? ArriveCall({"own", name, data})
-              : Error(COMPLETION, "g_dbus_proxy_call_finish error : ");
-    });
-  }
-
-  void PeerSend(const Step& step) {
-    Settle();
-    const Message message = {"peer", PeerText(EventNameOf(step)), PeerText(ValueOf(step.b)),
-                             TypeOf(step)};
-    if (step.op == Op::PEER_SIGNAL) {
-      SendSignal(message);
-      return Settle();
-    }
-    const bool isCarried = m_hasObject && message.type == "(ss)";
-    if (isCarried) {
-      ArriveCall(message);
-    }
-    Settle();
-    Note("RESULT", isCarried ? "(0,)" : "error");
-  }
-
   /// One that was subscribed again after the signal arrived does not get it.
-  void SendSignal(const Message& message) {
-    m_onTheWay.emplace_back([this, message, subscription = m_subscription] {
-      if (subscription != 0 && subscription == m_subscription) {
-        ArriveSignal(message);
+  void Send(const std::string& function, const std::string& name, const std::string& data) {
+    for (const auto& [what, text] : {std::pair("appEvt", name), std::pair("data", data)}) {
+      if (g_utf8_validate(text.c_str(), -1, nullptr) == FALSE) {
+        throw Raised{Fault::STANDARD, INVALID_CASE + what + " is not valid UTF-8"};
       }
-    });
-  }
-
-  void GiveOrTakeName() {
-    Settle();
-    if (m_isCreated[SERVER]) {
-      m_hasObject = false;  // once lost, it is gone for good
-      m_ownsName = !m_ownsName;
-      Log(INFO, PAL, m_ownsName ? "BusNameAcquiredCallback" : "BusNameLostCallback",
-          "pDbusConnection:0x,  name:" + BUS_NAME);
+    }
+    const Message message = {name, data};
+    if (function == "SendDataToServer") {
+      Log(INFO, PAL, function, "Values are being sent. appEvt : " + name + ", surfaceId : " + data);
+      m_onTheWay.emplace_back([=] { ArriveCall(message); });
+    } else {
+      Log(DEBUG, PAL, function, "DBUS success emit signal");
+      m_onTheWay.emplace_back([=, subscription = m_subscription] {
+        if (subscription != 0 && subscription == m_subscription) {
+          ArriveSignal(message);
+        }
+      });
     }
   }
 
@@ -708,7 +479,7 @@ class Model {
   }
 
   void ArriveCall(const Message& message) {
-    const std::string where = " sender:" + message.sender + "  object_path:" + BUS_PATH +
+    const std::string where = " sender:own  object_path:" + BUS_PATH +
                               "  interface_name:" + BUS_NAME + "  method_name:sendDataToServer";
     Log(INFO, PAL, "BusInterfaceMethodCallback", "Start" + where);
     {
@@ -721,66 +492,47 @@ class Model {
           Error(function, "registered appEvt : " + entry.first);
         }
       }
-      if (message.sender == "own") {
-        m_onTheWay.emplace_back(
-            [=] { Log(INFO, PAL, COMPLETION, "g_dbus_proxy_call result : 0"); });
-      }
+      m_onTheWay.emplace_back([=] { Log(INFO, PAL, COMPLETION, "g_dbus_proxy_call result : 0"); });
     }
     Log(INFO, PAL, "BusInterfaceMethodCallback", "Finish" + where);
   }
 
   void ArriveSignal(const Message& message) {
     const char* function = "_DbusSignalCallback";
-    const std::string where = " sender_name:" + message.sender + ", object_path:" + BUS_PATH +
+    const std::string where = " sender_name:own, object_path:" + BUS_PATH +
                               ",  interface_name:" + BUS_NAME + ",  signal_name:sendDataToClient";
     const Scope scope(*this, PAL, "NOndaroPAL::CIpcClientImpl::_DbusSignalCallback");
     Error(function, "Start" + where);
-    if (message.type != "(ss)") {
-      Error(function, "unexpected arguments " + message.type);
-    } else {
-      CallClient(message);
+    try {
+      const Scope dispatch(*this, PAL, "NOndaroPAL::CIpcClientImpl::_CallDbusClientCallback");
+      const auto handler = m_clientHandlers.find(message.name);
+      RunHandler(handler != m_clientHandlers.end() ? handler->second : NO_SCRIPT, message.data);
+    } catch (const Raised& raised) {
+      Error(function, "exception : " + raised.text);
     }
     Error(function, "Finish" + where);
   }
 
-  void CallClient(const Message& message) {
-    std::optional<Scope> dispatch;
-    dispatch.emplace(*this, PAL, "NOndaroPAL::CIpcClientImpl::_CallDbusClientCallback");
-    try {
-      const auto handler = m_clientHandlers.find(message.name);
-      RunHandler(handler != m_clientHandlers.end() ? handler->second : DOES_NOTHING, message.data);
-    } catch (const Raised& raised) {
-      dispatch.reset();
-      Error("_DbusSignalCallback", "exception : " + raised.text);
-    }
-  }
-
-  const Faults& m_faults;
-  const FakePlatform& m_platform = FakePlatform::Get();
   Lines m_lines;
   int m_nScriptsLeft = 0;
-  std::array<bool, 4> m_isCreated = {}, m_hasHandle = {};
-  std::map<std::string, int> m_configHandlers, m_serverHandlers, m_clientHandlers;
+  Fault m_fault = Fault::NONE;
+  Handlers m_configHandlers, m_serverHandlers, m_clientHandlers;
 
   std::map<std::string, Value> m_store;
   std::set<std::string> m_subscribed;
   std::vector<std::string> m_written;  // keys whose subscribers are still to be told
   std::map<std::string, std::string> m_cache;
-  bool m_isGroupSet = false;
+  bool m_hasModule = false;
 
-  bool m_hasInstance = false, m_hasKeys = false;
-  std::array<std::optional<std::string>, RECORDS> m_records;
-
-  bool m_ownsName = false, m_hasObject = false;
   int m_subscription = 0, m_nSubscriptions = 0;
   std::deque<std::function<void()>> m_onTheWay;
 };
 
 }  // namespace
 
-Performer MakeModel(const Faults& faults) {
-  const auto model = std::make_shared<Model>(faults);
-  return [model](const Step& step) { return model->Perform(step); };
+Performer MakeModel() {
+  const auto model = std::make_shared<Model>();
+  return [model](const Step* step) { return model->Perform(step); };
 }
 
 }  // namespace ondaro::model

@@ -1,9 +1,9 @@
-#include "bus/PlainPeer.h"
+#include "support/PlainPeer.h"
 
 #include <cstdlib>
 #include <stdexcept>
 
-#include "bus/WaitUntil.h"
+#include "support/WaitUntil.h"
 
 namespace ondaro::test {
 
@@ -41,8 +41,10 @@ PlainPeer::~PlainPeer() {
 }
 
 bool PlainPeer::Own() {
-  constexpr guint DO_NOT_QUEUE = 4;
-  return CallBus("RequestName", g_variant_new("(su)", BUS_NAME, DO_NOT_QUEUE)) == "(uint32 1,)";
+  constexpr guint ALLOW_REPLACEMENT = 1, REPLACE_EXISTING = 2, DO_NOT_QUEUE = 4;
+  return CallBus("RequestName", g_variant_new("(su)", BUS_NAME,
+                                              ALLOW_REPLACEMENT | REPLACE_EXISTING |
+                                                  DO_NOT_QUEUE)) == "(uint32 1,)";
 }
 
 void PlainPeer::Release() { CallBus("ReleaseName", g_variant_new("(s)", BUS_NAME)); }
@@ -52,9 +54,9 @@ std::string PlainPeer::Owner() {
   return reply.substr(0, 2) == "('" ? reply.substr(2, reply.size() - 5) : std::string();
 }
 
-void PlainPeer::Listen() {
+void PlainPeer::Listen(const char* interface) {
   g_dbus_connection_signal_subscribe(
-      m_connection, nullptr, INTERFACE, SIGNAL, OBJECT_PATH, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+      m_connection, nullptr, interface, SIGNAL, OBJECT_PATH, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
       [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* body,
          gpointer events) {
         const gchar* name = nullptr;
@@ -66,9 +68,9 @@ void PlainPeer::Listen() {
   SyncWithBus(m_connection);
 }
 
-void PlainPeer::Emit(GVariant* body, const char* member, const char* interface) {
-  g_dbus_connection_emit_signal(m_connection, nullptr, OBJECT_PATH, interface, member, body,
-                                nullptr);
+void PlainPeer::Emit(GVariant* body, const char* member, const char* interface,
+                     const char* destination, const char* path) {
+  g_dbus_connection_emit_signal(m_connection, destination, path, interface, member, body, nullptr);
   SyncWithBus(m_connection);
 }
 

@@ -1,12 +1,18 @@
-#include "AllocationCount.h"
+#include "Allocations.h"
 
 #include <cstdlib>
 #include <new>
 
-std::atomic<int> g_allocations{0};
+#include "support/FakePlatform.h"
 
 void* operator new(std::size_t size) {
-  ++g_allocations;
+  if (!FakePlatform::IsEntered()) {
+    const int number = ++Allocations::count;
+    if (number == Allocations::failing ||
+        (Allocations::areLaterFailing && number > Allocations::failing)) {
+      throw std::bad_alloc();
+    }
+  }
   if (void* memory = std::malloc(size)) {
     return memory;
   }

@@ -1,5 +1,5 @@
-#ifndef ONDARO_TESTS_LIBRARY_FAKEPLATFORM_H
-#define ONDARO_TESTS_LIBRARY_FAKEPLATFORM_H
+#ifndef ONDARO_TESTS_SUPPORT_FAKEPLATFORM_H
+#define ONDARO_TESTS_SUPPORT_FAKEPLATFORM_H
 
 #include <atomic>
 #include <functional>
@@ -43,54 +43,56 @@ struct platform_settings_node {
 /// What a read of an integer that fails leaves behind.
 constexpr int GARBAGE_OF_FAILED_READ = 77;
 
-/// The set beneath the library under test: the test executable defines the seam's functions, so
-/// the shipped library calls these. Everything is scripted and recorded here.
-class FakePlatform {
- public:
-  static FakePlatform& Get();
+struct SSubscription {
+  platform_settings_changed_cb callback;
+  void* userData;
+};
 
-  // Log
-  std::vector<SLogEntry> TakeLog();
-  std::vector<std::string> TakeLogTexts();
-  std::atomic<bool> m_isLogDiscarded{false};
-  std::atomic<int> m_nLogCalls{0};
+/// What the set does, and what was asked of it.
+struct SPlatform {
   bool m_isLogEchoed = false;  // to standard error, for exits
-  void Record(SLogEntry entry);
 
-  // Settings store
   std::map<std::string, SettingsValue> m_values;
   std::vector<std::string> m_storeCalls;
   std::function<void()> m_onStoreCall;  // may throw
   bool m_areStoreCallsFailing = false;
-  struct SSubscription {
-    platform_settings_changed_cb callback;
-    void* userData;
-  };
   std::map<std::string, SSubscription> m_subscriptions;
 
-  /// Writes the value and calls the subscriber, as the set's store does.
-  void Change(const std::string& key, const SettingsValue& value);
-  void Notify(const std::string& key, platform_settings_node* node);
-
-  // System information, power, applications
   std::optional<int> m_productYear;
   int m_powerState = 0;
   int m_appPid = -1;
   int m_setGroupResult = 0;
   std::vector<std::pair<int, int>> m_groupRequests;
 
-  // Content decryption module
   int m_supportStatus = 11;
   bool m_isCreateFailing = false;
   bool m_hasKeyInterface = true;
   int m_operationStatus = 0;
   int m_destroyStatus = 0;
-  std::string m_key = "key";
-  std::string m_cert = "cert";
-  std::string m_sign = "sign";
-  std::string m_systemId = "system-id";
+  std::string m_key = "key", m_cert = "cert", m_sign = "sign", m_systemId = "system-id";
   std::vector<std::string> m_cdmCalls;
   std::function<void()> m_onCdmCall;  // may throw
+};
+
+/// The set beneath the library under test: the test executable defines the seam's functions, so
+/// the shipped library calls these. Everything is scripted and recorded here.
+class FakePlatform : public SPlatform {
+ public:
+  static FakePlatform& Get();
+  /// As it was in the beginning.
+  void Reset();
+  /// Whether this thread is in one of the set's own functions.
+  static bool IsEntered();
+
+  std::vector<SLogEntry> TakeLog();
+  std::vector<std::string> TakeLogTexts();
+  void Record(SLogEntry entry);
+  std::atomic<bool> m_isLogDiscarded{false};
+  std::atomic<int> m_nLogCalls{0};
+
+  /// Writes the value and calls the subscriber, as the set's store does.
+  void Change(const std::string& key, const SettingsValue& value);
+  void Notify(const std::string& key, platform_settings_node* node);
 
  private:
   std::mutex m_mutex;

@@ -1,4 +1,4 @@
-#include "FakePlatform.h"
+#include "support/FakePlatform.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -9,6 +9,27 @@
 #include "platform/DevicePower.h"
 #include "platform/Log.h"
 #include "platform/SystemInfo.h"
+
+namespace {
+
+thread_local int g_entered = 0;
+
+/// Stands in the functions of the set that allocate.
+struct SEntered {
+  SEntered() { ++g_entered; }
+  ~SEntered() { --g_entered; }
+};
+
+}  // namespace
+
+bool FakePlatform::IsEntered() { return g_entered > 0; }
+
+void FakePlatform::Reset() {
+  static_cast<SPlatform&>(*this) = {};
+  m_isLogDiscarded = false;
+  m_nLogCalls = 0;
+  TakeLog();
+}
 
 FakePlatform& FakePlatform::Get() {
   // Never destroyed: the library still logs while the process exits.
@@ -56,6 +77,7 @@ void FakePlatform::Notify(const std::string& key, platform_settings_node* node) 
 int platform_log_print(int buffer, int priority, const char* tag, const char* format, ...) {
   FakePlatform& fake = FakePlatform::Get();
   ++fake.m_nLogCalls;
+  const SEntered entered;
   if (fake.m_isLogDiscarded) {
     return 0;
   }
@@ -68,9 +90,12 @@ int platform_log_print(int buffer, int priority, const char* tag, const char* fo
   entry.function = va_arg(prefix, const char*);
   entry.line = va_arg(prefix, int);
   va_end(prefix);
-  std::string text(1U << 16U, '\0');
-  text.resize(
-      static_cast<std::size_t>(std::vsnprintf(text.data(), text.size(), format, arguments)));
+  std::va_list measured;
+  va_copy(measured, arguments);
+  const auto size = static_cast<std::size_t>(std::vsnprintf(nullptr, 0, format, measured));
+  va_end(measured);
+  std::string text(size, '\0');
+  std::vsnprintf(text.data(), size + 1, format, arguments);
   va_end(arguments);
   entry.body = text.substr(text.find(" > ") + std::strlen(" > "));
   fake.Record(std::move(entry));
@@ -80,6 +105,7 @@ int platform_log_print(int buffer, int priority, const char* tag, const char* fo
 namespace {
 
 bool EnterStore(const std::string& call) {
+  const SEntered entered;
   FakePlatform& fake = FakePlatform::Get();
   fake.m_storeCalls.push_back(call);
   if (fake.m_onStoreCall) {
@@ -89,6 +115,7 @@ bool EnterStore(const std::string& call) {
 }
 
 int ReadInt(const char* call, const char* key, int* value) {
+  const SEntered entered;
   FakePlatform& fake = FakePlatform::Get();
   const bool isWorking = EnterStore(std::string(call) + " " + key);
   const auto entry = fake.m_values.find(key);
@@ -100,17 +127,20 @@ int ReadInt(const char* call, const char* key, int* value) {
   return 0;
 }
 
-int Write(const std::string& call, const char* key, SettingsValue value) {
-  if (!EnterStore(call + " " + key)) {
+int Write(const char* call, const char* key, const std::variant<const char*, int>& value) {
+  const SEntered entered;
+  if (!EnterStore(std::string(call) + " " + key)) {
     return -5;
   }
-  FakePlatform::Get().m_values[key] = std::move(value);
+  const auto store = [key](const auto& written) { FakePlatform::Get().m_values[key] = written; };
+  std::visit(store, value);
   return 0;
 }
 
 }  // namespace
 
 char* platform_settings_get_string(const char* key) {
+  const SEntered entered;
   FakePlatform& fake = FakePlatform::Get();
   if (!EnterStore(std::string("get_string ") + key)) {
     return nullptr;
@@ -123,7 +153,7 @@ char* platform_settings_get_string(const char* key) {
 }
 
 int platform_settings_set_string(const char* key, const char* value) {
-  return Write("set_string", key, std::string(value));
+  return Write("set_string", key, value);
 }
 
 int platform_settings_get_int(const char* key, int* value) {
@@ -158,6 +188,7 @@ int platform_settings_node_int(platform_settings_node* node) {
 
 int platform_settings_subscribe(const char* key, platform_settings_changed_cb callback,
                                 void* user_data) {
+  const SEntered entered;
   if (!EnterStore(std::string("subscribe ") + key)) {
     return 1;
   }
@@ -166,6 +197,7 @@ int platform_settings_subscribe(const char* key, platform_settings_changed_cb ca
 }
 
 int platform_settings_unsubscribe(const char* key, platform_settings_changed_cb callback) {
+  const SEntered entered;
   if (!EnterStore(std::string("unsubscribe ") + key)) {
     return 1;
   }
@@ -203,6 +235,7 @@ int platform_app_set_process_group(int app_pid, int caller_pid) {
 namespace {
 
 int EnterCdm(const std::string& call) {
+  const SEntered entered;
   FakePlatform& fake = FakePlatform::Get();
   fake.m_cdmCalls.push_back(call);
   if (fake.m_onCdmCall) {
@@ -215,6 +248,7 @@ class PlainModule : public eme::IEME {
  public:
   int getStringProperty(const std::string& query, const std::string& parameter, std::string& result,
                         const std::string& option) override {
+    const SEntered entered;
     result = FakePlatform::Get().m_systemId;
     return EnterCdm("query[" + query + "][" + parameter + "][" + option + "]");
   }
@@ -223,12 +257,14 @@ class PlainModule : public eme::IEME {
 class KeyModule : public PlainModule, public IWVCDM {
  public:
   int generateDeviceKeyAndCert(std::string& key, std::string& cert) override {
+    const SEntered entered;
     const int status = EnterCdm("generate[" + key + "][" + cert + "]");
     key = FakePlatform::Get().m_key;
     cert = FakePlatform::Get().m_cert;
     return status;
   }
   int ondaroSign(const std::string& key, const std::string& hash, std::string& sign) override {
+    const SEntered entered;
     const int status = EnterCdm("sign[" + key + "][" + hash + "][" + sign + "]");
     sign = FakePlatform::Get().m_sign;
     return status;
@@ -242,12 +278,14 @@ namespace eme {
 void IEventListener::onHostNetwork(const std::string&) {}
 
 int IEME::isKeySystemSupported(const std::string& keySystem) {
+  const SEntered entered;
   EnterCdm("supported[" + keySystem + "]");
   return FakePlatform::Get().m_supportStatus;
 }
 
 IEME* IEME::create(IEventListener* listener, const std::string& keySystem, bool secure,
                    CDM_MODEL model) {
+  const SEntered entered;
   EnterCdm("create[" + keySystem + "][" + std::to_string(secure) + "][" + std::to_string(model) +
            "]");
   if (listener == nullptr || FakePlatform::Get().m_isCreateFailing) {

@@ -1,4 +1,4 @@
-#include "bus/ChildProcess.h"
+#include "support/ChildProcess.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -1,4 +1,4 @@
-#include "bus/PrivateBus.h"
+#include "support/PrivateBus.h"
 
 #include <signal.h>
 

@@ -1,5 +1,5 @@
-#ifndef ONDARO_TESTS_TIER_H
-#define ONDARO_TESTS_TIER_H
+#ifndef ONDARO_TESTS_SUPPORT_TIER_H
+#define ONDARO_TESTS_SUPPORT_TIER_H
 
 #include <cstdlib>
 #include <string>

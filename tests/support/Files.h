@@ -1,5 +1,5 @@
-#ifndef ONDARO_TESTS_FILES_H
-#define ONDARO_TESTS_FILES_H
+#ifndef ONDARO_TESTS_SUPPORT_FILES_H
+#define ONDARO_TESTS_SUPPORT_FILES_H
 
 #include <unistd.h>
 

@@ -1,11 +1,11 @@
-#ifndef ONDARO_TESTS_BUS_WAITUNTIL_H
-#define ONDARO_TESTS_BUS_WAITUNTIL_H
+#ifndef ONDARO_TESTS_SUPPORT_WAITUNTIL_H
+#define ONDARO_TESTS_SUPPORT_WAITUNTIL_H
 
 #include <glib.h>
 
 #include <chrono>
 
-#include "bus/ChildProcess.h"
+#include "support/ChildProcess.h"
 
 namespace ondaro::test {
 

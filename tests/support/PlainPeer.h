@@ -1,5 +1,5 @@
-#ifndef ONDARO_TESTS_BUS_PLAINPEER_H
-#define ONDARO_TESTS_BUS_PLAINPEER_H
+#ifndef ONDARO_TESTS_SUPPORT_PLAINPEER_H
+#define ONDARO_TESTS_SUPPORT_PLAINPEER_H
 
 #include <gio/gio.h>
 
@@ -36,18 +36,21 @@ class PlainPeer {
   GDBusConnection* Connection() const { return m_connection; }
   std::string UniqueName() const { return g_dbus_connection_get_unique_name(m_connection); }
 
-  /// Asks for the well-known name without queueing; true when it is owned now.
+  /// Asks for the well-known name, would take it from its owner and let another take it, and does
+  /// not queue; true when it is owned now.
   bool Own();
   void Release();
   /// Who owns the well-known name; empty when nobody does.
   std::string Owner();
 
   /// Records the events that anyone sends, from now on.
-  void Listen();
+  void Listen(const char* interface = INTERFACE);
   const std::vector<Event>& Heard() const { return m_heard; }
 
-  /// Broadcasts a signal from the daemon's path and returns when the bus has it.
-  void Emit(GVariant* body, const char* member = SIGNAL, const char* interface = INTERFACE);
+  /// Sends a signal, as a rule from the daemon's path, to all or to one connection, and returns
+  /// when the bus has it.
+  void Emit(GVariant* body, const char* member = SIGNAL, const char* interface = INTERFACE,
+            const char* destination = nullptr, const char* path = OBJECT_PATH);
   void EmitEvent(const std::string& name, const std::string& data);
 
   /// Calls the daemon while iterating the main context: the reply, or "error: " and the message.

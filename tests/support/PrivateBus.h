@@ -1,11 +1,11 @@
-#ifndef ONDARO_TESTS_BUS_PRIVATEBUS_H
-#define ONDARO_TESTS_BUS_PRIVATEBUS_H
+#ifndef ONDARO_TESTS_SUPPORT_PRIVATEBUS_H
+#define ONDARO_TESTS_SUPPORT_PRIVATEBUS_H
 
 #include <memory>
 #include <string>
 
-#include "Files.h"
-#include "bus/ChildProcess.h"
+#include "support/ChildProcess.h"
+#include "support/Files.h"
 
 namespace ondaro::test {
 
