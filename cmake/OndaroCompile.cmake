@@ -15,6 +15,17 @@ set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/lib")
 # path at all. Either way no path of the build gets into a binary.
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 
+# The oldest GLib that a set may have: what is newer does not compile.
+add_compile_definitions(GLIB_VERSION_MIN_REQUIRED=GLIB_VERSION_2_56
+                        GLIB_VERSION_MAX_ALLOWED=GLIB_VERSION_2_56)
+
+# Where a word has 32 bits: lengths of files, inode numbers and times have 64 all the same. GCC's notes
+# about the calls of its version 6 are of no use.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+  add_compile_options(-Wno-psabi)
+endif()
+
 add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   add_compile_options(-Wno-gnu-zero-variadic-macro-arguments)

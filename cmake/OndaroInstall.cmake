@@ -1,8 +1,9 @@
-# What `cmake --install` puts where, in four components:
-#   runtime  library, backend, interface description, bus policy
+# What `cmake --install` puts where, in these components:
+#   runtime  library, backend, interface description, bus policy, its users and their directory
 #   dev      headers, link names, pkg-config file, CMake package, example sources
 #   tools    ondaro-ctl with manual page and completion
 #   kit      ondaro-platform-check
+#   doc      the pages and the reference, when it is built
 # A relative CMAKE_INSTALL_BINDIR, ...LIBDIR and so on below the prefix keep the result relocatable.
 
 include(CMakePackageConfigHelpers)
@@ -30,13 +31,18 @@ install(FILES "${PROJECT_SOURCE_DIR}/data/com.halvex.tv.ondaro.interface.xml"
         DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT runtime)
 install(FILES "${PROJECT_SOURCE_DIR}/data/com.halvex.tv.ondaro.conf"
         DESTINATION "${CMAKE_INSTALL_DATADIR}/dbus-1/system.d" COMPONENT runtime)
+# The users that the policy names, and the state that they share.
+foreach(kind sysusers tmpfiles)
+  install(FILES "${PROJECT_SOURCE_DIR}/data/ondaro.${kind}" DESTINATION "lib/${kind}.d"
+          RENAME ondaro.conf COMPONENT runtime)
+endforeach()
 
 # Development.
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/ondaro"
                   "${PROJECT_SOURCE_DIR}/platform/include/platform"
         DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT dev FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/examples/"
-        DESTINATION "${ONDARO_EXAMPLES_DIR}" COMPONENT dev FILES_MATCHING PATTERN "*.c")
+        DESTINATION "${ONDARO_EXAMPLES_DIR}" COMPONENT dev FILES_MATCHING PATTERN "*.c" PATTERN "*.service")
 install(EXPORT OndaroPlatformTvTargets NAMESPACE OndaroPlatformTv::
         DESTINATION "${ONDARO_CMAKE_DIR}" COMPONENT dev)
 configure_package_config_file(
@@ -67,12 +73,12 @@ function(ondaro_install_program name component sources)
   set(sources "${PROJECT_SOURCE_DIR}/${sources}")
   set(manual "")
   if(EXISTS "${sources}/${name}.1.scd")
-    # Without the day of the build, which would be in every package.
-    set(manual "${PROJECT_BINARY_DIR}/${name}.1")
+    # Where man looks beside bin/; without the day of the build, which would be in every package.
+    set(manual "${PROJECT_BINARY_DIR}/share/man/man1/${name}.1")
     add_custom_command(
       OUTPUT "${manual}"
-      COMMAND sh -c [["$0" <"$1" >"$2.dated" && sed '/^\.TH/s/"[-0-9]*"$/""/' "$2.dated" >"$2"]]
-              "${SCDOC}" "${sources}/${name}.1.scd" "${manual}"
+      COMMAND sh -c [["$0" <"$1" >"$3" && sed '/^\.TH/s/"[-0-9]*"$/""/' "$3" >"$2"]]
+              "${SCDOC}" "${sources}/${name}.1.scd" "${manual}" "${PROJECT_BINARY_DIR}/${name}.dated"
       DEPENDS "${sources}/${name}.1.scd"
       VERBATIM)
     add_custom_target(${name}-manual ALL DEPENDS "${manual}")
@@ -98,4 +104,23 @@ if(TARGET ondaro-platform-check)
     install(FILES "${ONDARO_PLATFORM}/conformance.conf"
             DESTINATION "${CMAKE_INSTALL_DATADIR}/ondaro-platform-check" COMPONENT kit)
   endif()
+endif()
+
+# The pages, without links that lead out of their folder, since the sources are not there.
+if(TARGET reference)
+  add_dependencies(ondaro-shipped reference)
+  set(doc_dir "${CMAKE_INSTALL_DATADIR}/doc/lib-ondaro-platform-tv-doc")
+  file(GLOB pages CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/docs/*.md")
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${pages})
+  foreach(page ${pages})
+    file(READ "${page}" text)
+    string(REGEX REPLACE "\\[([^]]*)\\]\\(\\.\\./[^)]*\\)" "\\1" text "${text}")
+    get_filename_component(page "${page}" NAME)
+    file(WRITE "${PROJECT_BINARY_DIR}/pages/${page}" "${text}")
+    install(FILES "${PROJECT_BINARY_DIR}/pages/${page}" DESTINATION "${doc_dir}" COMPONENT doc)
+  endforeach()
+  install(FILES "${PROJECT_SOURCE_DIR}/docs/sequence.svg" DESTINATION "${doc_dir}" COMPONENT doc)
+  # Without the scripts that the generator adds: no page asks for them.
+  install(DIRECTORY "${PROJECT_BINARY_DIR}/reference/html" DESTINATION "${doc_dir}" COMPONENT doc
+          OPTIONAL PATTERN "*.js" EXCLUDE)
 endif()

@@ -27,23 +27,35 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${CMAKE_LIBRARY_OUTPUT_DIRECTORY}")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+if(CMAKE_CROSSCOMPILING)
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE "${ONDARO_DEBIAN_ARCHITECTURE}")
+  foreach(directory lib usr/lib)
+    list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
+         "${CMAKE_SYSROOT}/${directory}/${CMAKE_LIBRARY_ARCHITECTURE}")
+  endforeach()
+endif()
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME lib-ondaro-platform-tv1)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-# The linker's cache is renewed by a trigger; postinst and postrm are named, but do not exist, to
-# keep cpack from making its own, which would call ldconfig as well.
+# The linker's cache is renewed by a trigger; postrm is named, but does not exist, to keep cpack from
+# making its own, which would call ldconfig as well.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
     "${PROJECT_SOURCE_DIR}/data/debian/triggers" "${PROJECT_SOURCE_DIR}/data/debian/postinst"
     "${PROJECT_SOURCE_DIR}/data/debian/postrm")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS
+    "systemd | systemd-standalone-sysusers, systemd | systemd-standalone-tmpfiles")
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME lib-ondaro-platform-tv-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ondaro-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_KIT_PACKAGE_NAME ondaro-platform-check)
 set(CPACK_DEBIAN_KIT_PACKAGE_SECTION devel)
+set(CPACK_DEBIAN_DOC_PACKAGE_NAME lib-ondaro-platform-tv-doc)
+set(CPACK_DEBIAN_DOC_PACKAGE_SECTION doc)
+set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
 
 set(CPACK_COMPONENTS_ALL runtime dev)
-set(component_programs tools=ondaro-ctl kit=ondaro-platform-check)
+set(component_programs tools=ondaro-ctl kit=ondaro-platform-check doc=reference)
 foreach(pair ${component_programs})
   string(REPLACE "=" ";" pair "${pair}")
   list(GET pair 0 component)
@@ -65,7 +77,8 @@ the D-Bus system bus, device authentication through the content decryption
 module, and a trace of every call in the platform log.
 .
 With the backend for an ordinary Linux machine, the interface description
-that the daemon registers, and the access policy for the system bus.")
+that the daemon registers, the access policy for the system bus, and the
+user and group ondaro that it names.")
 cpack_add_component(
   dev
   DEPENDS runtime
@@ -90,6 +103,12 @@ cpack_add_component(
   DESCRIPTION
     "check that a port of a receiver's platform layer conforms
 ondaro-platform-check runs against the platform layer of a set, clause by
-clause of its contract, and ends with a verdict, as text, JUnit and
-JSON. It works under settings keys of its own and restores what it changed,
-so it is safe on a live set.")
+clause of its contract, and ends with a verdict, as text and JSON. It works
+under settings keys of its own, so it is safe on a live set.")
+cpack_add_component(
+  doc
+  DESCRIPTION
+    "platform adaptation of a media-sharing receiver - documentation
+Pages on writing a daemon or an application, on the command-line tool, on
+bringing the library to another set and on shipping it, and the reference of
+all its headers.")
