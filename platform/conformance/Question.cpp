@@ -48,7 +48,7 @@ long long OpenDescriptors() {
 long long BytesInUse() {
 #if defined(__GLIBC__) && __GLIBC_PREREQ(2, 33)
   const auto memory = mallinfo2();
-  return static_cast<long long>(memory.uordblks + memory.hblkhd);
+  return static_cast<long long>(memory.uordblks) + static_cast<long long>(memory.hblkhd);
 #else
   return 0;
 #endif
@@ -183,6 +183,7 @@ void OnManyThreads(const std::function<void()>& call) {
   std::mutex mutex;
   std::optional<Answer> failed;
   std::vector<std::thread> threads;
+  threads.reserve(THREADS);
   for (int i = 0; i < THREADS; ++i) {
     threads.emplace_back([&] {
       try {
@@ -208,7 +209,7 @@ void LeavesNothing(const std::string& done, const std::function<void()>& once) {
   constexpr int WARM_UP = 50;
   constexpr int LEAST = 100;
   constexpr int MOST = 1'000'000;
-  constexpr long long SLACK = 16 * 1024;  // what may be made once and kept
+  constexpr long long SLACK = 16'384;  // what may be made once and kept
   for (int i = 0; i < WARM_UP; ++i) {
     once();
   }

@@ -34,7 +34,6 @@ struct Help {
 };
 
 // ---- The contract, taken from the headers and the guide when the kit is built (contract.sh)
-// -------
 
 struct Clause {
   std::string id;        // SET-07
@@ -52,7 +51,6 @@ struct Asked {
 std::vector<Asked> AskedOfSets(const std::string& kind);
 
 // ---- Ends of a question
-// ---------------------------------------------------------------------------
 
 [[noreturn]] void Fail(const std::string& done, const std::string& expected,
                        const std::string& came);
@@ -78,7 +76,6 @@ void SameList(const std::string& done, const std::vector<std::string>& expected,
               const std::vector<std::string>& came, std::string (*show)(const std::string&));
 
 // ---- The declaration
-// ------------------------------------------------------------------------------
 
 /// What the questions of one process work with.
 struct Context {
@@ -98,7 +95,6 @@ std::string Filled(const std::string& text, Placeholders others = {});
 void Apply(const char* key, const Placeholders& placeholders = {});
 
 // ---- Time, threads, processes
-// ---------------------------------------------------------------------
 
 /// Lets the port deliver, on whatever thread it does, until `done` or until patience ends.
 bool WaitFor(const std::function<bool()>& done);

@@ -65,7 +65,6 @@ Store& TheStore() {
 }
 
 // ---- Delivery
-// -------------------------------------------------------------------------------------
 
 struct Delivery {
   platform_settings_node node;
@@ -148,7 +147,6 @@ gboolean LookAgain(gpointer /*unused*/) {
 }
 
 // ---- Reads and writes
-// -----------------------------------------------------------------------------
 
 /// As a store might have it that means well.
 Value Spoilt(Value value) {

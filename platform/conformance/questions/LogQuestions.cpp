@@ -44,7 +44,6 @@ void ForEachFormat(const char* mark, Print print) {
 }
 
 // ---- What is logged, by processes of their own: many a port finds its sink once in a process
-// --------
 
 /// Priority, tag, text.
 const Help LOG_ONE("log-one", [](const Arguments& arguments) {
@@ -62,9 +61,11 @@ const Help LOG_FORMATS("log-formats", [](const Arguments& arguments) {
 
 /// A mark, and the number of threads.
 const Help LOG_MANY("log-many", [](const Arguments& arguments) {
+  const int count = std::stoi(arguments[1]);
   std::vector<std::thread> threads;
+  threads.reserve(static_cast<std::size_t>(count));
   std::atomic<bool> areAllThere{false};
-  for (int thread = 0; thread < std::stoi(arguments[1]); ++thread) {
+  for (int thread = 0; thread < count; ++thread) {
     threads.emplace_back([thread, &mark = arguments[0], &areAllThere] {
       while (!areAllThere) {
         std::this_thread::yield();
@@ -107,7 +108,6 @@ const Help LOG_ON("log-on", [](const Arguments& /*arguments*/) {
 });
 
 // ---- The sink, and what it then holds
-// -----------------------------------------------------------------
 
 /// Whether the port writes to standard error or to the file that the declaration names.
 Start LoggingTo(const std::string& sink) {
@@ -119,9 +119,9 @@ Start LoggingTo(const std::string& sink) {
   return start;
 }
 
-int CountOf(const std::string& part, const std::string& text) {
+int CountOf(const std::string& part, const std::string& whole) {
   int count = 0;
-  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+  for (std::size_t at = whole.find(part); at != std::string::npos; at = whole.find(part, at + 1)) {
     ++count;
   }
   return count;
@@ -149,7 +149,6 @@ void IsLogged(const std::string& text, const std::string& log, const std::string
 }
 
 // ---- Questions
-// ------------------------------------------------------------------------------------
 
 const Question LOG_01("LOG-01", [] {
   const std::string mark = NewMark();

@@ -70,12 +70,13 @@ std::string FreshName() {
 }
 
 std::string Key(const std::string& name) {
-  return TheContext().declaration.SettingsRoots().front() + "/" + name;
+  return TheContext().declaration.SettingsRoots().front() + '/' + name;
 }
 
 void ForEachRoot(const std::function<void(const std::string&)>& use, const std::string& name) {
   for (const std::string& root : TheContext().declaration.SettingsRoots()) {
-    use(root + "/" + name);
+    std::string key = root;
+    use(key.append("/").append(name));
   }
 }
 

@@ -28,7 +28,6 @@ Values Split(const std::string& reply) {
 }
 
 // ---- What other processes do
-// ------------------------------------------------------------------------
 
 /// A key, and values to write to it.
 const Help WRITE("write", [](const Arguments& arguments) {
@@ -73,7 +72,6 @@ const Help COLLECT("collect", [](const Arguments& arguments) {
 });
 
 // ---- Questions
-// ------------------------------------------------------------------------------------
 
 void WriteElsewhere(const std::string& key, Values values) {
   values.insert(values.begin(), key);
@@ -215,7 +213,6 @@ const Question SET_27("SET-27", [] {
 });
 
 // ---- A restart
-// ------------------------------------------------------------------------------------
 
 void AskAfterRestart(const std::string& lifetime, bool doesOutlast) {
   AskOfShared([&](const std::string& key) {

@@ -40,7 +40,6 @@ void ForEachValue(const char* set, const char* fixed, const std::vector<int>& va
 }
 
 // ---- System information
-// ---------------------------------------------------------------------------
 
 void AskForFeature(void (*how)(const std::function<void()>&)) {
   const std::string& key = Declared("feature.key");
@@ -75,7 +74,6 @@ const Question SYS_04("SYS-04", [] {
 });
 
 // ---- Power
-// ----------------------------------------------------------------------------------------
 
 void AskForPower(void (*how)(const std::function<void()>&)) {
   ForEachValue("power.set", "power.state", {0, 1, 2, 0, 2, 1}, [&](int state) {
@@ -96,7 +94,6 @@ const Question POW_02("POW-02", [] {
 });
 
 // ---- Applications
-// ---------------------------------------------------------------------------------
 
 const Help APPLICATION("application", [](const Arguments& /*arguments*/) -> std::string {
   Helper::SayReady();
@@ -202,7 +199,6 @@ const Question APP_05("APP-05", [] {
 });
 
 // ---- Before and after a run
-// -----------------------------------------------------------------------
 
 std::string FeatureNow() {
   return IsDeclared("feature.key") ? ReadFeature(Declared("feature.key")) : "fails";

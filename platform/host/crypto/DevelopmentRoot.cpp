@@ -92,6 +92,20 @@ class Lock {
   const Descriptor m_file;
 };
 
+/// The text of a key, wiped before its memory is given back.
+class SecretText {
+ public:
+  explicit SecretText(std::string text) : m_text(std::move(text)) {}
+  SecretText(const SecretText&) = delete;
+  SecretText& operator=(const SecretText&) = delete;
+  ~SecretText() { OPENSSL_cleanse(m_text.data(), m_text.size()); }
+
+  [[nodiscard]] const std::string& Text() const { return m_text; }
+
+ private:
+  std::string m_text;
+};
+
 /// Nothing when one of the files is missing.
 std::optional<Issuer> Load(const fs::path& keyFile, const fs::path& certificateFile) {
   // The certificate was stored last.
@@ -100,8 +114,8 @@ std::optional<Issuer> Load(const fs::path& keyFile, const fs::path& certificateF
   if (!certificate || !key) {
     return std::nullopt;
   }
-  Issuer root{KeyFromPem(*key), CertificateFromPem(*certificate)};
-  OPENSSL_cleanse(key->data(), key->size());
+  const SecretText keyText(std::move(*key));
+  Issuer root{KeyFromPem(keyText.Text()), CertificateFromPem(*certificate)};
   if (!BelongTogether(*root.key, *root.certificate)) {
     throw CertificateError("key and certificate do not belong together");
   }
@@ -115,9 +129,7 @@ Issuer Create(const fs::path& keyFile, const fs::path& certificateFile) {
   // A key without a certificate is from a process that ended in between; nothing was signed yet.
   Key key = MakeKey();
   Certificate certificate = MakeRoot(*key);
-  std::string keyText = ToPem(*key);
-  Store(keyFile, keyText);
-  OPENSSL_cleanse(keyText.data(), keyText.size());
+  Store(keyFile, SecretText(ToPem(*key)).Text());
   Store(certificateFile, ToPem(*certificate));
   return {std::move(key), std::move(certificate)};
 }

@@ -121,7 +121,7 @@ std::shared_ptr<SettingsSubscriptions::Subscription> SettingsSubscriptions::Find
     if (match == list.end()) {
       continue;
     }
-    const std::shared_ptr<Subscription> found = *match;
+    std::shared_ptr<Subscription> found = *match;
     if (isToBeRemoved) {
       list.erase(match);
       if (list.empty()) {
