@@ -3,6 +3,7 @@
 // has one store; each test has keys of its own.
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -255,6 +256,20 @@ TEST_P(Store, UnsubscribingInAnotherThreadWaitsForTheCallToEnd) {
   mayEnd = true;
   EXPECT_TRUE(unsubscribed.get());
   EXPECT_EQ(recorder.values, Values{"one"});
+}
+
+TEST_P(Store, UnsubscribingDoesNotWaitForACallThatEndedItsThread) {
+  Recorder recorder;
+  recorder.action = [] { pthread_exit(nullptr); };
+  std::thread([&] {
+    g_main_context_push_thread_default(g_main_context_new());
+    Subscribe(Key("key"), recorder);
+    Set(Key("key"), "end");
+    Settle();
+    ADD_FAILURE() << "goes on";
+  }).join();
+  EXPECT_EQ(recorder.values, Values{"end"});
+  EXPECT_TRUE(Unsubscribe(Key("key")));
 }
 
 TEST_P(Store, CallbacksOfTwoThreadsMayEndEachOther) {

@@ -253,10 +253,14 @@ void SettingsSubscriptions::Call(Subscription& subscription, const SettingsChang
   const platform_settings_changed_cb callback = subscription.callback;
   void* const userData = subscription.userData;
   lock.unlock();
+  // Also when the callback ends its thread.
+  const auto end = [&](const void*) {
+    lock.lock();
+    subscription.isRunning = false;
+    m_callEnded.notify_all();
+  };
+  const std::unique_ptr<const void, decltype(end)> running(&subscription, end);
   RunCallback(callback, userData, change);
-  lock.lock();
-  subscription.isRunning = false;
-  m_callEnded.notify_all();
 }
 
 void SettingsSubscriptions::AfterForkInChild() {
