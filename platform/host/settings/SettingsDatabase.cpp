@@ -1,6 +1,7 @@
 #include "SettingsDatabase.h"
 
 #include <endian.h>
+#include <fcntl.h>
 #include <glib.h>
 #include <sys/random.h>
 #include <sys/stat.h>
@@ -8,31 +9,37 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <limits>
+#include <new>
+#include <system_error>
 #include <thread>
+
+#include "StateDirectory.h"
 
 namespace ondaro::host {
 namespace {
 
 constexpr int LAYOUT = 2;
+constexpr char LOG_SUFFIX[] = "-wal";
 constexpr std::int64_t TRIM_BATCH = 256;  // the log is trimmed once in so many writes
 constexpr std::int64_t READ_BATCH = 128;  // changes looked at before a follower's loop goes round
 constexpr int LOG_LIMIT = 4 << 20;        // to which the engine's log is cut when it begins anew
-constexpr sqlite3_int64 APPLICATION_ID = 68;  // its place in the file's header
 
 // A value has no declared type, so that it keeps the one it is given. `item.seq` is the number of
 // the key's last write, `item.boot` the boot that a key of `memory/` lives in; a row of another
 // boot is not there. `item` has row numbers, since without them the engine reads the long values
 // that it passes on its way to a key. `change.start` counts the bytes of all values before this
-// one; one too long for the log is null. Its last row always stays, for the number, the bytes and
-// the session (see BeginSession()) of the next.
+// one; one too long for the log is null. Its last row always stays, for the number and the bytes of
+// the next.
 constexpr char TABLES[] = R"(
 CREATE TABLE IF NOT EXISTS item(key TEXT NOT NULL PRIMARY KEY, seq INTEGER NOT NULL, boot TEXT,
   value NOT NULL);
-CREATE TABLE change(seq INTEGER PRIMARY KEY, key TEXT NOT NULL, session INTEGER NOT NULL,
-  start INTEGER NOT NULL, size INTEGER NOT NULL, value);
-INSERT INTO change SELECT ifnull(max(seq),0),'',0,0,0,NULL FROM item;
+CREATE TABLE change(seq INTEGER PRIMARY KEY, key TEXT NOT NULL, start INTEGER NOT NULL,
+  size INTEGER NOT NULL, value);
+INSERT INTO change SELECT ifnull(max(seq),0),'',0,0,NULL FROM item;
 CREATE TABLE boot(id TEXT NOT NULL);
 INSERT INTO boot VALUES('');
 )";
@@ -60,10 +67,10 @@ constexpr std::array<const char*, END_OF_SQL> TEXTS = {
     "PRAGMA user_version",
     "SELECT id FROM boot",
     "SELECT value,seq FROM item WHERE key=?1 AND (boot IS NULL OR boot=?2)",
-    "SELECT seq,session,start+size FROM change ORDER BY seq DESC LIMIT 1",
+    "SELECT seq,start+size FROM change ORDER BY seq DESC LIMIT 1",
     "SELECT seq,key FROM change WHERE seq>?1 ORDER BY seq LIMIT ?2",
     "SELECT value FROM change WHERE seq=?1",
-    "INSERT INTO change(seq,key,session,start,size,value) VALUES(?1,?2,?3,?4,?5,?6)",
+    "INSERT INTO change(seq,key,start,size,value) VALUES(?1,?2,?3,?4,?5)",
     "INSERT INTO item(key,seq,boot,value) VALUES(?1,?2,?3,?4) ON CONFLICT(key)"
     " DO UPDATE SET seq=excluded.seq,value=excluded.value",
     "SELECT seq,start FROM change ORDER BY seq",
@@ -114,7 +121,11 @@ int OnBusy(void* /*unused*/, int /*count*/) noexcept {
 /// the deadline has passed.
 const char* Vfs() {
   static sqlite3_vfs vfs = [] {
-    sqlite3_vfs own = *sqlite3_vfs_find(nullptr);
+    const sqlite3_vfs* const engines = sqlite3_vfs_find(nullptr);
+    if (engines == nullptr) {
+      throw std::bad_alloc();
+    }
+    sqlite3_vfs own = *engines;
     own.zName = "ondaro-host";
     own.xSleep = [](sqlite3_vfs* /*self*/, int microseconds) {
       if (!SettingsDeadline::HasPassed()) {
@@ -133,7 +144,32 @@ bool MayWrite(const std::string& path) {
   return euidaccess(directory.c_str(), W_OK | X_OK) == 0 && euidaccess(path.c_str(), W_OK) == 0;
 }
 
+bool HasLog(const std::string& path) {
+  struct stat status {};
+  return stat((path + LOG_SUFFIX).c_str(), &status) == 0 && status.st_size > 0;
+}
+
+/// Of a number as the engine writes them.
+std::uint32_t NumberAt(const unsigned char* bytes) {
+  std::uint32_t number = 0;
+  std::memcpy(&number, bytes, sizeof number);
+  return be32toh(number);
+}
+
 }  // namespace
+
+/// What the file's header tells by itself, past all that the engine remembers or has in its log.
+struct SettingsDatabase::Header {
+  static constexpr int CHANGES_AT = 24;
+  static constexpr int SESSION_AT = 68;
+  static constexpr int SIZE = 72;
+
+  explicit Header(const unsigned char* bytes)
+      : changes(NumberAt(bytes + CHANGES_AT)), session(NumberAt(bytes + SESSION_AT)) {}
+
+  std::uint32_t changes;
+  std::uint32_t session;
+};
 
 /// One run of a prepared statement. What is bound must outlive it.
 class SettingsDatabase::Query {
@@ -196,10 +232,8 @@ class SettingsDatabase::Query {
   sqlite3_stmt* m_statement = nullptr;
 };
 
-SettingsDatabase::SettingsDatabase(const std::string& path, Access access)
-    : m_path(path),
-      m_isAlone(access == Access::ALONE || (!MayWrite(path) && !HasLog())),
-      m_statements(END_OF_SQL) {
+SettingsDatabase::SettingsDatabase(const std::string& path)
+    : m_path(path), m_isAlone(!MayWrite(path) && !HasLog(path)), m_statements(END_OF_SQL) {
   Connect();
   if (!m_isAlone) {
     MakeTables();
@@ -218,6 +252,7 @@ void SettingsDatabase::Fail(int code) const {
       break;
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
+    case SQLITE_CONSTRAINT:
     case SQLITE_ERROR:  // the statements are right, so the file or its tables are not
       kind = Kind::DAMAGED;
       break;
@@ -226,6 +261,10 @@ void SettingsDatabase::Fail(int code) const {
       kind = code == SQLITE_READONLY && MayWrite(m_path) ? Kind::DAMAGED : Kind::FAILED;
   }
   throw SettingsError(kind, m_path + ": " + text);
+}
+
+void SettingsDatabase::FailReplaced() const {
+  throw SettingsError(SettingsError::Kind::REPLACED, m_path + " is another file than before");
 }
 
 void SettingsDatabase::Connect() {
@@ -248,10 +287,16 @@ void SettingsDatabase::Connect() {
   // A connection is closed before each fork, too, which must stay cheap.
   sqlite3_db_config(connection, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
   sqlite3_file_control(connection, "main", SQLITE_FCNTL_FILE_POINTER, &m_file);
-  Execute("PRAGMA mmap_size=0; PRAGMA temp_store=MEMORY");
+  m_changes = ReadHeader().changes;
+  if (!m_isAlone && !IsCurrent()) {
+    FailReplaced();
+  }
+  // A page that is written before the commit would be the first in the log.
+  Execute("PRAGMA mmap_size=0; PRAGMA temp_store=MEMORY; PRAGMA cache_spill=OFF");
   if (sqlite3_db_readonly(connection, "main") == 0) {
     Execute("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA journal_size_limit=" +
             std::to_string(LOG_LIMIT));
+    m_changes = ReadHeader().changes;
   }
 }
 
@@ -269,35 +314,33 @@ void SettingsDatabase::MakeTables() {
     Execute(found == 1 ? FROM_LAYOUT_1 : "");
     Execute(TABLES);
     Execute("PRAGMA user_version=" + std::to_string(LAYOUT));
-    BeginSession();
   }
   write.Commit();
 }
 
-/// A session lasts from the first write after the engine's log was empty until a last connection is
-/// closed. Its number is in the header of the file itself and, with every write, in the engine's
-/// log: by that a log left by processes that were killed is known to belong to the file beside it,
-/// and a file put back in the place of another to have nothing to do with the log.
-void SettingsDatabase::BeginSession() {
-  std::int32_t session = 0;
-  if (getrandom(&session, sizeof session, 0) != sizeof session) {
-    throw SettingsError(SettingsError::Kind::FAILED, "no random number");
+/// Called at the beginning of every write. A session lasts from the first write after the engine's
+/// log was empty until the last connection is closed. Its number is in the header of the file
+/// itself and, since each write begins with the page that holds it, in the first frame of the log:
+/// by that a log is known to belong to the file beside it, also one left by processes that were
+/// killed.
+void SettingsDatabase::Sign() {
+  if (!m_hasLog) {
+    std::uint32_t session = 0;
+    if (getrandom(&session, sizeof session, 0) != sizeof session) {
+      throw SettingsError(SettingsError::Kind::FAILED, "no random number");
+    }
+    // Past the engine, which writes to the file only what its log has held. That is empty, and
+    // nobody else may write.
+    int code = m_file->pMethods->xWrite(m_file, &session, sizeof session, Header::SESSION_AT);
+    if (code == SQLITE_OK) {
+      code = m_file->pMethods->xSync(m_file, SQLITE_SYNC_NORMAL);
+    }
+    if (code != SQLITE_OK) {
+      Fail(code);
+    }
   }
-  const std::uint32_t bytes = htobe32(static_cast<std::uint32_t>(session));
-  // Past the engine, which writes to the file only what its log has held. That is empty, or has
-  // just been given this page, and nobody else may write.
-  int code = m_file->pMethods->xWrite(m_file, &bytes, sizeof bytes, APPLICATION_ID);
-  if (code == SQLITE_OK) {
-    code = m_file->pMethods->xSync(m_file, SQLITE_SYNC_NORMAL);
-  }
-  if (code != SQLITE_OK) {
-    Fail(code);
-  }
-  m_session = session;
-  const std::string number = std::to_string(session);
-  Execute("PRAGMA application_id=" + number + "; UPDATE change SET session=" + number +
-          " WHERE seq=(SELECT max(seq) FROM change)");
-  m_hasLog = true;
+  const auto session = static_cast<std::int32_t>(ReadHeader().session);
+  Execute("PRAGMA application_id=" + std::to_string(session));
 }
 
 /// The keys of other boots go.
@@ -313,46 +356,42 @@ void SettingsDatabase::BeginBoot() {
   }
 }
 
-std::int64_t SettingsDatabase::FileSession() const {
-  std::uint32_t bytes = 0;
-  const int code = m_file->pMethods->xRead(m_file, &bytes, sizeof bytes, APPLICATION_ID);
+SettingsDatabase::Header SettingsDatabase::ReadHeader() const {
+  unsigned char bytes[Header::SIZE] = {};
+  const int code = m_file->pMethods->xRead(m_file, bytes, sizeof bytes, 0);
   if (code != SQLITE_OK && code != SQLITE_IOERR_SHORT_READ) {
     Fail(code);
   }
-  return static_cast<std::int32_t>(be32toh(bytes));
+  return Header(bytes);
 }
 
-std::int64_t SettingsDatabase::LogSession() {
-  Query last(*this, LAST);
-  last.Step();
-  return last.Number(1);
-}
-
-bool SettingsDatabase::HasLog() {
-  struct stat status {};
-  m_hasLog = m_hasLog || (stat((m_path + "-wal").c_str(), &status) == 0 && status.st_size > 0);
-  return m_hasLog;
-}
-
-bool SettingsDatabase::IsPutBack() {
-  // A session that begins just now is found the second time.
-  for (int look = 0; look < 2; ++look) {
-    const std::int64_t inFile = FileSession();
-    const std::int64_t inLog = inFile != m_session ? LogSession() : 0;
-    // A session that was begun in vain is in the header only.
-    if (inFile == m_session || inFile == inLog ||
-        SettingsDatabase(m_path, Access::ALONE).LogSession() == inLog) {
-      m_session = inFile;
-      return false;
-    }
-  }
-  return true;
-}
-
-bool SettingsDatabase::IsAtPath() const noexcept {
+bool SettingsDatabase::IsCurrent() {
+  constexpr std::size_t FRAME_AT = 32;  // in the log: a page's number, and where the page begins
+  constexpr std::size_t PAGE_AT = FRAME_AT + 24;
   int hasMoved = 0;
   sqlite3_file_control(m_connection.get(), "main", SQLITE_FCNTL_HAS_MOVED, &hasMoved);
-  return hasMoved == 0;
+  // A session that begins just now is found the second time.
+  for (int look = 0; look < 2 && hasMoved == 0; ++look) {
+    unsigned char bytes[PAGE_AT + Header::SIZE] = {};
+    const Descriptor log(OpenStateFile(m_path + LOG_SUFFIX, O_RDONLY, IfMissing::FAIL));
+    const bool isMissing = log.Number() < 0 && errno == ENOENT;
+    const ssize_t size = isMissing          ? 0
+                         : log.Number() < 0 ? -1
+                                            : pread(log.Number(), bytes, sizeof bytes, 0);
+    if (size < 0) {
+      throw std::system_error(errno, std::generic_category(), m_path + LOG_SUFFIX);
+    }
+    const bool hasFrame = size == sizeof bytes;
+    const Header header = ReadHeader();
+    // What another program wrote begins with another page, and is none of this one's business.
+    if (hasFrame
+            ? NumberAt(bytes + FRAME_AT) != 1 || Header(bytes + PAGE_AT).session == header.session
+            : !m_hasLog && header.changes == m_changes) {
+      m_hasLog = hasFrame;
+      return true;
+    }
+  }
+  return false;
 }
 
 void SettingsDatabase::FoldWhenClosed() noexcept {
@@ -446,16 +485,13 @@ bool SettingsDatabase::Revoke() noexcept {
   if (!m_hasFailedCommit) {
     return true;
   }
-  // Pages that changed to and fro are written all the same, over what was left.
-  const int code = sqlite3_exec(
-      m_connection.get(),
-      "BEGIN IMMEDIATE; UPDATE boot SET id=id||'-'; UPDATE boot SET id=rtrim(id,'-'); COMMIT",
-      nullptr, nullptr, nullptr);
-  if (sqlite3_get_autocommit(m_connection.get()) == 0) {
-    sqlite3_exec(m_connection.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+  try {
+    Write write(*this);  // its one page goes over what was left
+    write.Commit();
+  } catch (const std::exception&) {
+    return false;
   }
-  m_hasFailedCommit = code != SQLITE_OK;
-  return !m_hasFailedCommit;
+  return true;
 }
 
 SettingsDatabase& SettingsDatabase::SetDurable(bool isDurable) {
@@ -469,6 +505,15 @@ SettingsDatabase& SettingsDatabase::SetDurable(bool isDurable) {
 
 SettingsDatabase::Write::Write(SettingsDatabase& database) : m_database(database) {
   Query(m_database, BEGIN).Step();
+  try {
+    if (!database.IsCurrent()) {
+      database.FailReplaced();
+    }
+    database.Sign();
+  } catch (...) {
+    RollBack();
+    throw;
+  }
 }
 
 SettingsDatabase::Write::Write(SettingsDatabase& database, std::string_view key,
@@ -479,20 +524,18 @@ SettingsDatabase::Write::Write(SettingsDatabase& database, std::string_view key,
 
 SettingsDatabase::Write::~Write() {
   if (m_isOpen) {
-    // Fails when the engine has rolled back by itself, which is as good.
-    sqlite3_exec(m_database.m_connection.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+    RollBack();
   }
+}
+
+void SettingsDatabase::Write::RollBack() noexcept {
+  // Fails when the engine has rolled back by itself, which is as good.
+  sqlite3_exec(m_database.m_connection.get(), "ROLLBACK", nullptr, nullptr, nullptr);
 }
 
 void SettingsDatabase::Write::Append(std::string_view key, const SettingsValue& value) {
   constexpr int BLOCK_BITS = 20;  // the log is trimmed once in so many bytes, too
   SettingsDatabase& database = m_database;
-  if (database.IsPutBack()) {
-    throw SettingsError(SettingsError::Kind::REPLACED, database.m_path + " was put back");
-  }
-  if (!database.HasLog()) {
-    database.BeginSession();
-  }
   if (!database.m_isOfThisBoot) {
     database.BeginBoot();
   }
@@ -502,13 +545,13 @@ void SettingsDatabase::Write::Append(std::string_view key, const SettingsValue& 
     Query last(database, LAST);
     last.Step();
     number = last.Number(0) + 1;
-    start = last.Number(2);
+    start = last.Number(1);
   }
   const std::string* const text = std::get_if<std::string>(&value);
   const auto size = static_cast<std::int64_t>(text != nullptr ? text->size() : sizeof(int));
   const bool isLogged = size < SETTINGS_LOG_BYTES;
   const std::int64_t end = start + (isLogged ? size : 0);
-  Query(database, APPEND, number, key, database.m_session, start, end - start,
+  Query(database, APPEND, number, key, start, end - start,
         isLogged ? std::optional(value) : std::nullopt)
       .Step();
   const auto boot =

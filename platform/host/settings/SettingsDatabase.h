@@ -4,7 +4,6 @@
 #include <sqlite3.h>
 
 #include <functional>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -20,29 +19,21 @@ namespace ondaro::host {
 /// leaves no transaction open.
 class SettingsDatabase {
  public:
-  enum class Access {
-    SHARED,  ///< with others that write
-    ALONE,   ///< what the file itself holds; also where nothing may be written
-  };
-
   /// Opens the file, and makes its tables where they are missing.
-  explicit SettingsDatabase(const std::string& path, Access access = Access::SHARED);
+  explicit SettingsDatabase(const std::string& path);
   SettingsDatabase(const SettingsDatabase&) = delete;
   SettingsDatabase& operator=(const SettingsDatabase&) = delete;
 
-  /// True where what is written from now on will not be seen.
+  /// True where nothing may be written, and what others write from now on is not seen.
   bool IsAlone() const { return m_isAlone; }
 
   /// What the engine's own log holds goes into the file when this connection is closed, if it is
   /// the last one.
   void FoldWhenClosed() noexcept;
 
-  /// False once the file at the path is another one.
-  bool IsAtPath() const noexcept;
-
-  /// True when the file's content and the engine's log beside it, or what this connection knows of
-  /// them, do not belong together: another file was put in the place of the one that was in use.
-  bool IsPutBack();
+  /// False once the file at the path is another one, or its content and the engine's log beside it,
+  /// or what this connection knows of them, do not belong together: a copy was put in its place.
+  bool IsCurrent();
 
   std::optional<SettingsValue> Get(std::string_view key);
 
@@ -68,7 +59,7 @@ class SettingsDatabase {
   /// nobody reads the log anew while this connection is open.
   bool Revoke() noexcept;
 
-  /// A write transaction, rolled back unless committed.
+  /// A write transaction, rolled back unless committed; REPLACED unless the database is current.
   class Write {
    public:
     /// Keeps all others from writing.
@@ -83,6 +74,7 @@ class SettingsDatabase {
     void Commit();
 
    private:
+    void RollBack() noexcept;
     void Append(std::string_view key, const SettingsValue& value);
 
     SettingsDatabase& m_database;
@@ -92,8 +84,6 @@ class SettingsDatabase {
  private:
   class Query;
 
-  static constexpr std::int64_t NONE = std::numeric_limits<std::int64_t>::max();
-
   struct Closer {
     void operator()(sqlite3* connection) const noexcept { sqlite3_close(connection); }
     void operator()(sqlite3_stmt* statement) const noexcept { sqlite3_finalize(statement); }
@@ -102,22 +92,22 @@ class SettingsDatabase {
   void Connect();
   SettingsDatabase& SetDurable(bool isDurable);
   void MakeTables();
-  void BeginSession();
+  void Sign();
   void BeginBoot();
   void TrimLog(std::int64_t last, std::int64_t end);
-  std::int64_t FileSession() const;
-  std::int64_t LogSession();
-  bool HasLog();
+  struct Header;
+  Header ReadHeader() const;
   void Execute(const std::string& sql);
   [[noreturn]] void Fail(int code) const;
+  [[noreturn]] void FailReplaced() const;
 
   const std::string m_path;
-  bool m_hasLog = false;  // before what depends on it
   const bool m_isAlone;
+  bool m_hasLog = false;        // the engine's has been seen
+  std::uint32_t m_changes = 0;  // in the file when it had not
   bool m_isOfThisBoot = false;
   bool m_isDurable = true;
   bool m_hasFailedCommit = false;
-  std::int64_t m_session = NONE;  // the file's when it was last found to belong here
   sqlite3_file* m_file = nullptr;
   std::unique_ptr<sqlite3, Closer> m_connection;  // before its statements, so that they go first
   std::vector<std::unique_ptr<sqlite3_stmt, Closer>> m_statements;  // prepared when first used

@@ -2,8 +2,11 @@
 
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
@@ -32,6 +35,19 @@ std::pair<dev_t, ino_t> FileAt(const std::string& path) {
   return {status.st_dev, status.st_ino};
 }
 
+/// A look that fails tells nothing.
+bool MayBeCurrent(SettingsDatabase& database) noexcept {
+  try {
+    return database.IsCurrent();
+  } catch (const std::exception&) {
+    return true;
+  }
+}
+
+[[noreturn]] void ThrowErrno(const std::string& what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
 }  // namespace
 
 /// Does the operation on an open database, and again where a new connection or database helps.
@@ -57,12 +73,12 @@ auto SharedSettings::Attempt(Operation operation) {
       }
       m_database.reset();
       if (error.GetKind() == Kind::REPLACED) {
-        ++m_databases;
+        Renew();
         LogSettingsError(std::string(error.what()) + "; opened anew");
       }
       // A read that failed once can look like damage, so that is looked at twice.
       if (error.GetKind() == Kind::DAMAGED && isSuspected) {
-        SetAside({"-wal", "-shm", ""}, m_file);
+        SetAside();
       }
       isSuspected = error.GetKind() == Kind::DAMAGED && !isSuspected;
       if (hasFailed || attempt == ATTEMPTS) {
@@ -82,7 +98,7 @@ void SharedSettings::Open() {
   constexpr std::chrono::milliseconds EVERY{250};
   if (m_database == nullptr) {
     OpenDatabase();
-  } else if (!m_database->IsAtPath() || m_database->IsPutBack()) {
+  } else if (!m_database->IsCurrent()) {
     throw SettingsError(Kind::REPLACED, m_path + " is another file than before");
   } else if (!m_bell->IsAtPath()) {
     OpenBell();
@@ -111,39 +127,61 @@ void SharedSettings::OpenDatabase() {
     const Descriptor file(OpenStateFile(m_path + suffix, O_PATH,
                                         *suffix == '\0' ? IfMissing::MAKE : IfMissing::FAIL));
   }
-  const FileId log = FileAt(m_path + "-wal");
   const FileId before = std::exchange(m_file, FileAt(m_path));
   m_databases += before != m_file ? 1 : 0;
   m_database = std::make_unique<SettingsDatabase>(m_path);
   m_wasOpen = true;
-  if (!m_database->IsAlone() && m_database->IsPutBack()) {
-    m_database.reset();
-    SetAside({"-shm", "-wal"}, log);
-    ++m_databases;
-    m_database = std::make_unique<SettingsDatabase>(m_path);
-  }
 }
 
-/// Unless another process has done so already: the last of the files is not the one found then.
-void SharedSettings::SetAside(std::initializer_list<const char*> suffixes, const FileId& found) {
+/// What was put in the place of the file that was in use becomes a file of its own, which nobody
+/// takes for that one. Not twice: neither when it has come as another file, nor when another
+/// process was quicker; then the file that was found is not at the path any more.
+void SharedSettings::Renew() {
   const SettingsBell::Turn turn(*m_bell);
-  const std::string last = *(suffixes.end() - 1);
-  if (FileAt(m_path + last) != found) {
+  if (FileAt(m_path) != m_file) {
+    return;
+  }
+  const std::string copy = m_path + ".new";
+  std::remove(copy.c_str());
+  const Descriptor from(OpenStateFile(m_path, O_RDONLY, IfMissing::FAIL));
+  const Descriptor to(OpenStateFile(copy, O_WRONLY, IfMissing::MAKE));
+  constexpr std::size_t MOST = 1 << 30;
+  ssize_t size = 0;
+  while ((size = sendfile(to.Number(), from.Number(), nullptr, MOST)) > 0) {
+  }
+  if (size < 0 || fsync(to.Number()) != 0) {
+    ThrowErrno(copy);
+  }
+  // Nothing of what was in use lives on beside the new file.
+  for (const char* suffix : {"-wal", "-shm"}) {
+    if (std::remove((m_path + suffix).c_str()) != 0 && errno != ENOENT) {
+      ThrowErrno(m_path + suffix);
+    }
+  }
+  if (std::rename(copy.c_str(), m_path.c_str()) != 0) {
+    ThrowErrno(m_path);
+  }
+  m_bell->Ring();
+}
+
+/// Unless another process has done so already: the file is not the one found then.
+void SharedSettings::SetAside() {
+  const SettingsBell::Turn turn(*m_bell);
+  if (FileAt(m_path) != m_file) {
     return;
   }
   const std::string base = m_path + ".damaged-" + Timestamp();
   std::string name = base;
-  for (int n = 2; std::filesystem::exists(name + last); ++n) {
+  for (int n = 2; std::filesystem::exists(name); ++n) {
     name = base + "-" + std::to_string(n);
   }
-  for (const char* suffix : suffixes) {
+  for (const std::string suffix : {"-wal", "-shm", ""}) {
     if (std::rename((m_path + suffix).c_str(), (name + suffix).c_str()) != 0 && errno != ENOENT) {
-      throw std::system_error(errno, std::generic_category(), "set aside " + m_path + suffix);
+      ThrowErrno(m_path + suffix);
     }
   }
   m_bell->Ring();
-  LogSettingsError(m_path + last + " is damaged; it is kept as " + name + last +
-                   ", and a new one begun");
+  LogSettingsError(m_path + " is damaged; it is kept as " + name + ", and a new one begun");
 }
 
 const SharedSettings::Value* SharedSettings::Remembered(const std::string& key) {
@@ -208,7 +246,7 @@ void SharedSettings::Write(const std::string& key, const SettingsValue& value) {
       write.Commit();
       m_bell->Ring();
     }
-    if (!database.IsAtPath()) {
+    if (!MayBeCurrent(database)) {
       throw SettingsError(Kind::REPLACED, m_path + " is another file than before");
     }
   });
@@ -242,7 +280,7 @@ void SharedSettings::Close() noexcept {
   try {
     if (m_wasOpen) {
       Attempt([](SettingsDatabase& database) {
-        if (database.IsAtPath() && !database.IsPutBack()) {
+        if (database.IsCurrent()) {
           database.FoldWhenClosed();
         }
       });

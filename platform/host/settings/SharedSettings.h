@@ -123,7 +123,8 @@ class SharedSettings {
   void Open();
   void OpenBell();
   void OpenDatabase();
-  void SetAside(std::initializer_list<const char*> suffixes, const FileId& found);
+  void Renew();
+  void SetAside();
 
   const std::function<std::string()> m_findDirectory;
 
