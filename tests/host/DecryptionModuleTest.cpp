@@ -1,7 +1,10 @@
 // What the host's decryption module promises beyond the seam: its root, the certificates under it,
 // and the faults that it simulates.
 #include <gtest/gtest.h>
+#include <openssl/bio.h>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
+#include <sys/wait.h>
 
 #include <array>
 #include <memory>
@@ -45,6 +48,17 @@ std::string Shell(const std::string& command) {
   EXPECT_NE(output.find("done\n"), std::string::npos) << command;
   return output;
 }
+
+/// Of OpenSSL's allocations the one that fails, counted down to; 0 for none.
+int g_failing = 0;
+[[maybe_unused]] const int g_isCounting = CRYPTO_set_mem_functions(
+    [](std::size_t size, const char*, int) {
+      return g_failing > 0 && --g_failing == 0 ? nullptr : std::malloc(size);
+    },
+    [](void* memory, std::size_t size, const char*, int) {
+      return g_failing > 0 && --g_failing == 0 ? nullptr : std::realloc(memory, size);
+    },
+    [](void* memory, const char*, int) { std::free(memory); });
 
 /// Each test begins without a root.
 class DecryptionModule : public testing::Test {
@@ -156,6 +170,24 @@ TEST_F(DecryptionModule, FailsOnADamagedRootAndLeavesItAlone) {
   std::filesystem::remove(m_state / ROOT_CERTIFICATE);
   EXPECT_EQ(Generate(), 0) << "a first process that ended in between";
   ExpectIssued();
+}
+
+// But for what OpenSSL makes once for all of a process, which it has here.
+TEST_F(DecryptionModule, WorksOnWhereverItsFirstUseRanOutOfMemory) {
+  ASSERT_EQ(RunInChild([&] { _exit(Generate()); }), 0);
+  BIO_free(BIO_new(BIO_s_mem()));
+  int failures = 0;
+  for (int number = 1; number < 15'000; number += 41) {
+    const int result = WEXITSTATUS(RunInChild([&] {
+      g_failing = number;
+      const bool hasFailed = Generate() != 0;
+      g_failing = 0;
+      _exit(Generate() == 0 && SystemId(Open(), m_id) == 0 ? hasFailed : 2);
+    }));
+    EXPECT_LT(result, 2) << "after allocation " << number;
+    failures += result;
+  }
+  EXPECT_GT(failures, 10);
 }
 
 TEST_F(DecryptionModule, ServesTheLastDestructors) {
