@@ -87,14 +87,25 @@ GLibPtr<GDBusNodeInfo> _LoadDescription() {
   return node;
 }
 
-/// Installed in the wrong place of the bus, the object is never called; the server sends all the
-/// same.
+/// Installed in the wrong place of the bus, the object is never called, and GLib sends no reply of
+/// another type than the described one; the server sends all the same.
 void _CompareWithContract(const GDBusNodeInfo& node) {
   const char* const interface = node.interfaces[0]->name;
   if (g_strcmp0(node.path, BusContract::OBJECT_PATH) != 0 ||
       g_strcmp0(interface, BusContract::INTERFACE) != 0) {
     PAL_LOG_ERROR("%s: describes %s at %s, but callers use %s at %s", INTERFACE_DESCRIPTION_PATH,
                   interface, node.path, BusContract::INTERFACE, BusContract::OBJECT_PATH);
+  }
+  const GDBusMethodInfo* const method =
+      g_dbus_interface_info_lookup_method(node.interfaces[0], BusContract::METHOD_TO_SERVER);
+  std::string reply = "(";
+  GDBusArgInfo** argument = method != nullptr ? method->out_args : nullptr;
+  for (; argument != nullptr && *argument != nullptr; ++argument) {
+    reply += (*argument)->signature;
+  }
+  if (method != nullptr && (reply += ')') != BusContract::REPLY_TYPE) {
+    PAL_LOG_ERROR("%s: %s is answered with %s, not %s, and so not at all",
+                  INTERFACE_DESCRIPTION_PATH, method->name, BusContract::REPLY_TYPE, reply.c_str());
   }
 }
 

@@ -21,7 +21,9 @@
  *     says instead that a string was to be made from null.
  * 6.  Exceptions derived from std::exception never leave a function. An exception of another
  *     type, which only the set's own services can throw, passes through, and so does the end of
- *     the calling thread by pthread_exit() or cancellation, in a call or in a callback.
+ *     the thread by pthread_exit() or cancellation in a callback. Elsewhere the host process
+ *     holds cancellation off (pthread_setcancelstate()): in a call, and in the delivery outside
+ *     its callbacks, it may end the process or leave a lock of GLib's taken.
  * 7.  Threads. The library has no thread and no main loop, and takes no lock but for the first
  *     use of each factory. Different families are independent, but for reading SYSTEM_ID, which
  *     makes and asks the device-authentication service. Within one family the caller keeps
@@ -189,7 +191,8 @@ ONDARO_EXPORT void OndaroApi_SystemConfig_DestroyProperty(const char* val);
 
 /**
  * Asks to be called whenever a property changes. One handler per property: a second registration
- * replaces the first.
+ * replaces the first. What changes while none is registered is not told of later: who unregisters
+ * and registers again reads the property then.
  *
  * @param handle    required
  * @param key       required; a property's name. A name without change events is accepted and
