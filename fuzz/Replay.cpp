@@ -2,21 +2,19 @@
 // usage: TARGET DIRECTORY...
 
 #include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <vector>
 
 #include "Fuzz.h"
+#include "support/Files.h"
 
 int main(int argc, char** argv) {
   ondaro::fuzz::Run(ondaro::fuzz::Input(""));
   int runs = 0;
   for (const std::string& directory : std::vector<std::string>(argv + 1, argv + argc)) {
     for (const auto& entry : std::filesystem::directory_iterator(directory)) {
-      std::ifstream file(entry.path(), std::ios::binary);
       std::cout << entry.path() << std::endl;
-      ondaro::fuzz::Run(ondaro::fuzz::Input({std::istreambuf_iterator<char>(file), {}}));
+      ondaro::fuzz::Run(ondaro::fuzz::Input(ondaro::test::ReadFile(entry.path())));
       ++runs;
     }
   }

@@ -1,13 +1,9 @@
 // Damaged files of the host's settings store: each is opened, or set aside and replaced, and in
 // either case takes writes again. The input is what happens to the files of a sound store.
 
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-
 #include "Fuzz.h"
-#include "host/HostSupport.h"
-#include "settings/SharedSettings.h"
+#include "host/StoreArea.h"
+#include "support/Files.h"
 
 using namespace ondaro::fuzz;
 using ondaro::host::SettingsValue;
@@ -16,16 +12,6 @@ using ondaro::host::SharedSettings;
 namespace {
 
 const char* const FILES[] = {"/settings.db", "/settings.db-wal", "/settings.bell"};
-
-std::string ReadWhole(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void WriteWhole(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary)
-      .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-}
 
 /// A store with values of both kinds and a log of changes, as files.
 const std::vector<std::string>& Sound() {
@@ -38,7 +24,7 @@ const std::vector<std::string>& Sound() {
     }
     std::vector<std::string> files;
     for (const char* file : FILES) {
-      files.push_back(ReadWhole(directory.Path() + file));
+      files.push_back(ondaro::test::ReadFile(directory.Path() + file));
     }
     return files;
   }();
@@ -61,16 +47,6 @@ void Damage(std::string& bytes, Input& input) {
   }
 }
 
-template <typename Operation>
-bool Succeeds(Operation operation) {
-  try {
-    operation();
-    return true;
-  } catch (const std::exception&) {
-    return false;
-  }
-}
-
 }  // namespace
 
 // What is fuzzed is reading, not the disk.
@@ -84,28 +60,16 @@ void ondaro::fuzz::Run(Input input) {
   }
   const ondaro::test::TemporaryDirectory directory;
   for (std::size_t index = 0; index < files.size(); ++index) {
-    WriteWhole(directory.Path() + FILES[index], files[index]);
+    ondaro::test::WriteFile(directory.Path() + FILES[index], files[index]);
   }
 
-  SharedSettings settings([&] { return directory.Path(); });
+  ondaro::test::StoreArea store(directory.Path());
   for (int number = 0; number < 7; ++number) {
-    Succeeds([&] { settings.Read("db/key" + std::to_string(number), [](const auto&) {}); });
+    store.Get("db/key" + std::to_string(number));
   }
   for (const int number : {0, -5}) {  // in the log, and before it
-    Succeeds([&] {
-      SharedSettings::Position position{settings.Last().database, number};
-      SharedSettings::Changes changes;
-      settings.ChangesAfter(
-          position, [](const auto&) { return true; },
-          [] {
-            return std::vector<std::string>{"db/key1", "db/key4", "db/none"};
-          },
-          changes);
-    });
+    store.Log(number, {"db/key1", "db/key4", "db/none"});
   }
-  const bool isWritten = Succeeds([&] { settings.Write("db/new", SettingsValue(5)); });
-  Expect(isWritten, "it takes writes");
-  settings.Read("db/new", [](const auto& value) {
-    Expect(value && *value == SettingsValue(5), "and keeps them");
-  });
+  Expect(store.Set("db/new", "5"), "it takes writes");
+  Expect(store.Get("db/new") == "5", "and keeps them");
 }

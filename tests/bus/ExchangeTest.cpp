@@ -115,10 +115,10 @@ TEST_F(Exchange, EndsCleanlyInTheMiddleOfTraffic) {
     for (const std::string& handle : order) {
       // What an earlier handle hears comes between the answers.
       peer.Write("get " + handle + "\n");
-      EXPECT_TRUE(peer.ReadLineWith("done"));
+      EXPECT_TRUE(peer.ReadLine(PATIENCE, "done"));
       if (handle == "client" || handle == "server") {
         peer.Write("expect down\n");
-        EXPECT_TRUE(peer.ReadLineWith("done"));
+        EXPECT_TRUE(peer.ReadLine(PATIENCE, "done"));
       }
     }
     peer.Write("flood flood 50\n");

@@ -1,6 +1,7 @@
 #include "support/ChildProcess.h"
 
 #include <fcntl.h>
+#include <glib.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -27,36 +28,26 @@ int Checked(int result, const char* what) {
 
 }  // namespace
 
-ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const Options& options) {
+ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
+                           const std::string& errorFile) {
   std::vector<char*> argv;
   for (const std::string& argument : arguments) {
     argv.push_back(const_cast<char*>(argument.c_str()));
   }
   argv.push_back(nullptr);
-
-  std::array<int, 2> input{}, output{};
-  Checked(pipe2(input.data(), O_CLOEXEC), "pipe");
-  Checked(pipe2(output.data(), O_CLOEXEC), "pipe");
-  m_pid = Checked(fork(), "fork");
-  if (m_pid == 0) {
-    dup2(input[0], STDIN_FILENO);
-    dup2(output[1], STDOUT_FILENO);
-    if (options.mergeError) {
-      dup2(output[1], STDERR_FILENO);
-    }
-    if (!options.errorFile.empty()) {
-      dup2(open(options.errorFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644),
-           STDERR_FILENO);
+  const auto setUp = [](gpointer file) {
+    const char* const name = static_cast<const char*>(file);
+    if (*name != '\0') {
+      dup2(open(name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644), STDERR_FILENO);
     }
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    signal(SIGPIPE, SIG_DFL);
-    execvp(argv[0], argv.data());
-    _exit(127);
+  };
+  constexpr auto FLAGS = static_cast<GSpawnFlags>(G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_SEARCH_PATH);
+  if (g_spawn_async_with_pipes(nullptr, argv.data(), nullptr, FLAGS, setUp,
+                               const_cast<char*>(errorFile.c_str()), &m_pid, &m_input, &m_output,
+                               nullptr, nullptr) == FALSE) {
+    throw std::runtime_error("not started: " + arguments.front());
   }
-  close(input[0]);
-  close(output[1]);
-  m_input = input[1];
-  m_output = output[0];
 }
 
 ChildProcess::~ChildProcess() {
@@ -96,27 +87,23 @@ bool ChildProcess::HasLine() {
   return m_ended || m_buffer.find('\n') != std::string::npos;
 }
 
-std::optional<std::string> ChildProcess::ReadLine(std::chrono::milliseconds limit) {
+std::optional<std::string> ChildProcess::ReadLine(std::chrono::milliseconds limit,
+                                                  const std::string& part) {
   const auto deadline = Clock::now() + limit;
-  std::size_t end = m_buffer.find('\n');
-  while (end == std::string::npos) {
+  for (;;) {
+    if (const std::size_t end = m_buffer.find('\n'); end != std::string::npos) {
+      std::string line = m_buffer.substr(0, end);
+      m_buffer.erase(0, end + 1);
+      if (line.find(part) != std::string::npos) {
+        return line;
+      }
+      continue;
+    }
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0 || !Fill(left)) {
       return std::nullopt;
     }
-    end = m_buffer.find('\n');
   }
-  std::string line = m_buffer.substr(0, end);
-  m_buffer.erase(0, end + 1);
-  return line;
-}
-
-std::optional<std::string> ChildProcess::ReadLineWith(const std::string& part) {
-  std::optional<std::string> line = ReadLine();
-  while (line && line->find(part) == std::string::npos) {
-    line = ReadLine();
-  }
-  return line;
 }
 
 std::string ChildProcess::ReadAll() {

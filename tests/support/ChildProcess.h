@@ -16,14 +16,9 @@ constexpr std::chrono::seconds PATIENCE{30};
 /// and with this object.
 class ChildProcess {
  public:
-  struct Options {
-    bool mergeError = false;     // standard error goes where the output goes
-    std::string errorFile = {};  // or into this file
-  };
-
-  explicit ChildProcess(const std::vector<std::string>& arguments)
-      : ChildProcess(arguments, Options{}) {}
-  ChildProcess(const std::vector<std::string>& arguments, const Options& options);
+  /// Standard error goes into the file, if one is named.
+  explicit ChildProcess(const std::vector<std::string>& arguments,
+                        const std::string& errorFile = "");
   ~ChildProcess();
 
   ChildProcess(const ChildProcess&) = delete;
@@ -34,10 +29,10 @@ class ChildProcess {
   void Write(const std::string& text) const;
   void CloseInput();
 
-  /// The next line of the output without its line feed; nothing at its end or after `limit`.
-  std::optional<std::string> ReadLine(std::chrono::milliseconds limit = PATIENCE);
-  /// Skips lines until one contains `part`; nothing when none did.
-  std::optional<std::string> ReadLineWith(const std::string& part);
+  /// The next line of the output that contains `part`, without its line feed; nothing at its end or
+  /// after `limit`.
+  std::optional<std::string> ReadLine(std::chrono::milliseconds limit = PATIENCE,
+                                      const std::string& part = "");
   /// Everything up to the end of the output.
   std::string ReadAll();
   /// Takes what has arrived, without waiting; true when ReadLine() would return at once.

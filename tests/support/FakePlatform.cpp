@@ -1,5 +1,7 @@
 #include "support/FakePlatform.h"
 
+#include <glib.h>
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -90,14 +92,10 @@ int platform_log_print(int buffer, int priority, const char* tag, const char* fo
   entry.function = va_arg(prefix, const char*);
   entry.line = va_arg(prefix, int);
   va_end(prefix);
-  std::va_list measured;
-  va_copy(measured, arguments);
-  const auto size = static_cast<std::size_t>(std::vsnprintf(nullptr, 0, format, measured));
-  va_end(measured);
-  std::string text(size, '\0');
-  std::vsnprintf(text.data(), size + 1, format, arguments);
+  gchar* const text = g_strdup_vprintf(format, arguments);
   va_end(arguments);
-  entry.body = text.substr(text.find(" > ") + std::strlen(" > "));
+  entry.body = std::strstr(text, " > ") + std::strlen(" > ");
+  g_free(text);
   fake.Record(std::move(entry));
   return -1;  // the library ignores it
 }

@@ -50,7 +50,7 @@ void PrivateBus::Start() {
   m_daemon = std::make_unique<ChildProcess>(
       std::vector<std::string>{"dbus-daemon", "--config-file=" + m_directory / "bus.conf",
                                "--nofork", "--nopidfile", "--nosyslog", "--print-address"},
-      ChildProcess::Options{false, log});
+      log);
   if (m_daemon->ReadLine()) {
     return;
   }
