@@ -33,8 +33,7 @@ class Input {
   }
   /// As long as the next byte says.
   std::string Text() { return Take(Number(256)); }
-  /// The same, as C sees it.
-  std::string CText() { return ToC(Text()); }
+  /// As C sees it.
   static std::string ToC(const std::string& text) { return text.substr(0, text.find('\0')); }
   std::string Rest() { return Take(m_bytes.size()); }
 

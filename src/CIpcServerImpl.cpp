@@ -237,9 +237,6 @@ void CIpcServerImpl::BusNameLostCallback(GDBusConnection* pDbusConnection, const
   PAL_LOG_INFO("pDbusConnection:%p,  name:%s", static_cast<void*>(pDbusConnection), name);
   auto* pThis = static_cast<CIpcServerImpl*>(user_data);
   pThis->m_pDbusConnection = nullptr;
-  if (pDbusConnection != nullptr && pThis->m_nRegistrationId != 0) {
-    g_dbus_connection_unregister_object(pDbusConnection, pThis->m_nRegistrationId);
-  }
   // A lost name may come back, a closed connection does not, and of its closing nobody tells a
   // server that waits for the name: one that is held would be the process's shared one for ever.
   if (pThis->m_isConnectionHeld) {

@@ -16,6 +16,7 @@
 //
 // The main loop runs between two lines. The process ends with its input too.
 #include <gio/gio.h>
+#include <glib-unix.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -44,19 +45,18 @@ OndaroApi_IpcServer_h g_server = nullptr;
 OndaroApi_IpcClient_h g_client = nullptr;
 bool g_sendsToClient = false;
 std::list<Handler> g_handlers;
-GIOChannel* g_input = nullptr;
 
 void Say(const std::string& text) { std::printf("%s\n", text.c_str()); }
 void Answer(bool isDone) { Say(isDone ? "done" : "failed"); }
 
 std::string ReadLine() {
-  gchar* text = nullptr;
-  gsize end = 0;
-  if (g_io_channel_read_line(g_input, &text, nullptr, &end, nullptr) != G_IO_STATUS_NORMAL) {
-    std::exit(EXIT_SUCCESS);
+  std::string line;
+  for (int byte = std::getchar(); byte != '\n'; byte = std::getchar()) {
+    if (byte == EOF) {
+      std::exit(EXIT_SUCCESS);
+    }
+    line += static_cast<char>(byte);
   }
-  std::string line(text, end);
-  g_free(text);
   return line;
 }
 
@@ -185,12 +185,11 @@ void Run(const std::string& line) {
 int main() {
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
   g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_FATAL_MASK | G_LOG_LEVEL_CRITICAL));
-  g_input = g_io_channel_unix_new(STDIN_FILENO);
-  g_io_channel_set_encoding(g_input, nullptr, nullptr);  // any bytes
-  const auto onInput = [](GIOChannel*, GIOCondition, gpointer) -> gboolean {
+  std::setvbuf(stdin, nullptr, _IONBF, 0);  // the next line stays for the main loop to see
+  const auto onInput = [](gint, GIOCondition, gpointer) -> gboolean {
     Run(ReadLine());
     return G_SOURCE_CONTINUE;
   };
-  g_io_add_watch(g_input, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP), onInput, nullptr);
+  g_unix_fd_add(STDIN_FILENO, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP), onInput, nullptr);
   g_main_loop_run(g_main_loop_new(nullptr, FALSE));
 }

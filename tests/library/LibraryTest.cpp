@@ -191,13 +191,18 @@ TEST_F(Library, WhatTheModuleRefusesHasALine) {
     const std::string opened = Told(true);
     EXPECT_EQ(opened.find("EME instance = ") == std::string::npos, row.expected == none);
     row.after();
-    std::string text, other;
-    EXPECT_EQ(Told(wrapper.GetSystemID(text)) +
-                  Told(wrapper.GenerateDeviceKeyAndCert(text, other)) +
-                  Told(wrapper.SignHash("k", "h", text)),
+    const auto handle = reinterpret_cast<OndaroApi_CoreAuth_h>(&wrapper);
+    const OndaroApi_CoreAuthInfoRO_t in = {"in", 2};
+    OndaroApi_CoreAuthInfoRW_t key = {}, cert = {}, sign = {}, chain = {nullptr, 3};
+    std::string id;
+    EXPECT_EQ(Told(wrapper.GetSystemID(id)) +
+                  Told(OndaroApi_CoreAuth_GenerateDeviceKeyAndCert(handle, &key, &cert)) +
+                  Told(OndaroApi_CoreAuth_SignHash(handle, &in, &in, &sign)),
               row.expected);
-    OndaroApi_CoreAuthInfoRW_t chain = {nullptr, 3};
     EXPECT_TRUE(wrapper.GetModelCertChain(&chain) && chain.length == 3);
+    for (OndaroApi_CoreAuthInfoRW_t* record : {&key, &cert, &sign}) {
+      OndaroApi_CoreAuth_DestroyCoreAuthInfo(record);
+    }
   }
 }
 

@@ -39,7 +39,7 @@ const Steps KNOWN[] = {
 std::string ToText(const Steps& steps) {
   std::ostringstream text;
   for (const Step& step : steps) {
-    text << '{' << NAMES[step.op] << ", " << step.a << ", " << step.b << "}, ";
+    text << "{Op(" << step.op << "), " << step.a << ", " << step.b << "}, ";
   }
   return text.str();
 }

@@ -31,11 +31,6 @@ enum Op : unsigned {
   OPS
 };
 constexpr unsigned WEIGHTS[OPS] = {10, 10, 8, 3, 6, 1, 8, 6, 4, 8, 8, 12, 2};
-constexpr const char* NAMES[OPS] = {"GET",         "SET",          "WATCH",
-                                    "UNWATCH",     "SERVER_WATCH", "SERVER_UNWATCH",
-                                    "SERVER_SEND", "CLIENT_WATCH", "CLIENT_UNWATCH",
-                                    "CLIENT_SEND", "SETTLE",       "CHANGE",
-                                    "FAIL"};
 
 struct Step {
   Op op;

@@ -16,10 +16,11 @@ namespace {
 
 thread_local int g_entered = 0;
 
-/// Stands in the functions of the set that allocate.
+/// The set, from those of its functions that allocate.
 struct SEntered {
   SEntered() { ++g_entered; }
   ~SEntered() { --g_entered; }
+  FakePlatform* operator->() const { return &FakePlatform::Get(); }
 };
 
 }  // namespace
@@ -77,10 +78,9 @@ void FakePlatform::Notify(const std::string& key, platform_settings_node* node) 
 // ---- The seam -----------------------------------------------------------------------------------
 
 int platform_log_print(int buffer, int priority, const char* tag, const char* format, ...) {
-  FakePlatform& fake = FakePlatform::Get();
-  ++fake.m_nLogCalls;
-  const SEntered entered;
-  if (fake.m_isLogDiscarded) {
+  const SEntered fake;
+  ++fake->m_nLogCalls;
+  if (fake->m_isLogDiscarded) {
     return 0;
   }
   std::va_list arguments;
@@ -96,29 +96,27 @@ int platform_log_print(int buffer, int priority, const char* tag, const char* fo
   va_end(arguments);
   entry.body = std::strstr(text, " > ") + std::strlen(" > ");
   g_free(text);
-  fake.Record(std::move(entry));
+  fake->Record(std::move(entry));
   return -1;  // the library ignores it
 }
 
 namespace {
 
 bool EnterStore(const std::string& call) {
-  const SEntered entered;
-  FakePlatform& fake = FakePlatform::Get();
-  fake.m_storeCalls.push_back(call);
-  if (fake.m_onStoreCall) {
-    fake.m_onStoreCall();
+  const SEntered fake;
+  fake->m_storeCalls.push_back(call);
+  if (fake->m_onStoreCall) {
+    fake->m_onStoreCall();
   }
-  return !fake.m_areStoreCallsFailing;
+  return !fake->m_areStoreCallsFailing;
 }
 
 int ReadInt(const char* call, const char* key, int* value) {
-  const SEntered entered;
-  FakePlatform& fake = FakePlatform::Get();
+  const SEntered fake;
   const bool isWorking = EnterStore(std::string(call) + " " + key);
-  const auto entry = fake.m_values.find(key);
-  if (!isWorking || entry == fake.m_values.end() || !std::holds_alternative<int>(entry->second)) {
-    *value = GARBAGE_OF_FAILED_READ;
+  const auto entry = fake->m_values.find(key);
+  if (!isWorking || entry == fake->m_values.end() || !std::holds_alternative<int>(entry->second)) {
+    *value = 77;  // garbage
     return 1;
   }
   *value = std::get<int>(entry->second);
@@ -138,13 +136,12 @@ int Write(const char* call, const char* key, const std::variant<const char*, int
 }  // namespace
 
 char* platform_settings_get_string(const char* key) {
-  const SEntered entered;
-  FakePlatform& fake = FakePlatform::Get();
+  const SEntered fake;
   if (!EnterStore(std::string("get_string ") + key)) {
     return nullptr;
   }
-  const auto entry = fake.m_values.find(key);
-  if (entry == fake.m_values.end() || !std::holds_alternative<std::string>(entry->second)) {
+  const auto entry = fake->m_values.find(key);
+  if (entry == fake->m_values.end() || !std::holds_alternative<std::string>(entry->second)) {
     return nullptr;
   }
   return strdup(std::get<std::string>(entry->second).c_str());
@@ -233,13 +230,9 @@ int platform_app_set_process_group(int app_pid, int caller_pid) {
 namespace {
 
 int EnterCdm(const std::string& call) {
-  const SEntered entered;
-  FakePlatform& fake = FakePlatform::Get();
-  fake.m_cdmCalls.push_back(call);
-  if (fake.m_onCdmCall) {
-    fake.m_onCdmCall();
-  }
-  return fake.m_operationStatus;
+  const SEntered fake;
+  fake->m_cdmCalls.push_back(call);
+  return fake->m_operationStatus;
 }
 
 class PlainModule : public eme::IEME {
@@ -283,18 +276,15 @@ int IEME::isKeySystemSupported(const std::string& keySystem) {
 
 IEME* IEME::create(IEventListener* listener, const std::string& keySystem, bool secure,
                    CDM_MODEL model) {
-  const SEntered entered;
+  const SEntered fake;
   EnterCdm("create[" + keySystem + "][" + std::to_string(secure) + "][" + std::to_string(model) +
            "]");
-  if (listener == nullptr || FakePlatform::Get().m_isCreateFailing) {
+  if (listener == nullptr || fake->m_isCreateFailing) {
     return nullptr;
   }
   listener->onMessage("session", kLicenseRequest, "message");
   listener->onHostNetwork("session");
-  if (FakePlatform::Get().m_hasKeyInterface) {
-    return new KeyModule();
-  }
-  return new PlainModule();
+  return fake->m_hasKeyInterface ? new KeyModule : new PlainModule;
 }
 
 int IEME::destroy(IEME* instance) {

@@ -40,9 +40,6 @@ struct platform_settings_node {
   std::optional<SettingsValue> value;
 };
 
-/// What a read of an integer that fails leaves behind.
-constexpr int GARBAGE_OF_FAILED_READ = 77;
-
 struct SSubscription {
   platform_settings_changed_cb callback;
   void* userData;
@@ -71,7 +68,6 @@ struct SPlatform {
   int m_destroyStatus = 0;
   std::string m_key = "key", m_cert = "cert", m_sign = "sign", m_systemId = "system-id";
   std::vector<std::string> m_cdmCalls;
-  std::function<void()> m_onCdmCall;  // may throw
 };
 
 /// The set beneath the library under test: the test executable defines the seam's functions, so
