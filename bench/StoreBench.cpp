@@ -194,9 +194,8 @@ void Set(benchmark::State& state, const std::string& key) {
   }
 }
 
-void SetToCallback(benchmark::State& state) {
+void SetToCallback(benchmark::State& state, int others) {
   Library store(MEMORY_KEY);
-  const auto others = static_cast<int>(state.range(0));
   const Peer subscriber([&](int end) {
     const auto answer = [](platform_settings_node*, void* to) {
       Require(write(*static_cast<int*>(to), "!", 1) == 1);
@@ -258,9 +257,7 @@ int main(int argc, char** argv) {
   Register<Plain>("plain");
   for (const int others : {0, 9'999}) {
     const std::string name = "set to callback among " + std::to_string(others + 1);
-    benchmark::RegisterBenchmark((name + "/library").c_str(), SetToCallback)
-        ->Arg(others)
-        ->UseRealTime();
+    benchmark::RegisterBenchmark((name + "/library").c_str(), SetToCallback, others)->UseRealTime();
     benchmark::RegisterBenchmark((name + "/plain").c_str(), RoundTrip)->UseRealTime();
   }
   benchmark::RunSpecifiedBenchmarks();

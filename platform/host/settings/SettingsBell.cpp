@@ -57,11 +57,11 @@ bool SettingsBell::IsSettled(const Sight& sight) const noexcept {
   // would not be seen. Some file systems know whole seconds only.
   timespec now{};
   clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  const bool hasTicked =
+      sight.second != 0 ? sight < Sight(now.tv_sec, now.tv_nsec) : sight.first + 1 < now.tv_sec;
   std::uint64_t number = 0;
-  return pread(m_file.Number(), &number, sizeof number, 0) == sizeof number && number != 0 &&
-         Look() == sight &&
-         (sight.second != 0 ? sight < Sight(now.tv_sec, now.tv_nsec)
-                            : sight.first + 1 < now.tv_sec);
+  return hasTicked && pread(m_file.Number(), &number, sizeof number, 0) == sizeof number &&
+         number != 0;
 }
 
 void SettingsBell::Mark() const {

@@ -26,7 +26,9 @@ constexpr int LAYOUT = 2;
 constexpr char LOG_SUFFIX[] = "-wal";
 constexpr std::int64_t TRIM_BATCH = 256;  // the log is trimmed once in so many writes
 constexpr std::int64_t READ_BATCH = 128;  // changes looked at before a follower's loop goes round
-constexpr int LOG_LIMIT = 4 << 20;        // to which the engine's log is cut when it begins anew
+constexpr int PAGE_SIZE = 1024;           // most writes are of three pages with little in them
+constexpr int LOG_PAGES = 4096;           // in the engine's log before they go into the file
+constexpr int LOG_LIMIT = LOG_PAGES * PAGE_SIZE;  // to which it is cut when it begins anew
 
 // A value has no declared type, so that it keeps the one it is given. `item.seq` is the number of
 // the key's last write, `item.boot` the boot that a key of `memory/` lives in; a row of another
@@ -59,6 +61,7 @@ enum Sql : std::size_t {
   PUT,
   OLDEST,
   TRIM,
+  SIGN,  // with the session's number
   END_OF_SQL
 };
 constexpr std::array<const char*, END_OF_SQL> TEXTS = {
@@ -74,7 +77,8 @@ constexpr std::array<const char*, END_OF_SQL> TEXTS = {
     "INSERT INTO item(key,seq,boot,value) VALUES(?1,?2,?3,?4) ON CONFLICT(key)"
     " DO UPDATE SET seq=excluded.seq,value=excluded.value",
     "SELECT seq,start FROM change ORDER BY seq",
-    "DELETE FROM change WHERE seq<=?1"};
+    "DELETE FROM change WHERE seq<=?1",
+    ""};
 
 std::string_view BootId() {
   static const std::string& id = *new std::string([] {
@@ -178,8 +182,9 @@ class SettingsDatabase::Query {
   Query(SettingsDatabase& database, Sql sql, const Values&... values) : m_database(database) {
     auto& statement = database.m_statements[sql];
     if (statement == nullptr) {
-      Check(sqlite3_prepare_v3(database.m_connection.get(), TEXTS.at(sql), -1,
-                               SQLITE_PREPARE_PERSISTENT, &m_statement, nullptr));
+      const char* const text = sql == SIGN ? database.m_signature.c_str() : TEXTS.at(sql);
+      Check(sqlite3_prepare_v3(database.m_connection.get(), text, -1, SQLITE_PREPARE_PERSISTENT,
+                               &m_statement, nullptr));
       statement.reset(m_statement);
     }
     m_statement = statement.get();
@@ -294,8 +299,9 @@ void SettingsDatabase::Connect() {
   // A page that is written before the commit would be the first in the log.
   Execute("PRAGMA mmap_size=0; PRAGMA temp_store=MEMORY; PRAGMA cache_spill=OFF");
   if (sqlite3_db_readonly(connection, "main") == 0) {
-    Execute("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA journal_size_limit=" +
-            std::to_string(LOG_LIMIT));
+    Execute("PRAGMA page_size=" + std::to_string(PAGE_SIZE) +
+            "; PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL" + "; PRAGMA wal_autocheckpoint=" +
+            std::to_string(LOG_PAGES) + "; PRAGMA journal_size_limit=" + std::to_string(LOG_LIMIT));
     m_changes = ReadHeader().changes;
   }
 }
@@ -339,8 +345,13 @@ void SettingsDatabase::Sign() {
       Fail(code);
     }
   }
-  const auto session = static_cast<std::int32_t>(ReadHeader().session);
-  Execute("PRAGMA application_id=" + std::to_string(session));
+  const std::uint32_t session = ReadHeader().session;
+  if (session != m_signed) {
+    m_signature = "PRAGMA application_id=" + std::to_string(static_cast<std::int32_t>(session));
+    m_signed = session;
+    m_statements[SIGN].reset();
+  }
+  Query(*this, SIGN).Step();
 }
 
 /// The keys of other boots go.
@@ -365,6 +376,20 @@ SettingsDatabase::Header SettingsDatabase::ReadHeader() const {
   return Header(bytes);
 }
 
+/// False while there is none.
+bool SettingsDatabase::OpenLog() {
+  const std::string path = m_path + LOG_SUFFIX;
+  struct stat there {};
+  struct stat own {};
+  if (stat(path.c_str(), &there) != 0 && errno == ENOENT) {
+    return false;
+  }
+  if (m_log == nullptr || fstat(m_log->Number(), &own) != 0 || own.st_ino != there.st_ino) {
+    m_log = std::make_unique<Descriptor>(OpenStateFile(path, O_RDONLY, IfMissing::FAIL));
+  }
+  return true;
+}
+
 bool SettingsDatabase::IsCurrent() {
   constexpr std::size_t FRAME_AT = 32;  // in the log: a page's number, and where the page begins
   constexpr std::size_t PAGE_AT = FRAME_AT + 24;
@@ -373,11 +398,7 @@ bool SettingsDatabase::IsCurrent() {
   // A session that begins just now is found the second time.
   for (int look = 0; look < 2 && hasMoved == 0; ++look) {
     unsigned char bytes[PAGE_AT + Header::SIZE] = {};
-    const Descriptor log(OpenStateFile(m_path + LOG_SUFFIX, O_RDONLY, IfMissing::FAIL));
-    const bool isMissing = log.Number() < 0 && errno == ENOENT;
-    const ssize_t size = isMissing          ? 0
-                         : log.Number() < 0 ? -1
-                                            : pread(log.Number(), bytes, sizeof bytes, 0);
+    const ssize_t size = OpenLog() ? pread(m_log->Number(), bytes, sizeof bytes, 0) : 0;
     if (size < 0) {
       throw std::system_error(errno, std::generic_category(), m_path + LOG_SUFFIX);
     }

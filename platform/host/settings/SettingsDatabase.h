@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Settings.h"
+#include "StateDirectory.h"
 
 namespace ondaro::host {
 
@@ -97,14 +98,18 @@ class SettingsDatabase {
   void TrimLog(std::int64_t last, std::int64_t end);
   struct Header;
   Header ReadHeader() const;
+  bool OpenLog();
   void Execute(const std::string& sql);
   [[noreturn]] void Fail(int code) const;
   [[noreturn]] void FailReplaced() const;
 
   const std::string m_path;
   const bool m_isAlone;
-  bool m_hasLog = false;        // the engine's has been seen
-  std::uint32_t m_changes = 0;  // in the file when it had not
+  bool m_hasLog = false;  // the engine's has been seen
+  std::unique_ptr<const Descriptor> m_log;
+  std::string m_signature = "PRAGMA application_id=0";  // the statement that writes
+  std::uint32_t m_signed = 0;                           // this session's number
+  std::uint32_t m_changes = 0;                          // in the file when it had not
   bool m_isOfThisBoot = false;
   bool m_isDurable = true;
   bool m_hasFailedCommit = false;

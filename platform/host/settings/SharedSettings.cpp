@@ -188,12 +188,10 @@ const SharedSettings::Value* SharedSettings::Remembered(const std::string& key) 
   if (m_bell == nullptr || Clock::now() >= m_mustAsk) {
     return nullptr;
   }
-  if (m_bell->Look() != m_sight) {
-    return nullptr;
-  }
   const auto found = m_cache.find(key);
-  return found != m_cache.end() && found->second.generation == m_generation ? &found->second.value
-                                                                            : nullptr;
+  const bool isKnown = found != m_cache.end() && found->second.generation == m_generation &&
+                       m_bell->Look() == m_sight;
+  return isKnown ? &found->second.value : nullptr;
 }
 
 void SharedSettings::Remember(const std::string& key, const Value& value,
