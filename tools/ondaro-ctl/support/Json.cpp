@@ -22,6 +22,14 @@ std::unique_ptr<Json::StreamWriter> MakeCompactWriter() {
 
 }  // namespace
 
+Json::Value JsonObject(std::initializer_list<std::pair<const char*, Json::Value>> members) {
+  Json::Value object(Json::objectValue);
+  for (const auto& [name, value] : members) {
+    object[name] = value;
+  }
+  return object;
+}
+
 std::string CompactJson(const Json::Value& object) {
   static const std::unique_ptr<Json::StreamWriter> WRITER = MakeCompactWriter();
   std::ostringstream text;

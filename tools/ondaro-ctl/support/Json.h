@@ -3,11 +3,16 @@
 
 #include <json/value.h>
 
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace ondaro::ctl {
+
+/// An object of these members.
+Json::Value JsonObject(std::initializer_list<std::pair<const char*, Json::Value>> members);
 
 /// The object as one line, safe for every terminal.
 std::string CompactJson(const Json::Value& object);

@@ -1,5 +1,3 @@
-#include <array>
-
 #include "support/LineReader.h"
 #include "support/Text.h"
 #include "support/Verbs.h"
@@ -7,14 +5,6 @@
 
 namespace ondaro::ctl {
 namespace {
-
-struct Format {
-  std::string_view name;
-  std::unique_ptr<TraceWriter> (*make)(const Output& output);
-};
-
-constexpr std::array<Format, 3> FORMATS = {
-    {{"summary", MakeSummary}, {"chrome", MakeChrome}, {"mermaid", MakeDiagram}}};
 
 constexpr char HOW_TO_RECORD[] =
     "; 'ONDARO_HOST_LOG=info:FILE PROGRAM' records one of a program on an ordinary Linux machine";
@@ -24,22 +14,14 @@ struct TraceOptions {
   std::string format = "summary";
 };
 
-const Format* FindFormat(const std::string& name) {
-  for (const Format& format : FORMATS) {
-    if (format.name == name) {
-      return &format;
-    }
-  }
-  return nullptr;
-}
-
 std::string CheckFormat(const std::string& name) {
   return FindFormat(name) != nullptr ? "" : "'" + name + "' is none of summary, chrome, mermaid";
 }
 
 void Trace(const Output& output, const TraceOptions& options) {
-  const std::unique_ptr<TraceWriter> writer = FindFormat(options.format)->make(output);
-  Calls calls([&writer](const TraceEvent& event) { writer->Write(event); });
+  Deliveries deliveries;
+  const auto writer = FindFormat(options.format)(output, deliveries);
+  Calls calls([&](const TraceEvent& event) { writer->Write(event, deliveries.Add(event)); });
   std::uint64_t lines = 0;
   std::uint64_t unknown = 0;
   LineReader reader(options.path);
@@ -47,22 +29,21 @@ void Trace(const Output& output, const TraceOptions& options) {
   const LineSource source(
       loop, reader,
       [&](std::string_view text) {
-        const std::optional<LogLine> line = ParseLogLine(text);
         ++lines;
-        unknown += line ? 0 : 1;
-        if (line) {
-          calls.Add(*line);
+        if (std::optional<TraceEvent> event = ParseLogLine(text)) {
+          calls.Add(std::move(*event));
+        } else {
+          ++unknown;
         }
       },
       [&] { loop.Stop(); });
   loop.RunFor(std::nullopt);  // or until Ctrl-C
   calls.Finish();
   writer->Finish();
-  if (lines == unknown) {
-    throw Failure(ExitCode::Failed, reader.Name() + " is no log" + HOW_TO_RECORD);
-  }
   if (calls.Total() == 0) {
-    throw Failure(ExitCode::Failed, reader.Name() + " has no traced calls" + HOW_TO_RECORD);
+    throw Failure(
+        ExitCode::Failed,
+        reader.Name() + (lines == unknown ? " is no log" : " has no traced calls") + HOW_TO_RECORD);
   }
   if (unknown != 0) {
     output.Note("left out, damaged or of something else: " + std::to_string(unknown) + " of " +
