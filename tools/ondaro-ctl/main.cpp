@@ -51,13 +51,6 @@ void AddGlobalOptions(CLI::App& app, Session& session, std::string& log) {
   app.set_version_flag("--version", "ondaro-ctl " ONDARO_CTL_VERSION);
 }
 
-void CallThemVerbs(CLI::App& app) {
-  for (CLI::App* verb : app.get_subcommands({})) {
-    verb->group("Verbs");
-    CallThemVerbs(*verb);
-  }
-}
-
 void AddVerbs(CLI::App& app, Session& session) {
   AddPropertyVerbs(app, session);
   AddDumpVerbs(app, session);
@@ -69,7 +62,6 @@ void AddVerbs(CLI::App& app, Session& session) {
   AddSendVerb(app, session);
   AddDoctorVerb(app, session);
   AddTraceVerbs(app, session);
-  CallThemVerbs(app);
 }
 
 /// The innermost verb given, for "ondaro-ctl store get --help".
@@ -153,6 +145,7 @@ void ChooseLog(const std::string& log) {
 void Run(Session& session, int argc, char** argv) {
   std::string log;
   CLI::App app("Reads, changes and watches a media-sharing receiver's set.", "ondaro-ctl");
+  app.group("Verbs");  // which its verbs inherit
   app.require_subcommand(1);
   app.fallthrough();
   app.footer(EXIT_CODES);

@@ -13,8 +13,6 @@
 namespace ondaro::ctl {
 namespace {
 
-enum Verdict { USABLE, REFUSED, WRONG };
-
 bool HasTypes(GDBusArgInfo** arguments, const std::string& types) {
   std::string found;
   for (; arguments != nullptr && *arguments != nullptr; ++arguments) {
@@ -39,28 +37,19 @@ bool DescribesMessaging(const GDBusNodeInfo& node) {
 }
 
 bool DescribesMessaging(const std::string& file) {
-  const GLibOwner<GDBusNodeInfo, g_dbus_node_info_unref> node(
-      g_dbus_node_info_new_for_xml(LineReader(file).ReadWhole().c_str(), nullptr));
-  return node != nullptr && DescribesMessaging(*node);
-}
-
-Verdict Judge(const std::string& file) noexcept {
   try {
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/dev/null", 1);
-    if (OndaroFactory_GetIpcServerHandle() == nullptr) {
-      return REFUSED;
-    }
-    return DescribesMessaging(file) ? USABLE : WRONG;
-  } catch (...) {
-    return WRONG;
+    const GLibOwner<GDBusNodeInfo, g_dbus_node_info_unref> node(
+        g_dbus_node_info_new_for_xml(LineReader(file).ReadWhole().c_str(), nullptr));
+    return node != nullptr && DescribesMessaging(*node);
+  } catch (const Failure&) {  // not to be read
+    return false;
   }
 }
 
-int WaitFor(pid_t child) {
-  int status = 0;
-  while (waitpid(child, &status, 0) == -1 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+/// Where the daemon's end finds no bus on which it could take the name.
+[[noreturn]] void MakeDaemonsEnd() noexcept {
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/dev/null", 1);
+  _exit(OndaroFactory_GetIpcServerHandle() == nullptr ? 1 : 0);
 }
 
 }  // namespace
@@ -68,20 +57,21 @@ int WaitFor(pid_t child) {
 Finding CheckDescription(const std::string& file) {
   const pid_t child = fork();
   if (child == 0) {
-    _exit(Judge(file));
+    MakeDaemonsEnd();
   }
-  switch (WaitFor(child)) {
-    case USABLE:
-      return {Finding::State::Ok, file + " describes the daemon's interface"};
-    case REFUSED:
-      throw Failure(ExitCode::Failed, "the library cannot use " ONDARO_INTERFACE_DESCRIPTION
-                                      "; install it again" +
-                                          SeeLog());
-    default:
-      throw Failure(ExitCode::Failed, file +
-                                          " does not describe the daemon's interface; install "
-                                          "com.halvex.tv.ondaro.interface.xml again");
+  int status = -1;
+  while (waitpid(child, &status, 0) == -1 && errno == EINTR) {
   }
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    throw Failure("the library cannot use " ONDARO_INTERFACE_DESCRIPTION "; install it again" +
+                  SeeLog());
+  }
+  if (!DescribesMessaging(file)) {
+    throw Failure(file +
+                  " does not describe the daemon's interface; install "
+                  "com.halvex.tv.ondaro.interface.xml again");
+  }
+  return {Finding::State::Ok, file + " describes the daemon's interface"};
 }
 
 }  // namespace ondaro::ctl

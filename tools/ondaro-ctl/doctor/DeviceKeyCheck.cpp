@@ -2,11 +2,12 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
-#include <sys/random.h>
+
+#include <algorithm>
+#include <iterator>
+#include <random>
 
 #include "doctor/DoctorChecks.h"
-#include "ondaro/OndaroApi.h"
-#include "ondaro/pal/CPALFactory.h"
 #include "properties/Properties.h"
 #include "support/ExitCode.h"
 #include "support/LineReader.h"
@@ -16,25 +17,14 @@ namespace {
 
 using State = Finding::State;
 
-constexpr std::size_t HASH_SIZE = 32;
-
-[[noreturn]] void Fail(const std::string& message) { throw Failure(ExitCode::Failed, message); }
-
-NOndaroAPI::CCoreAuth& CoreAuth() {
-  if (OndaroFactory_GetCoreAuthHandle() == nullptr) {
-    Fail("device authentication could not be opened" + SeeLog());
-  }
-  return NOndaroPAL::GetCoreAuth();
-}
-
 /// A function of libcrypto, which is loaded here and not with the tool: no other verb needs it.
 template <class Function>
 Function* Crypto(const char* name) {
   static void* const LIBRARY = dlopen("libcrypto.so.3", RTLD_NOW | RTLD_LOCAL);
   void* const found = LIBRARY == nullptr ? nullptr : dlsym(LIBRARY, name);
   if (found == nullptr) {
-    Fail(std::string("libcrypto.so.3, which verifies signatures, lacks ") + name +
-         " or is not installed");
+    throw Failure(std::string("libcrypto.so.3, which verifies signatures, lacks ") + name +
+                  " or is not installed");
   }
   return reinterpret_cast<Function*>(found);
 }
@@ -56,7 +46,7 @@ Owned<X509> ParseCertificate(const std::string& bytes) {
         Crypto<decltype(d2i_X509)>("d2i_X509")(nullptr, &begin, static_cast<long>(bytes.size())));
   }
   if (certificate == nullptr) {
-    Fail("the certificate is neither PEM nor DER");
+    throw Failure("the certificate is neither PEM nor DER");
   }
   return certificate;
 }
@@ -78,10 +68,11 @@ bool Verifies(const X509& certificate, const std::string& hash, const std::strin
 }
 
 std::string RandomHash() {
-  std::string hash(HASH_SIZE, '\0');
-  if (getrandom(hash.data(), hash.size(), 0) != static_cast<ssize_t>(hash.size())) {
-    Fail("the machine gave no random numbers");
-  }
+  constexpr int HASH_SIZE = 32;
+  std::string hash;
+  std::random_device random;
+  std::generate_n(std::back_inserter(hash), HASH_SIZE,
+                  [&] { return static_cast<char>(random() & 0xffU); });
   return hash;
 }
 
@@ -103,7 +94,7 @@ Finding CheckKeySystem(bool& isAbsent) {
             "be, else" +
                 SeeLog().substr(1)};
   }
-  Fail("the decryption module gave no system identifier" + SeeLog());
+  throw Failure("the decryption module gave no system identifier" + SeeLog());
 }
 
 Finding CheckDeviceKey(const std::string& keyFile, const std::string& certFile) {
@@ -113,15 +104,15 @@ Finding CheckDeviceKey(const std::string& keyFile, const std::string& certFile) 
     key = LineReader(keyFile).ReadWhole();
     certificate = LineReader(certFile).ReadWhole();
   } else if (!CoreAuth().GenerateDeviceKeyAndCert(key, certificate)) {
-    Fail("the set generated no key and certificate" + SeeLog());
+    throw Failure("the set generated no key and certificate" + SeeLog());
   }
   const std::string hash = RandomHash();
   std::string signature;
   if (!CoreAuth().SignHash(key, hash, signature)) {
-    Fail("the set did not sign with the device key" + SeeLog());
+    throw Failure("the set did not sign with the device key" + SeeLog());
   }
   if (!Verifies(*ParseCertificate(certificate), hash, signature)) {
-    Fail(
+    throw Failure(
         "what the key signs does not verify with the certificate: they are not of one pair; make "
         "a new one with 'ondaro-ctl auth generate'");
   }

@@ -2,6 +2,7 @@
 #define ONDARO_CTL_DOCTOR_CHECKS_H
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "messages/Bus.h"
@@ -25,8 +26,7 @@ Finding CheckKeySystem(bool& isAbsent);
 Finding CheckDeviceKey(const std::string& keyFile, const std::string& certFile);
 
 /// Whether the library can use its interface description and `file` describes the messaging. To be
-/// called before the process has threads: the library is asked in a child, where the daemon's end
-/// finds no bus on which it could take the name.
+/// called before the process has threads: the library is asked in a child.
 Finding CheckDescription(const std::string& file);
 
 /// The checks over the bus, each building on those before it. What this user may do can be told
@@ -40,28 +40,12 @@ class BusChecks {
   Finding Hear() const;
 
  private:
-  struct Question {
-    const char* destination;
-    const char* path;
-    const char* interface;
-    const char* method;
-    GVariant* parameters;  // floating
-  };
-  struct Answer {
-    std::shared_ptr<GVariant> value;  // or
-    std::shared_ptr<GError> error;
-
-    bool IsError(GQuark domain, int code) const;
-  };
-  enum class Permission { Unknown, Given, Refused };
-
-  Answer Ask(const Question& question) const;
   bool HearsEventsMadeUp() const;
   Finding Refused(const std::string& what, const std::string& whoMay) const;
 
   std::unique_ptr<GDBusConnection, GObjectRelease> m_pConnection;
-  Permission m_own = Permission::Unknown;
-  Permission m_call = Permission::Unknown;
+  std::optional<bool> m_mayOwn;  // nothing while it is unknown
+  std::optional<bool> m_mayCall;
 };
 
 }  // namespace ondaro::ctl

@@ -1,6 +1,8 @@
 #include <dlfcn.h>
 
+#include <array>
 #include <filesystem>
+#include <functional>
 
 #include "doctor/DoctorChecks.h"
 #include "ondaro/OndaroApi.h"
@@ -51,21 +53,21 @@ Finding CheckVersion() {
   }
   const std::string library = file.substr(found + mark.size());
   if ((headers + ".").rfind(library + ".", 0) != 0) {
-    throw Failure(ExitCode::Failed, "the library is " + library + " (" + file + "), the headers " +
-                                        headers + "; install both of one release");
+    throw Failure("the library is " + library + " (" + file + "), the headers " + headers +
+                  "; install both of one release");
   }
   return {State::Ok, "the library is " + library + ", the headers " + headers};
 }
 
 Finding CheckStore() {
-  for (const std::string key : PROBE_KEYS) {
+  // Below each of the roots that stores keep differently: for good, and until the set is restarted.
+  for (const std::string key : {"db/ondaro-ctl/doctor", "memory/ondaro-ctl/doctor"}) {
     std::string before;
     CPALUtils::SetregGetStr(key, before);
     // No key can be removed: one that was not there stays, empty.
     const bool isKept = KeepsText(key, "probe") && KeepsNumber(key, -1) && KeepsText(key, before);
     if (!isKept) {
-      throw Failure(ExitCode::Failed,
-                    "the settings store does not keep what is written to '" + key + "'" + SeeLog());
+      throw Failure("the settings store does not keep what is written to '" + key + "'" + SeeLog());
     }
   }
   const std::optional<std::string> directory = StateDirectory();
@@ -73,28 +75,14 @@ Finding CheckStore() {
                          (directory ? ", in " + *directory : std::string())};
 }
 
-const char* NameOf(State state) {
-  switch (state) {
-    case State::Ok:
-      return "ok";
-    case State::Failed:
-      return "failed";
-    case State::Absent:
-      return "absent";
-    default:
-      return "unknown";
-  }
-}
-
 /// Runs the checks, prints each, and remembers what to say of them all.
 class Doctor {
  public:
   explicit Doctor(const Output& output) : m_output(output) {}
 
-  template <class Check>
-  static Finding Examine(Check&& check) {
+  static Finding Examine(const std::function<Finding()>& check) {
     try {
-      return std::forward<Check>(check)();
+      return check();
     } catch (const Failure& failure) {
       return {failure.Code() == ExitCode::BusAbsent ? State::Absent : State::Failed,
               failure.what()};
@@ -103,21 +91,22 @@ class Doctor {
     }
   }
 
-  void Print(const std::string& check, const Finding& finding) {
-    constexpr std::size_t STATE_WIDTH = 9;
-    constexpr std::size_t CHECK_WIDTH = 13;
-    const std::string state = NameOf(finding.state);
-    Json::Value object;
-    object["check"] = check;
-    object["state"] = state;
-    object["message"] = JsonText(finding.message);
+  void Check(const std::string& name, const std::function<Finding()>& check) {
+    constexpr std::array<const char*, 4> STATES = {"ok       ", "failed   ", "absent   ",
+                                                   "unknown  "};
+    constexpr std::size_t NAME_WIDTH = 13;
+    const Finding finding = Examine(check);
+    const std::string state = STATES[static_cast<std::size_t>(finding.state)];
     const bool isOk = finding.state == State::Ok;
-    const std::string rest = std::string(STATE_WIDTH - state.size(), ' ') + check +
-                             std::string(CHECK_WIDTH - check.size(), ' ') + finding.message;
-    m_output.Result(object, {isOk ? state : "", isOk ? "" : state, rest});
+    const bool isAbsent = finding.state == State::Absent;
+    m_output.Result(JsonObject({{"check", name},
+                                {"state", state.substr(0, state.find(' '))},
+                                {"message", JsonText(finding.message)}}),
+                    {isOk ? state : "", isOk ? "" : state,
+                     name + std::string(NAME_WIDTH - name.size(), ' ') + finding.message});
     m_failed += finding.state == State::Failed ? 1 : 0;
-    m_absent += finding.state == State::Absent ? 1 : 0;
-    m_lacksDaemon |= finding.state == State::Absent && (check == "bus" || check == "daemon");
+    m_absent += isAbsent ? 1 : 0;
+    m_lacksDaemon |= isAbsent && (name == "bus" || name == "daemon");
   }
 
   void Conclude() const {
@@ -141,36 +130,34 @@ void RunDoctor(const Output& output, const DoctorOptions& options) {
   Doctor doctor(output);
   const Finding description =
       Doctor::Examine([&] { return CheckDescription(options.description); });
-  doctor.Print("version", Doctor::Examine(CheckVersion));
-  doctor.Print("store", Doctor::Examine(CheckStore));
   bool lacksModule = false;
-  doctor.Print("key-system", Doctor::Examine([&] { return CheckKeySystem(lacksModule); }));
-  doctor.Print("device-key", lacksModule
-                                 ? Finding{State::Absent, "needs the decryption module"}
-                                 : Doctor::Examine([&] {
-                                     return CheckDeviceKey(options.keyFile, options.certFile);
-                                   }));
   BusChecks bus;
-  doctor.Print("bus", Doctor::Examine([&] { return bus.Reach(); }));
-  doctor.Print("daemon", Doctor::Examine([&] { return bus.Daemon(); }));
-  doctor.Print("own", Doctor::Examine([&] { return bus.Own(); }));
-  doctor.Print("call", Doctor::Examine([&] { return bus.Call(); }));
-  doctor.Print("hear", Doctor::Examine([&] { return bus.Hear(); }));
-  doctor.Print("description", description);
+  doctor.Check("version", CheckVersion);
+  doctor.Check("store", CheckStore);
+  doctor.Check("key-system", [&] { return CheckKeySystem(lacksModule); });
+  doctor.Check("device-key", [&] {
+    return lacksModule ? Finding{State::Absent, "needs the decryption module"}
+                       : CheckDeviceKey(options.keyFile, options.certFile);
+  });
+  doctor.Check("bus", [&] { return bus.Reach(); });
+  doctor.Check("daemon", [&] { return bus.Daemon(); });
+  doctor.Check("own", [&] { return bus.Own(); });
+  doctor.Check("call", [&] { return bus.Call(); });
+  doctor.Check("hear", [&] { return bus.Hear(); });
+  doctor.Check("description", [&] { return description; });
   doctor.Conclude();
 }
 
 }  // namespace
 
 void AddDoctorVerb(CLI::App& app, Session& session) {
-  auto options = std::make_shared<DoctorOptions>();
-  CLI::App& doctor = *app.add_subcommand("doctor", "Check the set, and say what to do about it");
-  doctor.add_option("--key", options->keyFile, "Check this device key instead of a new one")
+  auto [doctor, options] =
+      AddVerb(app, session, "doctor", "Check the set, and say what to do about it", RunDoctor);
+  doctor.add_option("--key", options.keyFile, "Check this device key instead of a new one")
       ->type_name("FILE");
-  doctor.add_option("--cert", options->certFile, "The certificate of that key")->type_name("FILE");
-  doctor.add_option("--description", options->description, "Check this interface description")
+  doctor.add_option("--cert", options.certFile, "The certificate of that key")->type_name("FILE");
+  doctor.add_option("--description", options.description, "Check this interface description")
       ->type_name("FILE");
-  OnVerb(doctor, session, options, RunDoctor);
 }
 
 }  // namespace ondaro::ctl

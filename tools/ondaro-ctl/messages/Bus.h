@@ -4,8 +4,10 @@
 #include <gio/gio.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 
+#include "support/GLibOwner.h"
 #include "support/MainLoop.h"
 
 namespace ondaro::ctl {
@@ -29,21 +31,41 @@ inline constexpr char WHO_MAY_CALL[] =
     "hear "
     "its events";
 
+/// A question that doctor and messaging put to the bus or the daemon.
+struct BusCall {
+  const char* destination;
+  const char* path;
+  const char* interface;
+  const char* method;
+  GVariant* parameters;  // floating, or null
+};
+BusCall CallBus(const char* method, GVariant* parameters = nullptr);
+BusCall CallDaemon();  // the library asks it the same
+
 /// What came back for a method call.
 struct Reply {
-  std::string errorName;  // empty for an answer that is no error
+  std::shared_ptr<GVariant> value;  // of a call made here, unless it is an error
+  std::string errorName;            // empty for an answer that is no error
   std::string errorMessage;
   bool isOfBus = false;  // the bus answered in place of the one called
 
   bool IsError() const { return !errorName.empty(); }
+
+  /// True when there was no answer in time.
+  bool IsTimeout() const { return errorName == NO_ANSWER; }
 
   /// True when the bus's policy kept the call out.
   bool IsRefusal() const;
 
   /// True when there is nobody to take the call, or nobody any more.
   bool IsFromNobody() const;
+
+  static constexpr char NO_ANSWER[] = "(none)";
 };
 Reply ReplyOf(GDBusMessage* message);
+
+/// Waits for the answer, but only some seconds.
+Reply Ask(GDBusConnection* connection, const BusCall& call);
 
 /// A Failure that says that the bus refused `what`, and what to do.
 [[noreturn]] void FailRefused(const std::string& what, const std::string& whoMay);
@@ -79,42 +101,22 @@ class Bus {
   /// it hands out the application's end, and does not return from that to the loop.
   void WhenDaemonAnswers(Handler then);
 
- private:
-  struct Call {
-    const char* destination;
-    const char* path;
-    const char* interface;
-    const char* method;
-    GVariant* parameters;
-  };
+  /// Calls `handler` with the daemon name's owner now, when there is one, and whenever that
+  /// changes.
+  void WatchOwner(std::function<void(const std::string& owner)> handler);
 
-  void AfterAnswer(const Call& call, Handler then);
+ private:
+  void AfterAnswer(const BusCall& call, Handler then);
   static void OnClosed(GDBusConnection* connection, gboolean remote, GError* error,
                        gpointer userData);
-
-  MainLoop& m_loop;
-  GDBusConnection* m_pConnection;
-  gulong m_nClosedHandler;
-};
-
-/// Calls `handler` with the daemon name's owner now, when there is one, and whenever that changes.
-class OwnerWatch {
- public:
-  using Handler = std::function<void(const std::string& owner)>;
-
-  OwnerWatch(const Bus& bus, MainLoop& loop, Handler handler);
-  ~OwnerWatch() { g_bus_unwatch_name(m_nWatch); }
-
-  OwnerWatch(const OwnerWatch&) = delete;
-  OwnerWatch& operator=(const OwnerWatch&) = delete;
-
- private:
   static void OnOwner(GDBusConnection* connection, const gchar* name, const gchar* owner,
                       gpointer userData);
 
   MainLoop& m_loop;
-  Handler m_handler;
-  guint m_nWatch;
+  GDBusConnection* m_pConnection;
+  gulong m_nClosedHandler;
+  guint m_nOwnerWatch = 0;
+  std::function<void(const std::string& owner)> m_onOwner;
 };
 
 }  // namespace ondaro::ctl

@@ -17,10 +17,7 @@ struct EventOptions {
 };
 
 void Show(Feed& feed, const std::string& event, const std::string& data) {
-  Json::Value object;
-  object["event"] = JsonText(event);
-  object["data"] = JsonText(data);
-  feed.Show(object, event, data);
+  feed.Show(JsonObject({{"event", JsonText(event)}, {"data", JsonText(data)}}), event, data);
 }
 
 /// What the C callback of both ends gets: an event of this name.
@@ -43,14 +40,16 @@ class End {
       m_named.push_back({m_feed, name});
     }
     if (m_named.empty()) {
-      m_all.emplace(m_bus, m_feed.Loop(), IsEvent, [this](GDBusMessage* message) {
-        const char* event = nullptr;
-        const char* data = nullptr;
-        g_variant_get(g_dbus_message_get_body(message), "(&s&s)", &event, &data);
-        // By then the library has answered the call: the last one may end the process.
-        m_bus.AfterRoundTrip([this, name = std::string(event), text = std::string(data)] {
-          Show(m_feed, name, text);
-        });
+      m_all.emplace(m_bus, m_feed.Loop(), [this](GDBusMessage* message, bool isIncoming) {
+        if (IsEvent(message, isIncoming)) {
+          const char* event = nullptr;
+          const char* data = nullptr;
+          g_variant_get(g_dbus_message_get_body(message), "(&s&s)", &event, &data);
+          // By then the library has answered the call: the last one may end the process.
+          m_bus.AfterRoundTrip([this, name = std::string(event), text = std::string(data)] {
+            Show(m_feed, name, text);
+          });
+        }
       });
     }
   }
@@ -68,22 +67,20 @@ class Server : private End {
  public:
   Server(const Output& output, const EventOptions& options)
       : End(output, options),
-        m_refusal(m_bus, m_feed.Loop(), ReplyToNext("RequestName"),
-                  [](GDBusMessage* message) {
-                    if (ReplyOf(message).IsRefusal()) {
-                      FailRefused("the daemon's name", WHO_MAY_OWN);
-                    }
-                  }),
-        m_pHandle(OndaroFactory_GetIpcServerHandle()) {
-    if (m_pHandle == nullptr) {
-      throw Failure(ExitCode::Failed,
-                    "the interface description of the daemon could not be used" + SeeLog());
-    }
+        m_refusal(m_bus, m_feed.Loop(),
+                  OnReplyTo("RequestName",
+                            [](const Reply& reply) {
+                              if (reply.IsRefusal()) {
+                                FailRefused("the daemon's name", WHO_MAY_OWN);
+                              }
+                            })),
+        m_pHandle(Require(OndaroFactory_GetIpcServerHandle(),
+                          "the interface description of the daemon could not be used")) {
     for (Named& named : m_named) {
       OndaroApi_IpcServer_RegisterEventHandler(m_pHandle, named.name.c_str(), Named::OnEvent,
                                                &named);
     }
-    m_owner.emplace(m_bus, m_feed.Loop(), [this](const std::string& owner) { OwnedBy(owner); });
+    m_bus.WatchOwner([this](const std::string& owner) { OwnedBy(owner); });
   }
 
   ~Server() { OndaroApi_IpcServer_UnregisterEventHandler(m_pHandle); }
@@ -109,9 +106,9 @@ class Server : private End {
     // The library learns of its name no later than that.
     m_bus.AfterRoundTrip([this] {
       m_feed.Out().Ready();
-      if (!m_lines) {
-        m_lines.emplace(
-            m_feed.Loop(), m_input, [this](std::string_view line) { Send(line); }, [] {});
+      if (!std::exchange(m_isReading, true)) {
+        m_input.Follow(
+            m_feed.Loop(), [this](std::string_view line) { Send(line); }, [] {});
       }
     });
   }
@@ -135,10 +132,9 @@ class Server : private End {
 
   MessageWatch m_refusal;
   OndaroApi_IpcServer_h m_pHandle;
-  std::optional<OwnerWatch> m_owner;
   bool m_hasQueued = false;
+  bool m_isReading = false;
   LineReader m_input{"-"};
-  std::optional<LineSource> m_lines;
 };
 
 // ---- The application's end ----------------------------------------------------------------------
@@ -170,9 +166,8 @@ class Listener : private End {
       Register();
       m_bus.AfterRoundTrip([this] {
         m_feed.Out().Ready();
-        m_owner.emplace(m_bus, m_feed.Loop(), [this](const std::string& /*owner*/) {
-          m_bus.WhenDaemonAnswers(RequireHeard);
-        });
+        m_bus.WatchOwner(
+            [this](const std::string& /*owner*/) { m_bus.WhenDaemonAnswers(RequireHeard); });
       });
     });
     m_feed.Run();
@@ -192,17 +187,18 @@ class Listener : private End {
   }
 
   OndaroApi_IpcClient_h m_pHandle = nullptr;
-  std::optional<OwnerWatch> m_owner;
 };
 
 template <class Which>
+void RunEnd(const Output& output, const EventOptions& options) {
+  Which(output, options).Run();
+}
+
+template <class Which>
 void AddEnd(CLI::App& app, Session& session, const char* name, const char* description) {
-  auto options = std::make_shared<EventOptions>();
-  CLI::App& verb = *app.add_subcommand(name, description);
-  verb.add_option("EVENT", options->names, "Names of the events to print; all when left out");
-  AddLimits(verb, options->limits);
-  OnVerb(verb, session, options,
-         [](const Output& output, const EventOptions& given) { Which(output, given).Run(); });
+  auto [verb, options] = AddVerb(app, session, name, description, RunEnd<Which>);
+  verb.add_option("EVENT", options.names, "Names of the events to print; all when left out");
+  AddLimits(verb, options.limits);
 }
 
 }  // namespace

@@ -8,7 +8,6 @@ namespace ondaro::ctl {
 /// Shared with the bus's own thread, which may still hold it when the watch is gone.
 struct MessageWatchState {
   MainLoop& loop;
-  MessageWatch::Choice choice;    // the bus's thread only
   MessageWatch::Handler handler;  // the loop's thread only; empty when the watch is gone
 };
 
@@ -16,9 +15,10 @@ namespace {
 
 using State = std::shared_ptr<MessageWatchState>;
 
-struct Chosen {
+struct Seen {
   State state;
   std::unique_ptr<GDBusMessage, GObjectRelease> message;
+  bool isIncoming;
 };
 
 // What one thread gives to GLib and another gets from it is ordered by GLib's locks. Where GLib is
@@ -44,31 +44,27 @@ void Drop(gpointer given) {
 }
 
 gboolean Deliver(gpointer userData) {
-  const auto& [state, message] = Get<Chosen>(userData);
-  const MessageWatch::Handler handler = state->handler;
+  const auto& seen = Get<Seen>(userData);
+  const MessageWatch::Handler handler = seen.state->handler;
   if (handler) {
-    state->loop.Protect([&, taken = message.get()] { handler(taken); });
+    seen.state->loop.Protect([&] { handler(seen.message.get(), seen.isIncoming); });
   }
   return G_SOURCE_REMOVE;
 }
 
 GDBusMessage* OnMessage(GDBusConnection* /*connection*/, GDBusMessage* message, gboolean isIncoming,
                         gpointer userData) {
-  const auto& state = Get<State>(userData);
-  if (state->choice(message, isIncoming != FALSE)) {
-    Chosen chosen{state, {}};
-    chosen.message.reset(G_DBUS_MESSAGE(g_object_ref(message)));
-    g_idle_add_full(G_PRIORITY_DEFAULT, Deliver, Give(std::move(chosen)), Drop<Chosen>);
-  }
+  Seen seen{Get<State>(userData), {}, isIncoming != FALSE};
+  seen.message.reset(G_DBUS_MESSAGE(g_object_ref(message)));
+  g_idle_add_full(G_PRIORITY_DEFAULT, Deliver, Give(std::move(seen)), Drop<Seen>);
   return message;
 }
 
 }  // namespace
 
-MessageWatch::MessageWatch(const Bus& bus, MainLoop& loop, Choice choice, Handler handler)
+MessageWatch::MessageWatch(const Bus& bus, MainLoop& loop, Handler handler)
     : m_pConnection(bus.Connection()),
-      m_pState(std::make_shared<MessageWatchState>(
-          MessageWatchState{loop, std::move(choice), std::move(handler)})),
+      m_pState(std::make_shared<MessageWatchState>(MessageWatchState{loop, std::move(handler)})),
       m_nFilter(
           g_dbus_connection_add_filter(m_pConnection, OnMessage, Give(m_pState), Drop<State>)) {}
 
@@ -77,12 +73,14 @@ MessageWatch::~MessageWatch() {
   g_dbus_connection_remove_filter(m_pConnection, m_nFilter);
 }
 
-MessageWatch::Choice ReplyToNext(const std::string& method) {
-  return [method, serial = guint32{0}](GDBusMessage* message, bool isIncoming) mutable {
-    if (!isIncoming && serial == 0 && method == g_dbus_message_get_member(message)) {
-      serial = g_dbus_message_get_serial(message);
+MessageWatch::Handler OnReplyTo(const std::string& method, Bus::Handler then) {
+  const auto serial = std::make_shared<guint32>(0);
+  return [method, then = std::move(then), serial](GDBusMessage* message, bool isIncoming) {
+    if (!isIncoming && g_strcmp0(g_dbus_message_get_member(message), method.c_str()) == 0) {
+      *serial = g_dbus_message_get_serial(message);
+    } else if (isIncoming && *serial != 0 && g_dbus_message_get_reply_serial(message) == *serial) {
+      then(ReplyOf(message));
     }
-    return isIncoming && serial != 0 && g_dbus_message_get_reply_serial(message) == serial;
   };
 }
 

@@ -12,12 +12,10 @@ namespace ondaro::ctl {
 /// library keeps the outcome of its own calls to itself, and events without a handler.
 class MessageWatch {
  public:
-  /// Says whether to hand a message on. Runs on the bus's own thread.
-  using Choice = std::function<bool(GDBusMessage* message, bool isIncoming)>;
-  /// Takes a message chosen, in the loop.
-  using Handler = std::function<void(GDBusMessage* message)>;
+  /// Takes a message, in the loop; one that is not incoming goes out.
+  using Handler = std::function<void(GDBusMessage* message, bool isIncoming)>;
 
-  MessageWatch(const Bus& bus, MainLoop& loop, Choice choice, Handler handler);
+  MessageWatch(const Bus& bus, MainLoop& loop, Handler handler);
   ~MessageWatch();
 
   MessageWatch(const MessageWatch&) = delete;
@@ -29,10 +27,10 @@ class MessageWatch {
   guint m_nFilter;
 };
 
-/// Chooses the reply to the next call of `method`.
-MessageWatch::Choice ReplyToNext(const std::string& method);
+/// Takes the reply to the latest call of `method`, whoever in the process made it.
+MessageWatch::Handler OnReplyTo(const std::string& method, Bus::Handler then);
 
-/// Chooses the events that arrive, by method call or by signal.
+/// True for an event that arrives, by method call or by signal.
 bool IsEvent(GDBusMessage* message, bool isIncoming);
 
 }  // namespace ondaro::ctl

@@ -30,17 +30,16 @@ void RequireSuccess(const Reply& reply) {
   if (reply.IsRefusal()) {
     FailRefused("the event", WHO_MAY_CALL);
   }
-  throw Failure(ExitCode::Failed, std::string(reply.isOfBus ? "the bus" : "the daemon") +
-                                      " answered with an error, " + reply.errorName + ": " +
-                                      reply.errorMessage);
+  throw Failure(std::string(reply.isOfBus ? "the bus" : "the daemon") +
+                " answered with an error, " + reply.errorName + ": " + reply.errorMessage);
 }
 
 void StartSending(const std::string& event, const std::string& data) {
   if (OndaroApi_IpcClient_SendDataToServer(Client(), event.c_str(), data.c_str()) != 0) {
-    throw Failure(ExitCode::Failed,
-                  "the event was not sent: event and data must be UTF-8 and "
-                  "together shorter than 32 MiB" +
-                      SeeLog());
+    throw Failure(
+        "the event was not sent: event and data must be UTF-8 and "
+        "together shorter than 32 MiB" +
+        SeeLog());
   }
 }
 
@@ -59,15 +58,15 @@ class Sender {
   void Send(const std::string& event, const std::string& data) {
     constexpr double PATIENCE = 25.0;
     std::optional<Reply> answer;
-    const MessageWatch watch(m_bus, m_loop, ReplyToNext(DAEMON_METHOD), [&](GDBusMessage* message) {
-      answer = ReplyOf(message);
-      // The library gets to see the reply before the tool ends.
-      m_bus.AfterRoundTrip([&] { m_loop.Stop(); });
-    });
+    const MessageWatch watch(m_bus, m_loop, OnReplyTo(DAEMON_METHOD, [&](const Reply& reply) {
+                               answer = reply;
+                               // The library gets to see the reply before the tool ends.
+                               m_bus.AfterRoundTrip([&] { m_loop.Stop(); });
+                             }));
     m_bus.WhenDaemonAnswers([&](const Reply& /*reply*/) { StartSending(event, data); });
     m_loop.Run(m_end ? SecondsUntil(*m_end) : PATIENCE, "the daemon did not answer in time");
     if (!answer) {
-      throw Failure(ExitCode::Failed, "interrupted before the daemon answered");
+      throw Failure("interrupted before the daemon answered");
     }
     RequireSuccess(*answer);
   }
@@ -76,7 +75,7 @@ class Sender {
     while (SecondsUntil(moment) > 0) {
       const gint64 next = std::min(moment, m_end.value_or(moment));
       if (m_loop.RunFor(std::min(LONGEST_TIMEOUT, SecondsUntil(next)))) {
-        throw Failure(ExitCode::Failed, "interrupted before all was sent");
+        throw Failure("interrupted before all was sent");
       }
       if (m_end && SecondsUntil(*m_end) <= 0) {
         throw Failure(ExitCode::TimedOut, "the time is over");
@@ -129,18 +128,17 @@ void RunSend(const Output& output, const SendOptions& options) {
 }  // namespace
 
 void AddSendVerb(CLI::App& app, Session& session) {
-  auto options = std::make_shared<SendOptions>();
-  CLI::App& send = *app.add_subcommand("send", "Be an application: send events to the daemon");
-  send.add_option("EVENT", options->event, "The event's name");
-  send.add_option("DATA", options->data, "The event's data");
+  auto [send, options] =
+      AddVerb(app, session, "send", "Be an application: send events to the daemon", RunSend);
+  send.add_option("EVENT", options.event, "The event's name");
+  send.add_option("DATA", options.data, "The event's data");
   CLI::Option* const replay =
-      send.add_option("--replay", options->recording,
+      send.add_option("--replay", options.recording,
                       "Send what 'listen --json' printed, at its pace; '-' for standard input")
           ->type_name("FILE");
-  AddSpeed(send, options->speed).needs(replay);
-  AddTimeout(send, options->seconds,
+  AddSpeed(send, options.speed).needs(replay);
+  AddTimeout(send, options.seconds,
              "Give up after SECONDS in all, with exit code 5;\n25 for each answer when left out");
-  OnVerb(send, session, options, RunSend);
 }
 
 }  // namespace ondaro::ctl

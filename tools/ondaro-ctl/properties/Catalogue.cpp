@@ -1,22 +1,16 @@
 #include "properties/Catalogue.h"
 
-#include <cctype>
+#include <algorithm>
 #include <numeric>
 
 #include "support/ExitCode.h"
+#include "support/GLibOwner.h"
 
 namespace ondaro::ctl {
 namespace {
 
-std::string UpperCase(std::string_view text) {
-  std::string upper(text);
-  std::transform(upper.begin(), upper.end(), upper.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-  return upper;
-}
-
 /// How many characters must be put in, left out or exchanged to turn one text into the other.
-std::size_t Distance(std::string_view from, std::string_view to) {
+std::size_t Distance(const std::string& from, const std::string& to) {
   std::vector<std::size_t> row(to.size() + 1);
   std::iota(row.begin(), row.end(), std::size_t{0});
   for (std::size_t i = 0; i < from.size(); ++i) {
@@ -31,17 +25,42 @@ std::size_t Distance(std::string_view from, std::string_view to) {
   return row.back();
 }
 
+std::string UpperCase(const std::string& text) {
+  return GLibText(g_ascii_strup(text.data(), static_cast<gssize>(text.size()))).get();
+}
+
 bool IsNear(const std::string& wanted, const std::string& known) {
   constexpr std::size_t SHORTEST_PART = 3;
-  if (wanted.size() >= SHORTEST_PART && known.find(wanted) != std::string::npos) {
-    return true;
-  }
-  return Distance(wanted, known) <= std::max<std::size_t>(1, known.size() / 4);
+  const bool isPart = wanted.size() >= SHORTEST_PART && known.find(wanted) != std::string::npos;
+  return isPart || Distance(wanted, known) <= std::max<std::size_t>(1, known.size() / 4);
 }
+
+const std::vector<std::string> FLAG = {"true", "false"};
+const std::vector<std::string> USAGE = {"false", "default", "true", "set"};
 
 }  // namespace
 
-std::string Suggest(std::string_view wanted, const std::vector<std::string>& known) {
+const std::vector<Property> CATALOGUE = {
+    {"ONDARO_CLEAR_DATA", "rwe", "db/menu/network/ondaro_clear_data", FLAG},
+    {"ONDARO_ENABLE_USAGE_RPT", "rwe", "db/menu/network/ondaro_enable_usage_rpt", USAGE},
+    {"ONDARO_ENROLLMENT", "rwe", "db/ondaro/property/enterprise_enrollment", {}},
+    {"ONDARO_INIT", "rw", "db/menu/network/ondaro_init", FLAG},
+    {"ONDARO_SET_PROCESS_GRP", "w", "", {}},
+    {"ONDARO_STATUS", "rwe", "memory/menu/network/ondaro_status", {}},
+    {"ONDARO_SUPPORT", "rwe", "db/menu/network/ondaro_support", FLAG},
+    {"ONDARO_TOS_STATUS", "rwe", "db/menu/network/ondaro_tos_status", {}},
+    {"SDR", "r", "", {}},
+    {"SYSTEM_ID", "r", "", {}},
+    {"TARGET_REPOSITORY", "r", "", {}},
+    {"WIDEVINE_ONDARO_SUPPORT", "rwe", "db/ondaro/property/widevine_ondaro_support", {}},
+    {"WIDEVINE_ONDARO_VERSION", "rwe", "db/ondaro/property/widevine_ondaro_version", {}},
+};
+
+bool Property::Takes(const std::string& value) const {
+  return words.empty() || std::find(words.begin(), words.end(), value) != words.end();
+}
+
+std::string Suggest(const std::string& wanted, const std::vector<std::string>& known) {
   std::string offer;
   for (const std::string& candidate : known) {
     if (IsNear(UpperCase(wanted), UpperCase(candidate))) {
@@ -52,49 +71,30 @@ std::string Suggest(std::string_view wanted, const std::vector<std::string>& kno
   return offer.empty() ? offer : offer + "?";
 }
 
-const Property& FindProperty(std::string_view name) {
-  const auto* const found = std::find_if(CATALOGUE.begin(), CATALOGUE.end(),
-                                         [&](const Property& p) { return p.name == name; });
-  if (found != CATALOGUE.end()) {
-    return *found;
-  }
+const Property& FindProperty(const std::string& name) {
   std::vector<std::string> names;
-  names.reserve(CATALOGUE.size());
   for (const Property& property : CATALOGUE) {
-    names.emplace_back(property.name);
+    if (property.name == name) {
+      return property;
+    }
+    names.push_back(property.name);
   }
   const std::string offer = Suggest(name, names);
   throw Failure(ExitCode::NoSuchProperty,
-                "there is no property '" + std::string(name) + "'" +
+                "there is no property '" + name + "'" +
                     (offer.empty() ? "; 'ondaro-ctl list' shows them all" : offer));
 }
 
-std::vector<std::string_view> WordsOf(const Property& property) {
-  switch (property.kind) {
-    case Kind::Flag:
-      return {"true", "false"};
-    case Kind::Usage:
-      return {"false", "default", "true", "set"};
-    default:
-      return {};
-  }
-}
-
-bool Takes(const Property& property, std::string_view value) {
-  const auto words = WordsOf(property);
-  return words.empty() || std::find(words.begin(), words.end(), value) != words.end();
-}
-
-void RequireTaken(const Property& property, std::string_view value, const std::string& advice) {
-  if (Takes(property, value)) {
+void RequireTaken(const Property& property, const std::string& value, const std::string& advice) {
+  if (property.Takes(value)) {
     return;
   }
   std::string known;
-  for (const std::string_view word : WordsOf(property)) {
-    known += " " + std::string(word);
+  for (const std::string& word : property.words) {
+    known += " " + word;
   }
-  throw Failure(ExitCode::Usage, std::string(property.name) + " has no word '" +
-                                     std::string(value) + "'; it has:" + known + advice);
+  throw Failure(ExitCode::Usage,
+                property.name + " has no word '" + value + "'; it has:" + known + advice);
 }
 
 }  // namespace ondaro::ctl

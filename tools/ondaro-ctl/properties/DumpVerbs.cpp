@@ -17,16 +17,16 @@ struct LoadOptions {
   bool force = false;
 };
 
-void Dump(const Output& output, const LoadOptions&) {
+void Dump(const Output& output, const NoOptions&) {
   Json::Value object(Json::objectValue);
   for (const Property& property : CATALOGUE) {
     if (!property.IsReadable()) {
       continue;
     }
-    const std::string name(property.name);
+    const std::string& name = property.name;
     const std::optional<std::string> value = Read(property);
     // Written back, a number that has no word would not give itself again.
-    if (!value || !Takes(property, *value)) {
+    if (!value || !property.Takes(*value)) {
       output.Note(name + (!value && IsUnset(property) ? " is not set" : " cannot be read") +
                   "; left out");
     } else if (output.IsJson()) {
@@ -55,7 +55,7 @@ class Input {
   const std::vector<Assignment>& Assignments() const { return m_assignments; }
 
  private:
-  [[noreturn]] void Fail(ExitCode code, const std::string& reason) const {
+  [[noreturn]] void Fail(const std::string& reason, ExitCode code = ExitCode::Failed) const {
     throw Failure(code, m_reader.Place() + ": " + reason + "; nothing was written");
   }
 
@@ -70,27 +70,26 @@ class Input {
     const std::size_t space = std::min(line.find(' '), line.size());
     const auto value = Decode(line.substr(std::min(space + 1, line.size())));
     if (!value) {
-      Fail(ExitCode::Failed,
-           R"(control characters and backslashes are written as \n, \r, \t, \xHH and \\)");
+      Fail(R"(control characters and backslashes are written as \n, \r, \t, \xHH and \\)");
     }
-    Add(line.substr(0, space), *value);
+    Add(std::string(line.substr(0, space)), *value);
   }
 
   void ParseObject(std::string_view line) {
     const std::optional<Json::Value> object = ParseJsonObject(line);
     if (!object) {
-      Fail(ExitCode::Failed, "no object as 'ondaro-ctl dump --json' prints it");
+      Fail("no object as 'ondaro-ctl dump --json' prints it");
     }
     for (const std::string& name : object->getMemberNames()) {
-      if (!(*object)[name].isString() ||
-          (*object)[name].asString().find('\0') != std::string::npos) {
-        Fail(ExitCode::Failed, "the value of " + name + " is no text");
+      const Json::Value& value = (*object)[name];
+      if (!value.isString() || value.asString().find('\0') != std::string::npos) {
+        Fail("the value of " + name + " is no text");
       }
-      Add(name, (*object)[name].asString());
+      Add(name, value.asString());
     }
   }
 
-  void Add(std::string_view name, const std::string& value) {
+  void Add(const std::string& name, const std::string& value) {
     try {
       const Property& property = FindProperty(name);
       if (!m_force) {
@@ -98,7 +97,7 @@ class Input {
       }
       m_assignments.push_back({&property, value});
     } catch (const Failure& failure) {
-      Fail(failure.Code(), failure.what());
+      Fail(failure.what(), failure.Code());
     }
   }
 
@@ -107,42 +106,35 @@ class Input {
   std::vector<Assignment> m_assignments;
 };
 
-/// A dump holds what can only be read as well; and a process group is nothing to be restored.
-bool IsLoadable(const Property& property) {
-  return property.IsWritable() && property.kind != Kind::ProcessGroup;
-}
-
 void Load(const Output& output, const LoadOptions& options) {
   std::size_t written = 0;
   std::size_t failed = 0;
   const Input input(options);
   for (const auto& [property, value] : input.Assignments()) {
-    const std::string name(property->name);
-    if (!IsLoadable(*property)) {
-      output.Note(name + " cannot be loaded; skipped");
+    // A dump holds what can only be read as well; and a process group is nothing to be restored.
+    if (!property->IsReadable() || !property->IsWritable()) {
+      output.Note(property->name + " cannot be loaded; skipped");
     } else if (Write(*property, value)) {
       ++written;
     } else {
       ++failed;
-      output.Error(name + " could not be written");
+      output.Error(property->name + " could not be written");
     }
   }
   output.Note(Count(written, "property") + " loaded");
   if (failed != 0) {
-    throw Failure(ExitCode::Failed, Count(failed, "property") + " not written" + SeeLog());
+    throw Failure(Count(failed, "property") + " not written" + SeeLog());
   }
 }
 
 }  // namespace
 
 void AddDumpVerbs(CLI::App& app, Session& session) {
-  auto options = std::make_shared<LoadOptions>();
-  OnVerb(*app.add_subcommand("dump", "Print every property for 'load'"), session, options, Dump);
+  AddVerb(app, session, "dump", "Print every property for 'load'", Dump);
 
-  CLI::App& load = *app.add_subcommand("load", "Write what 'dump' printed");
-  load.add_option("FILE", options->path, "The dump; standard input when left out or '-'");
-  load.add_flag("--force", options->force, "Write words that properties do not have as well");
-  OnVerb(load, session, options, Load);
+  auto [load, options] = AddVerb(app, session, "load", "Write what 'dump' printed", Load);
+  load.add_option("FILE", options.path, "The dump; standard input when left out or '-'");
+  load.add_flag("--force", options.force, "Write words that properties do not have as well");
 }
 
 }  // namespace ondaro::ctl

@@ -14,6 +14,9 @@ using NOndaroPAL::CPALUtils;
 // What a read that failed yields. It may be a value as well.
 constexpr std::string_view READ_FAILED = "error";
 
+// Where a backend that keeps its state in a directory tells which; others have no such key.
+constexpr char STATE_DIRECTORY_KEY[] = "host/state-directory";
+
 struct DestroyValue {
   void operator()(const char* value) const noexcept {
     OndaroApi_SystemConfig_DestroyProperty(value);
@@ -23,33 +26,20 @@ struct DestroyValue {
 /// Whether READ_FAILED is what the set really holds: asked of the property's source itself.
 bool HoldsReadFailed(const Property& property) {
   std::string value;
-  switch (property.kind) {
-    case Kind::Text:
-      return CPALUtils::SetregGetStr(property.key, value) && value == READ_FAILED;
-    case Kind::SystemId:
-      return OndaroFactory_GetCoreAuthHandle() != nullptr &&
-             NOndaroPAL::GetCoreAuth().GetSystemID(value) && value == READ_FAILED;
-    default:
-      return false;
-  }
+  const bool isRead = property.name == "SYSTEM_ID"
+                          ? OndaroFactory_GetCoreAuthHandle() != nullptr &&
+                                NOndaroPAL::GetCoreAuth().GetSystemID(value)
+                          : !property.key.empty() && property.words.empty() &&
+                                CPALUtils::SetregGetStr(property.key, value);
+  return isRead && value == READ_FAILED;
 }
 
 void Ignore(platform_settings_node* /*node*/, void* /*userData*/) {}
 
 /// The registration itself does not tell whether it succeeded.
-bool StoreTakesSubscribers(const char* key) {
+bool StoreTakesSubscribers(const std::string& key) {
   return CPALUtils::RegisterSetregChangedCb(key, Ignore, nullptr) &&
          CPALUtils::DeregisterSetregChangedCb(key, Ignore);
-}
-
-std::string NamesWithEvents() {
-  std::string names;
-  for (const Property& property : CATALOGUE) {
-    if (property.hasEvents) {
-      names += " " + std::string(property.name);
-    }
-  }
-  return names;
 }
 
 }  // namespace
@@ -65,58 +55,55 @@ std::string SeeLog() {
 }
 
 OndaroApi_SystemConfig_h SystemConfig() {
-  const OndaroApi_SystemConfig_h handle = OndaroFactory_GetSystemConfigHandle();
-  if (handle == nullptr) {
-    throw Failure(ExitCode::Failed, "the property service could not be created" + SeeLog());
-  }
-  return handle;
+  return Require(OndaroFactory_GetSystemConfigHandle(),
+                 "the property service could not be created");
 }
 
 OndaroApi_IpcClient_h Client() {
-  const OndaroApi_IpcClient_h handle = OndaroFactory_GetIpcClientHandle();
-  if (handle == nullptr) {
-    throw Failure(ExitCode::BusAbsent,
-                  "the messaging could not be set up on the system bus" + SeeLog());
-  }
-  return handle;
+  return Require(OndaroFactory_GetIpcClientHandle(),
+                 "the messaging could not be set up on the system bus", ExitCode::BusAbsent);
+}
+
+NOndaroAPI::CCoreAuth& CoreAuth() {
+  Require(OndaroFactory_GetCoreAuthHandle(), "device authentication could not be opened");
+  return NOndaroPAL::GetCoreAuth();
 }
 
 std::optional<std::string> Read(const Property& property) {
   std::uint32_t length = 0;
-  const std::unique_ptr<const char, DestroyValue> buffer(OndaroApi_SystemConfig_GetProperty(
-      SystemConfig(), std::string(property.name).c_str(), &length));
+  const std::unique_ptr<const char, DestroyValue> buffer(
+      OndaroApi_SystemConfig_GetProperty(SystemConfig(), property.name.c_str(), &length));
   if (buffer == nullptr) {
     return std::nullopt;
   }
   std::string value(buffer.get(), length);
-  if (value == READ_FAILED && !HoldsReadFailed(property)) {
-    return std::nullopt;
-  }
-  return value;
+  const bool hasFailed = value == READ_FAILED && !HoldsReadFailed(property);
+  return hasFailed ? std::nullopt : std::optional(value);
 }
 
 bool IsUnset(const Property& property) {
   std::string text;
   int number = 0;
-  return property.key != nullptr && !CPALUtils::SetregGetStr(property.key, text) &&
+  return !property.key.empty() && !CPALUtils::SetregGetStr(property.key, text) &&
          !CPALUtils::SetregGetInt(property.key, number) && StoreTakesSubscribers(property.key);
 }
 
 bool Write(const Property& property, const std::string& value) {
-  return OndaroApi_SystemConfig_SetProperty(SystemConfig(), std::string(property.name).c_str(),
-                                            value.c_str());
+  return OndaroApi_SystemConfig_SetProperty(SystemConfig(), property.name.c_str(), value.c_str());
 }
 
 PropertySubscription::PropertySubscription(MainLoop& loop, const Property& property,
                                            Handler handler)
     : m_loop(loop), m_name(property.name), m_handler(std::move(handler)) {
-  if (!property.hasEvents) {
-    throw Failure(ExitCode::Failed,
-                  m_name + " has no change events; these have:" + NamesWithEvents());
+  if (!property.HasEvents()) {
+    std::string others;
+    for (const Property& other : CATALOGUE) {
+      others += other.HasEvents() ? " " + other.name : "";
+    }
+    throw Failure(m_name + " has no change events; these have:" + others);
   }
   if (!StoreTakesSubscribers(property.key)) {
-    throw Failure(ExitCode::Failed,
-                  "the settings store refused the subscription to " + m_name + SeeLog());
+    throw Failure("the settings store refused the subscription to " + m_name + SeeLog());
   }
   OndaroApi_SystemConfig_RegisterEventHandler(SystemConfig(), m_name.c_str(), OnChanged, this);
 }

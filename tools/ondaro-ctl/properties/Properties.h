@@ -6,7 +6,9 @@
 #include <string>
 
 #include "ondaro/OndaroApi.h"
+#include "ondaro/api/CCoreAuth.h"
 #include "properties/Catalogue.h"
+#include "support/ExitCode.h"
 #include "support/MainLoop.h"
 
 namespace ondaro::ctl {
@@ -17,11 +19,20 @@ std::optional<std::string> StateDirectory();
 /// The end of a message: where the reason of what failed is to be seen.
 std::string SeeLog();
 
+/// What a factory of the library gave; a Failure for nothing.
+template <class Handle>
+Handle Require(Handle handle, const char* reason, ExitCode code = ExitCode::Failed) {
+  return handle != nullptr ? handle : throw Failure(code, reason + SeeLog());
+}
+
 /// The property service of this process; a Failure when it cannot be had.
 OndaroApi_SystemConfig_h SystemConfig();
 
 /// The application's end of the messaging in this process; a Failure when it cannot be had.
 OndaroApi_IpcClient_h Client();
+
+/// The device authentication of this process; a Failure when it cannot be had.
+NOndaroAPI::CCoreAuth& CoreAuth();
 
 /// The property's value; nothing when it could not be read.
 std::optional<std::string> Read(const Property& property);

@@ -17,34 +17,29 @@ void Get(const Output& output, const std::vector<std::string>& names) {
   for (const std::string& name : names) {
     properties.push_back(&FindProperty(name));
     if (!properties.back()->IsReadable()) {
-      throw Failure(ExitCode::Failed, name + " can only be written");
+      throw Failure(name + " can only be written");
     }
   }
   for (const Property* property : properties) {
-    const std::string name(property->name);
     const std::optional<std::string> value = Read(*property);
     if (!value) {
-      throw Failure(ExitCode::Failed, IsUnset(*property)
-                                          ? name + " is not set; 'ondaro-ctl set' sets it"
-                                          : name + " could not be read" + SeeLog());
+      throw Failure(property->name + (IsUnset(*property) ? " is not set; 'ondaro-ctl set' sets it"
+                                                         : " could not be read" + SeeLog()));
     }
-    Json::Value object;
-    object["name"] = name;
-    object["value"] = JsonText(*value);
-    output.Value(object, *value);
+    output.Value(JsonObject({{"name", property->name}, {"value", JsonText(*value)}}), *value);
   }
 }
 
 void Set(const Output& /*output*/, const SetOptions& options) {
   const Property& property = FindProperty(options.name);
   if (!property.IsWritable()) {
-    throw Failure(ExitCode::Failed, options.name + " can only be read");
+    throw Failure(options.name + " can only be read");
   }
   if (!options.force) {
     RequireTaken(property, options.value, "; --force stores false for it");
   }
   if (!Write(property, options.value)) {
-    throw Failure(ExitCode::Failed, options.name + " could not be written" + SeeLog());
+    throw Failure(options.name + " could not be written" + SeeLog());
   }
 }
 
@@ -66,24 +61,10 @@ State StateOf(const Property& property) {
                            : State{"unreadable", "(cannot be read)", {}};
 }
 
-Json::Value Describe(const Property& property, const State& state) {
-  Json::Value object;
-  object["name"] = std::string(property.name);
-  object["value"] = state.value;
-  object["state"] = state.name;
-  object["writable"] = property.IsWritable();
-  object["events"] = property.hasEvents;
-  object["words"] = Json::arrayValue;
-  for (const std::string_view word : WordsOf(property)) {
-    object["words"].append(std::string(word));
-  }
-  return object;
-}
-
 bool Matches(const Property& property, const std::string& pattern) {
   const bool isPart = pattern.find_first_of("*?[") == std::string::npos;
-  return fnmatch((isPart ? "*" + pattern + "*" : pattern).c_str(),
-                 std::string(property.name).c_str(), FNM_CASEFOLD) == 0;
+  return fnmatch((isPart ? "*" + pattern + "*" : pattern).c_str(), property.name.c_str(),
+                 FNM_CASEFOLD) == 0;
 }
 
 void List(const Output& output, const std::string& pattern) {
@@ -99,7 +80,15 @@ void List(const Output& output, const std::string& pattern) {
     }
     isAny = true;
     const State state = StateOf(property);
-    Json::Value object = Describe(property, state);
+    Json::Value object = JsonObject({{"name", property.name},
+                                     {"value", state.value},
+                                     {"state", state.name},
+                                     {"writable", property.IsWritable()},
+                                     {"events", property.HasEvents()},
+                                     {"words", Json::arrayValue}});
+    for (const std::string& word : property.words) {
+      object["words"].append(word);
+    }
     if (directory) {
       object["state_directory"] = JsonText(*directory);
     }
@@ -115,22 +104,16 @@ void List(const Output& output, const std::string& pattern) {
 }  // namespace
 
 void AddPropertyVerbs(CLI::App& app, Session& session) {
-  auto names = std::make_shared<std::vector<std::string>>();
-  CLI::App& get = *app.add_subcommand("get", "Print values of properties, a line each");
-  get.add_option("NAME", *names, "The properties")->required();
-  OnVerb(get, session, names, Get);
+  auto [get, names] = AddVerb(app, session, "get", "Print values of properties, a line each", Get);
+  get.add_option("NAME", names, "The properties")->required();
 
-  auto options = std::make_shared<SetOptions>();
-  CLI::App& set = *app.add_subcommand("set", "Write a property");
-  set.add_option("NAME", options->name, "The property")->required();
-  set.add_option("VALUE", options->value, "Its new value")->required();
-  set.add_flag("--force", options->force, "Write a word that it does not have: stored as false");
-  OnVerb(set, session, options, Set);
+  auto [set, options] = AddVerb(app, session, "set", "Write a property", Set);
+  set.add_option("NAME", options.name, "The property")->required();
+  set.add_option("VALUE", options.value, "Its new value")->required();
+  set.add_flag("--force", options.force, "Write a word that it does not have: stored as false");
 
-  auto pattern = std::make_shared<std::string>();
-  CLI::App& list = *app.add_subcommand("list", "Print properties with their values");
-  list.add_option("PATTERN", *pattern, "A part of their names, or a pattern as the shell's");
-  OnVerb(list, session, pattern, List);
+  auto [list, pattern] = AddVerb(app, session, "list", "Print properties with their values", List);
+  list.add_option("PATTERN", pattern, "A part of their names, or a pattern as the shell's");
 }
 
 }  // namespace ondaro::ctl

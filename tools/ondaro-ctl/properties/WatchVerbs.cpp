@@ -1,4 +1,5 @@
 #include <list>
+#include <set>
 
 #include "properties/Properties.h"
 #include "support/Feed.h"
@@ -12,33 +13,23 @@ struct WatchOptions {
   Limits limits;
 };
 
-Json::Value OrNull(const std::optional<std::string>& value) {
-  return value ? JsonText(*value) : Json::Value();
-}
-
 void Show(Feed& feed, const Property& property, std::optional<std::string>& value,
           const std::string& changed) {
-  Json::Value object;
-  object["name"] = std::string(property.name);
-  object["old"] = OrNull(value);
-  object["new"] = JsonText(changed);
-  feed.Show(object, property.name, value.value_or("(unknown)") + " → " + changed);
+  feed.Show(
+      JsonObject({{"name", property.name}, {"old", JsonOrNull(value)}, {"new", JsonText(changed)}}),
+      property.name, value.value_or("(unknown)") + " → " + changed);
   value = changed;
 }
 
-std::vector<const Property*> Selected(const std::vector<std::string>& names) {
-  std::vector<const Property*> selected;
-  const auto add = [&](const Property& property) {
-    if (std::find(selected.begin(), selected.end(), &property) == selected.end()) {
-      selected.push_back(&property);
-    }
-  };
+/// Each once, also when it is named twice.
+std::set<const Property*> Selected(const std::vector<std::string>& names) {
+  std::set<const Property*> selected;
   for (const std::string& name : names) {
-    add(FindProperty(name));
+    selected.insert(&FindProperty(name));
   }
   for (const Property& property : CATALOGUE) {
-    if (names.empty() && property.hasEvents) {
-      add(property);
+    if (names.empty() && property.HasEvents()) {
+      selected.insert(&property);
     }
   }
   return selected;
@@ -110,29 +101,25 @@ void RunWait(const Output& output, const WaitOptions& options) {
     loop.Run(options.seconds, options.condition + " did not come about in time");
   }
   if (!fulfilled) {
-    throw Failure(ExitCode::Failed, "interrupted before " + options.condition + " came about");
+    throw Failure("interrupted before " + options.condition + " came about");
   }
-  Json::Value object;
-  object["name"] = std::string(condition.property->name);
-  object["value"] = JsonText(*fulfilled);
-  output.Value(object, *fulfilled);
+  output.Value(JsonObject({{"name", condition.property->name}, {"value", JsonText(*fulfilled)}}),
+               *fulfilled);
 }
 
 }  // namespace
 
 void AddWatchVerbs(CLI::App& app, Session& session) {
-  auto watched = std::make_shared<WatchOptions>();
-  CLI::App& watch = *app.add_subcommand("watch", "Print changes of properties as they happen");
-  watch.add_option("NAME", watched->names, "Properties; all that have change events when left out");
-  AddLimits(watch, watched->limits);
-  OnVerb(watch, session, watched, RunWatch);
+  auto [watch, watched] =
+      AddVerb(app, session, "watch", "Print changes of properties as they happen", RunWatch);
+  watch.add_option("NAME", watched.names, "Properties; all that have change events when left out");
+  AddLimits(watch, watched.limits);
 
-  auto awaited = std::make_shared<WaitOptions>();
-  CLI::App& wait = *app.add_subcommand("wait", "Wait until a property has a value, or changes");
-  wait.add_option("CONDITION", awaited->condition, "NAME=VALUE, NAME!=VALUE, or NAME for a change")
+  auto [wait, awaited] =
+      AddVerb(app, session, "wait", "Wait until a property has a value, or changes", RunWait);
+  wait.add_option("CONDITION", awaited.condition, "NAME=VALUE, NAME!=VALUE, or NAME for a change")
       ->required();
-  AddTimeout(wait, awaited->seconds);
-  OnVerb(wait, session, awaited, RunWait);
+  AddTimeout(wait, awaited.seconds);
 }
 
 }  // namespace ondaro::ctl

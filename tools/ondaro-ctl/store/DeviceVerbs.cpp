@@ -7,13 +7,7 @@ namespace {
 
 using NOndaroPAL::CPALUtils;
 
-using TextReader = bool (*)(std::string&);
-
-void PrintText(const Output& output, const char* label, const std::optional<std::string>& value) {
-  output.Line({{}, label, value ? *value : "(unknown)"});
-}
-
-std::optional<std::string> Ask(TextReader read) {
+std::optional<std::string> Ask(bool (*read)(std::string&)) {
   std::string value;
   return read(value) ? std::optional(value) : std::nullopt;
 }
@@ -25,31 +19,29 @@ void Device(const Output& output, const NoOptions&) {
   const bool isReset = CPALUtils::IsOndaroInitReset();
   const bool isUsable = CPALUtils::IsValidPowerState();
   if (output.IsJson()) {
-    Json::Value object;
-    object["product_year"] = year ? JsonText(*year) : Json::Value();
-    object["model_id"] = model ? JsonText(*model) : Json::Value();
-    object["init_reset"] = isReset;
-    object["power_usable"] = isUsable;
+    Json::Value object = JsonObject({{"product_year", JsonOrNull(year)},
+                                     {"model_id", JsonOrNull(model)},
+                                     {"init_reset", isReset},
+                                     {"power_usable", isUsable}});
     if (directory) {
-      object["state_directory"] = JsonText(*directory);
+      object["state_directory"] = JsonOrNull(directory);
     }
     output.Result(object, {});
     return;
   }
-  PrintText(output, "product year  ", year);
-  PrintText(output, "model id      ", model);
-  PrintText(output, "init reset    ", isReset ? "yes" : "no");
-  PrintText(output, "power usable  ", isUsable ? "yes" : "no");
+  output.Line({{}, "product year  ", year.value_or("(unknown)")});
+  output.Line({{}, "model id      ", model.value_or("(unknown)")});
+  output.Line({{}, "init reset    ", isReset ? "yes" : "no"});
+  output.Line({{}, "power usable  ", isUsable ? "yes" : "no"});
   if (directory) {
-    PrintText(output, "state in      ", directory);
+    output.Line({{}, "state in      ", *directory});
   }
 }
 
 }  // namespace
 
 void AddDeviceVerbs(CLI::App& app, Session& session) {
-  CLI::App& device = *app.add_subcommand("device", "Print what the set says about itself");
-  OnVerb(device, session, std::make_shared<NoOptions>(), Device);
+  AddVerb(app, session, "device", "Print what the set says about itself", Device);
 }
 
 }  // namespace ondaro::ctl

@@ -32,20 +32,18 @@ int ParseInt(const std::string& text) {
 }
 
 void StoreGet(const Output& output, const StoreOptions& options) {
-  Json::Value object;
   std::string text;
   int number = 0;
   const bool isRead = options.isInt ? CPALUtils::SetregGetInt(options.key, number)
                                     : CPALUtils::SetregGetStr(options.key, text);
   if (!isRead) {
-    throw Failure(ExitCode::Failed,
-                  "'" + options.key + "' could not be read: it is not there, it holds " +
-                      (options.isInt ? "text (leave out --int)" : "a number (add --int)") +
-                      ", or the settings store is out of order" + SeeLog());
+    throw Failure("'" + options.key + "' could not be read: it is not there, it holds " +
+                  (options.isInt ? "text (leave out --int)" : "a number (add --int)") +
+                  ", or the settings store is out of order" + SeeLog());
   }
-  object["key"] = JsonText(options.key);
-  object["value"] = options.isInt ? Json::Value(number) : JsonText(text);
-  output.Value(object, options.isInt ? std::to_string(number) : text);
+  const Json::Value value = options.isInt ? Json::Value(number) : JsonText(text);
+  output.Value(JsonObject({{"key", JsonText(options.key)}, {"value", value}}),
+               options.isInt ? std::to_string(number) : text);
 }
 
 void StoreSet(const Output& /*output*/, const StoreOptions& options) {
@@ -53,7 +51,7 @@ void StoreSet(const Output& /*output*/, const StoreOptions& options) {
                              ? CPALUtils::SetregSetInt(options.key, ParseInt(options.value))
                              : CPALUtils::SetregSetStr(options.key, options.value);
   if (!isWritten) {
-    throw Failure(ExitCode::Failed, "'" + options.key + "' could not be written" + SeeLog());
+    throw Failure("'" + options.key + "' could not be written" + SeeLog());
   }
 }
 
@@ -62,8 +60,7 @@ class Shown {
  public:
   Shown(Feed& feed, const std::string& key) : m_key(key) {
     if (!CPALUtils::RegisterSetregChangedCb(key, OnChanged, &feed)) {
-      throw Failure(ExitCode::Failed,
-                    "the settings store refused the subscription to '" + key + "'" + SeeLog());
+      throw Failure("the settings store refused the subscription to '" + key + "'" + SeeLog());
     }
   }
   ~Shown() { CPALUtils::DeregisterSetregChangedCb(m_key, OnChanged); }
@@ -81,17 +78,15 @@ class Shown {
     std::string key;
     std::string text;
     int number = 0;
-    Json::Value object;
+    Json::Value value;
     CPALUtils::GetSetregKeyFromKeynode(node, key);
-    object["key"] = JsonText(key);
-    object["value"] = Json::Value();
     if (CPALUtils::GetSetregStrFromKeynode(node, text)) {
-      object["value"] = JsonText(text);
+      value = JsonText(text);
     } else if (CPALUtils::GetSetregIntFromKeynode(node, number)) {
-      object["value"] = number;
+      value = number;
       text = std::to_string(number);
     }
-    feed.Show(object, key, text);
+    feed.Show(JsonObject({{"key", JsonText(key)}, {"value", value}}), key, text);
   }
 
   std::string m_key;
@@ -107,9 +102,7 @@ void StoreWatch(const Output& output, const StoreWatchOptions& options) {
   feed.Run();
 }
 
-CLI::App& AddKeyVerb(CLI::App& store, const std::string& name, const std::string& description,
-                     StoreOptions& options) {
-  CLI::App& verb = *store.add_subcommand(name, description);
+CLI::App& AddKey(CLI::App& verb, StoreOptions& options) {
   verb.add_option("KEY", options.key, "The settings key, as in db/menu/network/name")->required();
   verb.add_flag("--int", options.isInt, "The key holds a number");
   return verb;
@@ -121,17 +114,15 @@ void AddStoreVerbs(CLI::App& app, Session& session) {
   CLI::App& store = *app.add_subcommand("store", "Read, write and watch raw settings keys");
   store.require_subcommand(1);
 
-  auto options = std::make_shared<StoreOptions>();
-  OnVerb(AddKeyVerb(store, "get", "Print a key's value", *options), session, options, StoreGet);
-  CLI::App& set = AddKeyVerb(store, "set", "Write a key", *options);
-  set.add_option("VALUE", options->value, "Its new value")->required();
-  OnVerb(set, session, options, StoreSet);
+  auto [get, read] = AddVerb(store, session, "get", "Print a key's value", StoreGet);
+  AddKey(get, read);
+  auto [set, written] = AddVerb(store, session, "set", "Write a key", StoreSet);
+  AddKey(set, written).add_option("VALUE", written.value, "Its new value")->required();
 
-  auto watched = std::make_shared<StoreWatchOptions>();
-  CLI::App& watch = *store.add_subcommand("watch", "Print every write to keys as it happens");
-  watch.add_option("KEY", watched->keys, "The settings keys")->required();
-  AddLimits(watch, watched->limits);
-  OnVerb(watch, session, watched, StoreWatch);
+  auto [watch, watched] =
+      AddVerb(store, session, "watch", "Print every write to keys as it happens", StoreWatch);
+  watch.add_option("KEY", watched.keys, "The settings keys")->required();
+  AddLimits(watch, watched.limits);
 }
 
 }  // namespace ondaro::ctl

@@ -3,7 +3,8 @@
 
 #include <unistd.h>
 
-#include <utility>
+#include <cerrno>
+#include <string_view>
 
 namespace ondaro::ctl {
 
@@ -11,7 +12,6 @@ namespace ondaro::ctl {
 class Descriptor {
  public:
   explicit Descriptor(int number) noexcept : m_number(number) {}
-  Descriptor(Descriptor&& other) noexcept : m_number(std::exchange(other.m_number, -1)) {}
   ~Descriptor() {
     if (m_number >= 0) {
       close(m_number);
@@ -26,6 +26,19 @@ class Descriptor {
  private:
   int m_number;
 };
+
+/// False, with errno set, when not all could be written.
+inline bool WriteAll(int descriptor, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = write(descriptor, bytes.data(), bytes.size());
+    if (written >= 0) {
+      bytes.remove_prefix(static_cast<std::size_t>(written));
+    } else if (errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
 
 }  // namespace ondaro::ctl
 

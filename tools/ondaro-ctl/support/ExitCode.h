@@ -19,6 +19,7 @@ enum class ExitCode {
 /// Ends a verb. The message says what happened and what to do about it.
 class Failure : public std::runtime_error {
  public:
+  explicit Failure(const std::string& message) : Failure(ExitCode::Failed, message) {}
   Failure(ExitCode code, const std::string& message) : std::runtime_error(message), m_code(code) {}
 
   ExitCode Code() const noexcept { return m_code; }

@@ -45,6 +45,10 @@ Json::Value JsonText(std::string_view bytes) {
   return valid.get();
 }
 
+Json::Value JsonOrNull(const std::optional<std::string>& bytes) {
+  return bytes ? JsonText(*bytes) : Json::Value();
+}
+
 std::optional<Json::Value> ParseJsonObject(std::string_view text) {
   Json::CharReaderBuilder builder;
   Json::CharReaderBuilder::strictMode(&builder.settings_);

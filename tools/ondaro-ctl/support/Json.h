@@ -20,6 +20,9 @@ std::string CompactJson(const Json::Value& object);
 /// `bytes` as a JSON string, in which what is not UTF-8 is replaced.
 Json::Value JsonText(std::string_view bytes);
 
+/// The same, or null.
+Json::Value JsonOrNull(const std::optional<std::string>& bytes);
+
 /// Nothing when the text is anything but one object.
 std::optional<Json::Value> ParseJsonObject(std::string_view text);
 

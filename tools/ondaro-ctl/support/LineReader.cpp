@@ -15,9 +15,9 @@ namespace {
 constexpr std::size_t LONGEST_LINE = 16UL << 20U;
 constexpr std::size_t LONGEST_INPUT = 64UL << 20U;
 
-Descriptor Open(const std::string& path) {
-  return Descriptor(path == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)
-                                : open(path.c_str(), O_RDONLY | O_CLOEXEC));
+int Open(const std::string& path) {
+  return path == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)
+                     : open(path.c_str(), O_RDONLY | O_CLOEXEC);
 }
 
 }  // namespace
@@ -29,8 +29,14 @@ LineReader::LineReader(const std::string& path)
   }
 }
 
+LineReader::~LineReader() {
+  if (m_nSource != 0) {
+    g_source_remove(m_nSource);
+  }
+}
+
 void LineReader::Fail(const std::string& reason) const {
-  throw Failure(ExitCode::Failed, m_name + " cannot be read: " + reason);
+  throw Failure(m_name + " cannot be read: " + reason);
 }
 
 /// Appends what there is; false at the end.
@@ -56,6 +62,7 @@ void LineReader::HandOut(const Handler& handler) {
   handler(std::exchange(m_pending, {}));
 }
 
+/// Waits for input once, and hands out the lines that it completes; false at the end.
 bool LineReader::Read(const Handler& handler) {
   std::string text;
   const bool goesOn = Receive(text);
@@ -92,31 +99,21 @@ std::string LineReader::ReadWhole() {
   return std::move(m_pending);
 }
 
-LineSource::LineSource(MainLoop& loop, LineReader& reader, LineReader::Handler handler,
-                       std::function<void()> atEnd)
-    : m_loop(loop),
-      m_reader(reader),
-      m_handler(std::move(handler)),
-      m_atEnd(std::move(atEnd)),
-      m_nSource(g_unix_fd_add(reader.Number(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP),
-                              OnReadable, this)) {}
-
-LineSource::~LineSource() {
-  if (m_nSource != 0) {
-    g_source_remove(m_nSource);
-  }
-}
-
-gboolean LineSource::OnReadable(gint /*descriptor*/, GIOCondition /*condition*/,
-                                gpointer userData) {
-  auto* const pThis = static_cast<LineSource*>(userData);
-  bool goesOn = false;
-  pThis->m_loop.Protect([&] { goesOn = pThis->m_reader.Read(pThis->m_handler); });
-  if (!goesOn) {
-    pThis->m_nSource = 0;
-    pThis->m_loop.Protect(pThis->m_atEnd);
-  }
-  return goesOn ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
+void LineReader::Follow(MainLoop& loop, Handler handler, std::function<void()> atEnd) {
+  m_onReadable = [this, &loop, handler = std::move(handler), atEnd = std::move(atEnd)] {
+    bool goesOn = false;
+    loop.Protect([&] { goesOn = Read(handler); });
+    if (!goesOn) {
+      m_nSource = 0;
+      loop.Protect(atEnd);
+    }
+    return goesOn;
+  };
+  const auto onReadable = [](gint, GIOCondition, gpointer reader) -> gboolean {
+    return static_cast<LineReader*>(reader)->m_onReadable() ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
+  };
+  m_nSource = g_unix_fd_add(m_input.Number(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP),
+                            onReadable, this);
 }
 
 }  // namespace ondaro::ctl

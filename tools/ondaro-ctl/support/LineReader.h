@@ -17,14 +17,16 @@ class LineReader {
   using Handler = std::function<void(std::string_view line)>;
 
   explicit LineReader(const std::string& path);
+  ~LineReader();
 
-  int Number() const { return m_input.Number(); }
+  LineReader(const LineReader&) = delete;
+  LineReader& operator=(const LineReader&) = delete;
 
-  /// Waits for input once, and hands out the lines that it completes; false at the end.
-  bool Read(const Handler& handler);
-
-  /// The same until the end, for input that is kept as a whole: that has a bound as well.
+  /// Hands out all lines, of input that is kept as a whole: that has a bound as well.
   void ReadAll(const Handler& handler);
+
+  /// Reads as the loop finds input, once called; calls `atEnd` at the end.
+  void Follow(MainLoop& loop, Handler handler, std::function<void()> atEnd);
 
   /// The whole contents as they are, no longer than a line may be.
   std::string ReadWhole();
@@ -39,31 +41,14 @@ class LineReader {
   bool Receive(std::string& text) const;
   void RequireShort(const std::string& what) const;
   void HandOut(const Handler& handler);
+  bool Read(const Handler& handler);
 
   std::string m_name;
   Descriptor m_input;
   std::string m_pending;  // the beginning of a line
   std::size_t m_lines = 0;
-};
-
-/// Reads as a loop finds input; calls `atEnd` at the end.
-class LineSource {
- public:
-  LineSource(MainLoop& loop, LineReader& reader, LineReader::Handler handler,
-             std::function<void()> atEnd);
-  ~LineSource();
-
-  LineSource(const LineSource&) = delete;
-  LineSource& operator=(const LineSource&) = delete;
-
- private:
-  static gboolean OnReadable(gint descriptor, GIOCondition condition, gpointer userData);
-
-  MainLoop& m_loop;
-  LineReader& m_reader;
-  LineReader::Handler m_handler;
-  std::function<void()> m_atEnd;
-  guint m_nSource;
+  guint m_nSource = 0;
+  std::function<bool()> m_onReadable;  // false at the end
 };
 
 }  // namespace ondaro::ctl

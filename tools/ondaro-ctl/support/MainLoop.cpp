@@ -15,11 +15,15 @@ gboolean OnSignal(gpointer userData) {
   return G_SOURCE_CONTINUE;
 }
 
+gboolean OnTimeout(gpointer userData) {
+  *static_cast<bool*>(userData) = true;
+  return G_SOURCE_CONTINUE;
+}
+
 }  // namespace
 
 MainLoop::MainLoop()
-    : m_pLoop(g_main_loop_new(nullptr, FALSE)),
-      m_nInterrupt(g_unix_signal_add(SIGINT, OnSignal, this)),
+    : m_nInterrupt(g_unix_signal_add(SIGINT, OnSignal, this)),
       m_nTerminate(g_unix_signal_add(SIGTERM, OnSignal, this)) {}
 
 MainLoop::~MainLoop() {
@@ -27,27 +31,16 @@ MainLoop::~MainLoop() {
   g_source_remove(m_nTerminate);
 }
 
-gboolean MainLoop::OnTimeout(gpointer userData) {
-  auto* const pThis = static_cast<MainLoop*>(userData);
-  pThis->m_timedOut = true;
-  pThis->Stop();
-  return G_SOURCE_CONTINUE;
-}
-
-void MainLoop::Stop() {
-  m_stopped = true;
-  g_main_loop_quit(m_pLoop.get());
-}
-
 bool MainLoop::RunFor(std::optional<double> seconds) {
   constexpr double MILLISECONDS = 1000.0;
-  const guint timer =
-      seconds
-          ? g_timeout_add(static_cast<guint>(std::ceil(*seconds * MILLISECONDS)), OnTimeout, this)
-          : 0;
+  bool isOver = false;
+  const guint timer = seconds
+                          ? g_timeout_add(static_cast<guint>(std::ceil(*seconds * MILLISECONDS)),
+                                          OnTimeout, &isOver)
+                          : 0;
   // What stopped it before it ran, a callback during a call into the library, counts as well.
-  if (!m_stopped) {
-    g_main_loop_run(m_pLoop.get());
+  while (!m_stopped && !isOver) {
+    g_main_context_iteration(nullptr, TRUE);
   }
   if (timer != 0) {
     g_source_remove(timer);
@@ -56,7 +49,7 @@ bool MainLoop::RunFor(std::optional<double> seconds) {
   if (m_failure != nullptr) {
     std::rethrow_exception(std::exchange(m_failure, nullptr));
   }
-  return !std::exchange(m_timedOut, false);
+  return !isOver;
 }
 
 void MainLoop::Run(std::optional<double> seconds, const std::string& onTimeout) {

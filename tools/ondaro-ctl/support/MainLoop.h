@@ -8,8 +8,6 @@
 #include <string>
 #include <utility>
 
-#include "support/GLibOwner.h"
-
 namespace ondaro::ctl {
 
 /// The loop in which the library's callbacks arrive. Lives on the main thread; callbacks refer to
@@ -29,7 +27,7 @@ class MainLoop {
   /// The same, with a Failure of that message when the time is over.
   void Run(std::optional<double> seconds, const std::string& onTimeout);
 
-  void Stop();
+  void Stop() { m_stopped = true; }
 
   /// The body of every callback from C: nothing is thrown back into the caller; what was thrown
   /// ends the loop and comes out of Run(). On the loop's own thread only.
@@ -46,13 +44,9 @@ class MainLoop {
   }
 
  private:
-  static gboolean OnTimeout(gpointer userData);
-
-  GLibOwner<GMainLoop, g_main_loop_unref> m_pLoop;
   guint m_nInterrupt;
   guint m_nTerminate;
   bool m_stopped = false;
-  bool m_timedOut = false;
   std::exception_ptr m_failure;
 };
 

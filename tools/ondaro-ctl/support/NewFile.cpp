@@ -14,14 +14,10 @@ namespace ondaro::ctl {
 namespace {
 
 [[noreturn]] void Fail(const std::string& path, const std::string& reason) {
-  throw Failure(ExitCode::Failed, path + " cannot be written: " + reason);
+  throw Failure(path + " cannot be written: " + reason);
 }
 
 [[noreturn]] void FailWithErrno(const std::string& path) { Fail(path, std::strerror(errno)); }
-
-Descriptor Create(const std::string& path, mode_t mode) {
-  return Descriptor(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
-}
 
 /// The name under which the file is written; in place of another it comes as a whole.
 std::string WrittenName(const std::string& path, bool replace) {
@@ -35,7 +31,9 @@ std::string WrittenName(const std::string& path, bool replace) {
 }  // namespace
 
 NewFile::NewFile(const std::string& path, mode_t mode, bool replace)
-    : m_path(path), m_written(WrittenName(path, replace)), m_file(Create(m_written, mode)) {
+    : m_path(path),
+      m_written(WrittenName(path, replace)),
+      m_file(open(m_written.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode)) {
   if (m_file.Number() < 0 && errno == EEXIST) {
     Fail(m_written,
          replace ? "it is left over; remove it first" : "it is there already; --force replaces it");
@@ -52,21 +50,14 @@ NewFile::~NewFile() {
 }
 
 void NewFile::Write(std::string_view bytes) const {
-  while (!bytes.empty()) {
-    const ssize_t written = write(m_file.Number(), bytes.data(), bytes.size());
-    if (written >= 0) {
-      bytes.remove_prefix(static_cast<std::size_t>(written));
-    } else if (errno != EINTR) {
-      FailWithErrno(m_path);
-    }
+  if (!WriteAll(m_file.Number(), bytes)) {
+    FailWithErrno(m_path);
   }
 }
 
 void NewFile::Commit() {
-  if (fsync(m_file.Number()) != 0) {
-    FailWithErrno(m_path);
-  }
-  if (m_written != m_path && std::rename(m_written.c_str(), m_path.c_str()) != 0) {
+  if (fsync(m_file.Number()) != 0 ||
+      (m_written != m_path && std::rename(m_written.c_str(), m_path.c_str()) != 0)) {
     FailWithErrno(m_path);
   }
   m_written.clear();

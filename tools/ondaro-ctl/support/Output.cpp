@@ -1,11 +1,9 @@
 #include "support/Output.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
+#include "support/Descriptor.h"
 #include "support/ExitCode.h"
 #include "support/Text.h"
 
@@ -21,19 +19,6 @@ bool ShowsColour(int descriptor) {
   return (noColour == nullptr || *noColour == '\0') && isatty(descriptor) == 1;
 }
 
-/// 0, or the error number.
-int WriteAll(int descriptor, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = write(descriptor, text.data(), text.size());
-    if (written >= 0) {
-      text.remove_prefix(static_cast<std::size_t>(written));
-    } else if (errno != EINTR) {
-      return errno;
-    }
-  }
-  return 0;
-}
-
 }  // namespace
 
 Output::Output()
@@ -42,14 +27,13 @@ Output::Output()
       m_colourErr(ShowsColour(STDERR_FILENO)) {}
 
 void Output::Print(std::string_view line) const {
-  const int error = WriteAll(STDOUT_FILENO, std::string(line) + "\n");
-  if (error == EPIPE) {
+  if (WriteAll(STDOUT_FILENO, std::string(line) + "\n")) {
+    return;
+  }
+  if (errno == EPIPE) {
     throw OutputClosed();
   }
-  if (error != 0) {
-    throw Failure(ExitCode::Failed,
-                  std::string("cannot write to standard output: ") + std::strerror(error));
-  }
+  throw Failure(std::string("cannot write to standard output: ") + std::strerror(errno));
 }
 
 void Output::Line(const Row& row) const {

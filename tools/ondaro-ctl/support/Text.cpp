@@ -2,8 +2,6 @@
 
 #include <glib.h>
 
-#include <algorithm>
-
 #include "support/GLibOwner.h"
 
 namespace ondaro::ctl {
@@ -13,119 +11,69 @@ constexpr std::string_view HEX_DIGITS = "0123456789abcdef";
 constexpr std::string_view LETTERS = "ntr\\";
 constexpr std::string_view MEANINGS = "\n\t\r\\";
 
-void AppendHex(std::string& text, unsigned byte) {
-  text += HEX_DIGITS[byte >> 4U & 0xfU];
-  text += HEX_DIGITS[byte & 0xfU];
-}
-
-void AppendEscape(std::string& text, char c) {
+std::string EscapeOf(char c) {
   const std::size_t known = MEANINGS.find(c);
-  text += '\\';
-  if (known != std::string_view::npos) {
-    text += LETTERS[known];
-  } else {
-    text += 'x';
-    AppendHex(text, static_cast<unsigned char>(c));
-  }
+  return known == std::string_view::npos ? "\\x" + ToHex({&c, 1})
+                                         : std::string{'\\', LETTERS[known]};
 }
 
-/// What stands at the beginning of a text that is not empty.
-struct Character {
-  gunichar code;
-  std::size_t length;  // in bytes
-  bool isSafe;
-};
+enum class Form { Line, Dump, Json };
 
-Character FirstOf(std::string_view text) {
-  const auto first = static_cast<unsigned char>(text.front());
-  if (first < 0x80) {
-    return {first, 1, first >= 0x20 && first != 0x7f};
-  }
-  constexpr std::size_t LONGEST = 4;
-  const gunichar code =
-      g_utf8_get_char_validated(text.data(), static_cast<gssize>(std::min(text.size(), LONGEST)));
-  if (code > 0x10ffff) {
-    return {first, 1, false};
-  }
-  return {code, static_cast<std::size_t>(g_unichar_to_utf8(code, nullptr)), code >= 0xa0};
-}
-
-/// The one place that says what is safe; `escape` appends what stands for the rest.
-template <class Escape>
-std::string MakeSafe(std::string_view text, Escape escape) {
+/// The one place that says what is safe.
+std::string MakeSafe(std::string_view text, Form form) {
   std::string safe;
-  safe.reserve(text.size());
   while (!text.empty()) {
-    const Character character = FirstOf(text);
-    const std::string_view bytes = text.substr(0, character.length);
-    if (character.isSafe) {
-      safe += bytes;
+    const gunichar code = g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
+    const bool isText = code <= 0x10ffff;
+    const auto length = isText ? static_cast<std::size_t>(g_unichar_to_utf8(code, nullptr)) : 1;
+    const bool isControl = code < 0x20 || (code >= 0x7f && code < 0xa0);
+    if (isText && !isControl && (form != Form::Dump || code != '\\')) {
+      safe += text.substr(0, length);
+    } else if (form == Form::Json) {
+      const char byte = static_cast<char>(code);
+      safe += "\\u00" + ToHex({&byte, 1});
     } else {
-      escape(safe, bytes, character.code);
+      for (const char c : text.substr(0, length)) {
+        safe += EscapeOf(c);
+      }
     }
-    text.remove_prefix(character.length);
+    text.remove_prefix(length);
   }
   return safe;
 }
 
-void EscapeBytes(std::string& text, std::string_view bytes, gunichar /*code*/) {
-  for (const char c : bytes) {
-    AppendEscape(text, c);
-  }
-}
-
-std::optional<char> FromHexPair(std::string_view pair) {
-  if (pair.size() != 2) {
-    return std::nullopt;
-  }
-  const int high = g_ascii_xdigit_value(pair[0]);
-  const int low = g_ascii_xdigit_value(pair[1]);
-  return high < 0 || low < 0 ? std::nullopt : std::optional(static_cast<char>(high * 16 + low));
-}
-
 }  // namespace
 
-std::string OneLine(std::string_view text) { return MakeSafe(text, EscapeBytes); }
+std::string OneLine(std::string_view text) { return MakeSafe(text, Form::Line); }
 
-std::string SafeJson(std::string_view json) {
-  return MakeSafe(json, [](std::string& text, std::string_view /*bytes*/, gunichar code) {
-    text += "\\u00";
-    AppendHex(text, code);
-  });
-}
+std::string SafeJson(std::string_view json) { return MakeSafe(json, Form::Json); }
 
 std::string Encode(std::string_view value) {
-  std::string text;
   const bool endsInSpace = !value.empty() && value.back() == ' ';
   value.remove_suffix(endsInSpace ? 1 : 0);
-  for (std::size_t end; (end = value.find('\\')) != std::string_view::npos;) {
-    text += OneLine(value.substr(0, end)) + "\\\\";
-    value.remove_prefix(end + 1);
-  }
-  return text + OneLine(value) + (endsInSpace ? "\\x20" : "");
+  return MakeSafe(value, Form::Dump) + (endsInSpace ? "\\x20" : "");
 }
 
 std::optional<std::string> Decode(std::string_view text) {
   std::string value;
-  while (!text.empty()) {
-    std::size_t used = 1;
-    const auto first = static_cast<unsigned char>(text[0]);
-    std::optional<char> c = first < 0x20 || first == 0x7f ? std::nullopt : std::optional(text[0]);
+  std::size_t length = 1;
+  for (; !text.empty(); text.remove_prefix(length)) {
+    std::optional<std::string> byte(text.substr(0, 1));
+    length = 1;
     if (text[0] == '\\') {
       const std::size_t known = text.size() > 1 ? LETTERS.find(text[1]) : std::string_view::npos;
-      if (known != std::string_view::npos) {
-        c = MEANINGS[known];
-        used = 2;
-      } else {
-        c = text.substr(0, 2) == "\\x" ? FromHexPair(text.substr(2, 2)) : std::nullopt;
-        used = 4;
-      }
-    }
-    if (c.value_or('\0') == '\0') {
+      const bool isKnown = known != std::string_view::npos;
+      length = isKnown ? 2 : 4;
+      byte = isKnown                      ? std::string(1, MEANINGS[known])
+             : text.substr(0, 2) == "\\x" ? FromHex(text.substr(2, 2))
+                                          : std::nullopt;
+    } else if (g_ascii_iscntrl(text[0]) != FALSE) {
       return std::nullopt;
     }
-    value += *c;
-    text.remove_prefix(used);
+    if (!byte || byte->empty() || byte->front() == '\0') {
+      return std::nullopt;
+    }
+    value += *byte;
   }
   return value;
 }
@@ -133,7 +81,8 @@ std::optional<std::string> Decode(std::string_view text) {
 std::string ToHex(std::string_view bytes) {
   std::string text;
   for (const char c : bytes) {
-    AppendHex(text, static_cast<unsigned char>(c));
+    const auto byte = static_cast<unsigned char>(c);
+    text += {HEX_DIGITS[byte >> 4U], HEX_DIGITS[byte & 0xfU]};
   }
   return text;
 }
@@ -141,11 +90,12 @@ std::string ToHex(std::string_view bytes) {
 std::optional<std::string> FromHex(std::string_view text) {
   std::string bytes;
   for (; !text.empty(); text.remove_prefix(2)) {
-    const std::optional<char> byte = FromHexPair(text.substr(0, 2));
-    if (!byte) {
+    const int high = g_ascii_xdigit_value(text[0]);
+    const int low = text.size() < 2 ? -1 : g_ascii_xdigit_value(text[1]);
+    if (high < 0 || low < 0) {
       return std::nullopt;
     }
-    bytes += *byte;
+    bytes += static_cast<char>(high * 16 + low);
   }
   return bytes;
 }

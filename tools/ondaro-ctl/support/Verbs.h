@@ -51,12 +51,18 @@ inline constexpr double LONGEST_TIMEOUT = 1'000'000.0;
 /// --speed of a verb that plays back.
 CLI::Option& AddSpeed(CLI::App& verb, double& speed);
 
-/// Makes `run` what happens when the verb is given. It gets the options, which live until then.
-template <class Options, class Run>
-void OnVerb(CLI::App& verb, Session& session, std::shared_ptr<Options> options, Run run) {
-  verb.callback([&session, options = std::move(options), run] {
+/// Adds a verb that runs `run` with its options. They are for the caller to fill in from the
+/// command line, and live until then.
+template <class Options>
+std::pair<CLI::App&, Options&> AddVerb(CLI::App& app, Session& session, const char* name,
+                                       const char* description,
+                                       void (*run)(const Output& output, const Options& options)) {
+  auto options = std::make_shared<Options>();
+  CLI::App& verb = *app.add_subcommand(name, description);
+  verb.callback([&session, options, run] {
     session.verb = [&session, options, run] { run(session.output, *options); };
   });
+  return {verb, *options};
 }
 
 }  // namespace ondaro::ctl

@@ -24,26 +24,24 @@ void Trace(const Output& output, const TraceOptions& options) {
   Calls calls([&](const TraceEvent& event) { writer->Write(event, deliveries.Add(event)); });
   std::uint64_t lines = 0;
   std::uint64_t unknown = 0;
-  LineReader reader(options.path);
   MainLoop loop;
-  const LineSource source(
-      loop, reader,
-      [&](std::string_view text) {
-        ++lines;
-        if (std::optional<TraceEvent> event = ParseLogLine(text)) {
-          calls.Add(std::move(*event));
-        } else {
-          ++unknown;
-        }
-      },
-      [&] { loop.Stop(); });
+  LineReader reader(options.path);
+  const auto add = [&](std::string_view line) {
+    std::optional<TraceEvent> event = ParseLogLine(line);
+    ++lines;
+    if (event) {
+      calls.Add(std::move(*event));
+    } else {
+      ++unknown;
+    }
+  };
+  reader.Follow(loop, add, [&] { loop.Stop(); });
   loop.RunFor(std::nullopt);  // or until Ctrl-C
   calls.Finish();
   writer->Finish();
   if (calls.Total() == 0) {
-    throw Failure(
-        ExitCode::Failed,
-        reader.Name() + (lines == unknown ? " is no log" : " has no traced calls") + HOW_TO_RECORD);
+    throw Failure(reader.Name() + (lines == unknown ? " is no log" : " has no traced calls") +
+                  HOW_TO_RECORD);
   }
   if (unknown != 0) {
     output.Note("left out, damaged or of something else: " + std::to_string(unknown) + " of " +
@@ -57,17 +55,16 @@ void Trace(const Output& output, const TraceOptions& options) {
 }  // namespace
 
 void AddTraceVerbs(CLI::App& app, Session& session) {
-  CLI::App& trace = *app.add_subcommand("trace", "Show the calls of a host backend's log");
-  auto options = std::make_shared<TraceOptions>();
+  auto [trace, options] =
+      AddVerb(app, session, "trace", "Show the calls of a host backend's log", Trace);
   trace
-      .add_option("--format", options->format,
+      .add_option("--format", options.format,
                   "summary: a table of the functions (default);\n"
                   "chrome: events for trace viewers;\n"
                   "mermaid: a sequence diagram")
       ->type_name("FORMAT")
       ->check(CheckFormat);
-  trace.add_option("FILE", options->path, "The log; standard input when left out or '-'");
-  OnVerb(trace, session, options, Trace);
+  trace.add_option("FILE", options.path, "The log; standard input when left out or '-'");
 }
 
 }  // namespace ondaro::ctl
