@@ -75,77 +75,65 @@ Finding CheckStore() {
                          (directory ? ", in " + *directory : std::string())};
 }
 
-/// Runs the checks, prints each, and remembers what to say of them all.
-class Doctor {
- public:
-  explicit Doctor(const Output& output) : m_output(output) {}
-
-  static Finding Examine(const std::function<Finding()>& check) {
-    try {
-      return check();
-    } catch (const Failure& failure) {
-      return {failure.Code() == ExitCode::BusAbsent ? State::Absent : State::Failed,
-              failure.what()};
-    } catch (...) {
-      return {State::Failed, "the library failed" + SeeLog()};
-    }
+Finding Examine(const std::function<Finding()>& check) {
+  try {
+    return check();
+  } catch (const Failure& failure) {
+    return {failure.Code() == ExitCode::BusAbsent ? State::Absent : State::Failed, failure.what()};
+  } catch (...) {
+    return {State::Failed, "the library failed" + SeeLog()};
   }
+}
 
-  void Check(const std::string& name, const std::function<Finding()>& check) {
-    constexpr std::array<const char*, 4> STATES = {"ok       ", "failed   ", "absent   ",
-                                                   "unknown  "};
-    constexpr std::size_t NAME_WIDTH = 13;
-    const Finding finding = Examine(check);
-    const std::string state = STATES[static_cast<std::size_t>(finding.state)];
-    const bool isOk = finding.state == State::Ok;
-    const bool isAbsent = finding.state == State::Absent;
-    m_output.Result(JsonObject({{"check", name},
-                                {"state", state.substr(0, state.find(' '))},
-                                {"message", JsonText(finding.message)}}),
-                    {isOk ? state : "", isOk ? "" : state,
-                     name + std::string(NAME_WIDTH - name.size(), ' ') + finding.message});
-    m_failed += finding.state == State::Failed ? 1 : 0;
-    m_absent += isAbsent ? 1 : 0;
-    m_lacksDaemon |= isAbsent && (name == "bus" || name == "daemon");
-  }
-
-  void Conclude() const {
-    if (m_failed != 0 || m_lacksDaemon) {
-      throw Failure(m_failed != 0 ? ExitCode::Failed : ExitCode::BusAbsent,
-                    std::to_string(m_failed) + " failed, " + std::to_string(m_absent) + " absent");
-    }
-  }
-
- private:
-  const Output& m_output;
-  int m_failed = 0;
-  int m_absent = 0;
-  bool m_lacksDaemon = false;
-};
+void Print(const Output& output, std::string check, const Finding& finding) {
+  constexpr std::size_t STATE_WIDTH = 9;
+  constexpr std::size_t CHECK_WIDTH = 13;
+  constexpr std::array<const char*, 4> STATES = {"ok", "failed", "absent", "unknown"};
+  std::string state = STATES[static_cast<std::size_t>(finding.state)];
+  const Json::Value object =
+      JsonObject({{"check", check}, {"state", state}, {"message", JsonText(finding.message)}});
+  const bool isOk = finding.state == State::Ok;
+  state.resize(STATE_WIDTH, ' ');
+  check.resize(CHECK_WIDTH, ' ');
+  output.Result(object, {isOk ? state : "", isOk ? "" : state, check + finding.message});
+}
 
 void RunDoctor(const Output& output, const DoctorOptions& options) {
   if (options.keyFile.empty() != options.certFile.empty()) {
     throw Failure(ExitCode::Usage, "--key and --cert go together");
   }
-  Doctor doctor(output);
-  const Finding description =
-      Doctor::Examine([&] { return CheckDescription(options.description); });
+  const Finding description = Examine([&] { return CheckDescription(options.description); });
   bool lacksModule = false;
   BusChecks bus;
-  doctor.Check("version", CheckVersion);
-  doctor.Check("store", CheckStore);
-  doctor.Check("key-system", [&] { return CheckKeySystem(lacksModule); });
-  doctor.Check("device-key", [&] {
-    return lacksModule ? Finding{State::Absent, "needs the decryption module"}
-                       : CheckDeviceKey(options.keyFile, options.certFile);
-  });
-  doctor.Check("bus", [&] { return bus.Reach(); });
-  doctor.Check("daemon", [&] { return bus.Daemon(); });
-  doctor.Check("own", [&] { return bus.Own(); });
-  doctor.Check("call", [&] { return bus.Call(); });
-  doctor.Check("hear", [&] { return bus.Hear(); });
-  doctor.Check("description", [&] { return description; });
-  doctor.Conclude();
+  const std::vector<std::pair<std::string, std::function<Finding()>>> checks = {
+      {"version", CheckVersion},
+      {"store", CheckStore},
+      {"key-system", [&] { return CheckKeySystem(lacksModule); }},
+      {"device-key",
+       [&] {
+         return lacksModule ? Finding{State::Absent, "needs the decryption module"}
+                            : CheckDeviceKey(options.keyFile, options.certFile);
+       }},
+      {"bus", [&] { return bus.Reach(); }},
+      {"daemon", [&] { return bus.Daemon(); }},
+      {"own", [&] { return bus.Own(); }},
+      {"call", [&] { return bus.Call(); }},
+      {"hear", [&] { return bus.Hear(); }},
+      {"description", [&] { return description; }}};
+  int failed = 0;
+  int absent = 0;
+  bool lacksDaemon = false;
+  for (const auto& [name, check] : checks) {
+    const Finding finding = Examine(check);
+    Print(output, name, finding);
+    failed += finding.state == State::Failed ? 1 : 0;
+    absent += finding.state == State::Absent ? 1 : 0;
+    lacksDaemon |= finding.state == State::Absent && (name == "bus" || name == "daemon");
+  }
+  if (failed != 0 || lacksDaemon) {
+    throw Failure(failed != 0 ? ExitCode::Failed : ExitCode::BusAbsent,
+                  std::to_string(failed) + " failed, " + std::to_string(absent) + " absent");
+  }
 }
 
 }  // namespace

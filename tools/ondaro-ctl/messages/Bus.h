@@ -19,17 +19,12 @@ inline constexpr char DAEMON_PATH[] = "/com/halvex/tv/ondaro";
 inline constexpr char DAEMON_METHOD[] = "sendDataToServer";
 inline constexpr char DAEMON_SIGNAL[] = "sendDataToClient";
 
-/// The bus itself, as messages name it.
-inline constexpr char BUS_NAME[] = "org.freedesktop.DBus";
-inline constexpr char BUS_PATH[] = "/org/freedesktop/DBus";
-
 /// What to do about a refusal.
 inline constexpr char WHO_MAY_OWN[] =
     "by the policy com.halvex.tv.ondaro.conf root and the user ondaro may own the daemon's name";
 inline constexpr char WHO_MAY_CALL[] =
     "by the policy com.halvex.tv.ondaro.conf root and the group ondaro may call the daemon and "
-    "hear "
-    "its events";
+    "hear its events";
 
 /// A question that doctor and messaging put to the bus or the daemon.
 struct BusCall {
@@ -105,6 +100,18 @@ class Bus {
   /// changes.
   void WatchOwner(std::function<void(const std::string& owner)> handler);
 
+  /// Calls `handler`, in the loop, with every message that comes or goes, whoever in the process
+  /// sends or takes it: the library keeps the outcome of its own calls to itself, and events
+  /// without a handler.
+  using MessageHandler = std::function<void(GDBusMessage* message, bool isIncoming)>;
+  void WatchMessages(MessageHandler handler);
+
+  /// Calls `handler` with the reply to the latest call of `method`.
+  void WatchReplies(const std::string& method, Handler handler);
+
+  /// Calls `handler` with the events that arrive, by method call or by signal.
+  void WatchEvents(std::function<void(const std::string& event, const std::string& data)> handler);
+
  private:
   void AfterAnswer(const BusCall& call, Handler then);
   static void OnClosed(GDBusConnection* connection, gboolean remote, GError* error,
@@ -117,6 +124,8 @@ class Bus {
   gulong m_nClosedHandler;
   guint m_nOwnerWatch = 0;
   std::function<void(const std::string& owner)> m_onOwner;
+  std::shared_ptr<struct Tap> m_pTap;
+  guint m_nFilter;
 };
 
 }  // namespace ondaro::ctl

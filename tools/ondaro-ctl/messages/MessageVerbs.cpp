@@ -1,8 +1,7 @@
 #include <algorithm>
 #include <list>
-#include <optional>
 
-#include "messages/MessageWatch.h"
+#include "messages/Bus.h"
 #include "ondaro/OndaroApi.h"
 #include "properties/Properties.h"
 #include "support/Feed.h"
@@ -40,16 +39,9 @@ class End {
       m_named.push_back({m_feed, name});
     }
     if (m_named.empty()) {
-      m_all.emplace(m_bus, m_feed.Loop(), [this](GDBusMessage* message, bool isIncoming) {
-        if (IsEvent(message, isIncoming)) {
-          const char* event = nullptr;
-          const char* data = nullptr;
-          g_variant_get(g_dbus_message_get_body(message), "(&s&s)", &event, &data);
-          // By then the library has answered the call: the last one may end the process.
-          m_bus.AfterRoundTrip([this, name = std::string(event), text = std::string(data)] {
-            Show(m_feed, name, text);
-          });
-        }
+      m_bus.WatchEvents([this](const std::string& event, const std::string& data) {
+        // By then the library has answered the call: the last one may end the process.
+        m_bus.AfterRoundTrip([this, event, data] { Show(m_feed, event, data); });
       });
     }
   }
@@ -58,24 +50,20 @@ class End {
   Feed m_feed;
   Bus m_bus;
   std::list<Named> m_named;
-  std::optional<MessageWatch> m_all;
 };
 
 // ---- The daemon's end ---------------------------------------------------------------------------
 
 class Server : private End {
  public:
-  Server(const Output& output, const EventOptions& options)
-      : End(output, options),
-        m_refusal(m_bus, m_feed.Loop(),
-                  OnReplyTo("RequestName",
-                            [](const Reply& reply) {
-                              if (reply.IsRefusal()) {
-                                FailRefused("the daemon's name", WHO_MAY_OWN);
-                              }
-                            })),
-        m_pHandle(Require(OndaroFactory_GetIpcServerHandle(),
-                          "the interface description of the daemon could not be used")) {
+  Server(const Output& output, const EventOptions& options) : End(output, options) {
+    m_bus.WatchReplies("RequestName", [](const Reply& reply) {
+      if (reply.IsRefusal()) {
+        FailRefused("the daemon's name", WHO_MAY_OWN);
+      }
+    });
+    m_pHandle = Require(OndaroFactory_GetIpcServerHandle(),
+                        "the interface description of the daemon could not be used");
     for (Named& named : m_named) {
       OndaroApi_IpcServer_RegisterEventHandler(m_pHandle, named.name.c_str(), Named::OnEvent,
                                                &named);
@@ -130,7 +118,6 @@ class Server : private End {
     m_bus.Flush();
   }
 
-  MessageWatch m_refusal;
   OndaroApi_IpcServer_h m_pHandle;
   bool m_hasQueued = false;
   bool m_isReading = false;
@@ -180,7 +167,7 @@ class Listener : private End {
       OndaroApi_IpcClient_RegisterEventHandler(m_pHandle, named.name.c_str(), Named::OnEvent,
                                                &named);
     }
-    if (m_all) {
+    if (m_named.empty()) {
       // What the library subscribes to with its first handler brings all events.
       OndaroApi_IpcClient_RegisterEventHandler(m_pHandle, "", Ignore, nullptr);
     }

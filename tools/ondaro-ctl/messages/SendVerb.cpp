@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include "messages/MessageWatch.h"
+#include "messages/Bus.h"
 #include "messages/Recording.h"
 #include "ondaro/OndaroApi.h"
 #include "properties/Properties.h"
@@ -53,22 +53,22 @@ class Sender {
     if (seconds) {
       m_end = g_get_monotonic_time() + static_cast<gint64>(*seconds * MICROSECONDS);
     }
+    m_bus.WatchReplies(DAEMON_METHOD, [this](const Reply& reply) {
+      m_answer = reply;
+      // The library gets to see the reply before the tool ends.
+      m_bus.AfterRoundTrip([this] { m_loop.Stop(); });
+    });
   }
 
   void Send(const std::string& event, const std::string& data) {
     constexpr double PATIENCE = 25.0;
-    std::optional<Reply> answer;
-    const MessageWatch watch(m_bus, m_loop, OnReplyTo(DAEMON_METHOD, [&](const Reply& reply) {
-                               answer = reply;
-                               // The library gets to see the reply before the tool ends.
-                               m_bus.AfterRoundTrip([&] { m_loop.Stop(); });
-                             }));
+    m_answer.reset();
     m_bus.WhenDaemonAnswers([&](const Reply& /*reply*/) { StartSending(event, data); });
     m_loop.Run(m_end ? SecondsUntil(*m_end) : PATIENCE, "the daemon did not answer in time");
-    if (!answer) {
+    if (!m_answer) {
       throw Failure("interrupted before the daemon answered");
     }
-    RequireSuccess(*answer);
+    RequireSuccess(*m_answer);
   }
 
   void WaitUntil(gint64 moment) {
@@ -91,6 +91,7 @@ class Sender {
   std::optional<gint64> m_end;
   MainLoop m_loop;
   Bus m_bus;
+  std::optional<Reply> m_answer;
 };
 
 void Replay(const Output& output, const SendOptions& options) {

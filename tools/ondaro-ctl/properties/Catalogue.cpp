@@ -1,8 +1,7 @@
-#include "properties/Catalogue.h"
-
 #include <algorithm>
 #include <numeric>
 
+#include "properties/Properties.h"
 #include "support/ExitCode.h"
 #include "support/GLibOwner.h"
 

@@ -45,72 +45,65 @@ struct Assignment {
   std::string value;
 };
 
-/// What a dump's input says to write, all of it read before anything is written.
-class Input {
- public:
-  explicit Input(const LoadOptions& options) : m_force(options.force), m_reader(options.path) {
-    m_reader.ReadAll([this](std::string_view line) { Parse(line); });
+using Assignments = std::vector<Assignment>;
+
+void Add(Assignments& to, const std::string& name, const std::string& value, bool force) {
+  const Property& property = FindProperty(name);
+  if (!force) {
+    RequireTaken(property, value, "; --force stores false for it");
   }
+  to.push_back({&property, value});
+}
 
-  const std::vector<Assignment>& Assignments() const { return m_assignments; }
-
- private:
-  [[noreturn]] void Fail(const std::string& reason, ExitCode code = ExitCode::Failed) const {
-    throw Failure(code, m_reader.Place() + ": " + reason + "; nothing was written");
+void ParseObject(Assignments& to, std::string_view line, bool force) {
+  const std::optional<Json::Value> object = ParseJsonObject(line);
+  if (!object) {
+    throw Failure("no object as 'ondaro-ctl dump --json' prints it");
   }
-
-  void Parse(std::string_view line) {
-    if (line.empty() || line.front() == '#') {
-      return;
+  for (const std::string& name : object->getMemberNames()) {
+    const Json::Value& value = (*object)[name];
+    if (!value.isString() || value.asString().find('\0') != std::string::npos) {
+      throw Failure("the value of " + name + " is no text");
     }
-    if (line.front() == '{') {
-      ParseObject(line);
-      return;
-    }
-    const std::size_t space = std::min(line.find(' '), line.size());
-    const auto value = Decode(line.substr(std::min(space + 1, line.size())));
-    if (!value) {
-      Fail(R"(control characters and backslashes are written as \n, \r, \t, \xHH and \\)");
-    }
-    Add(std::string(line.substr(0, space)), *value);
+    Add(to, name, value.asString(), force);
   }
+}
 
-  void ParseObject(std::string_view line) {
-    const std::optional<Json::Value> object = ParseJsonObject(line);
-    if (!object) {
-      Fail("no object as 'ondaro-ctl dump --json' prints it");
-    }
-    for (const std::string& name : object->getMemberNames()) {
-      const Json::Value& value = (*object)[name];
-      if (!value.isString() || value.asString().find('\0') != std::string::npos) {
-        Fail("the value of " + name + " is no text");
-      }
-      Add(name, value.asString());
-    }
+void Parse(Assignments& to, std::string_view line, bool force) {
+  if (line.empty() || line.front() == '#') {
+    return;
   }
+  if (line.front() == '{') {
+    ParseObject(to, line, force);
+    return;
+  }
+  const std::size_t space = std::min(line.find(' '), line.size());
+  const auto value = Decode(line.substr(std::min(space + 1, line.size())));
+  if (!value) {
+    throw Failure(R"(control characters and backslashes are written as \n, \r, \t, \xHH and \\)");
+  }
+  Add(to, std::string(line.substr(0, space)), *value, force);
+}
 
-  void Add(const std::string& name, const std::string& value) {
+/// What the input says to write, all of it read before anything is written.
+Assignments ReadDump(const LoadOptions& options) {
+  Assignments assignments;
+  LineReader reader(options.path);
+  reader.ReadAll([&](std::string_view line) {
     try {
-      const Property& property = FindProperty(name);
-      if (!m_force) {
-        RequireTaken(property, value, "; --force stores false for it");
-      }
-      m_assignments.push_back({&property, value});
+      Parse(assignments, line, options.force);
     } catch (const Failure& failure) {
-      Fail(failure.what(), failure.Code());
+      throw Failure(failure.Code(),
+                    reader.Place() + ": " + failure.what() + "; nothing was written");
     }
-  }
-
-  bool m_force;
-  LineReader m_reader;
-  std::vector<Assignment> m_assignments;
-};
+  });
+  return assignments;
+}
 
 void Load(const Output& output, const LoadOptions& options) {
   std::size_t written = 0;
   std::size_t failed = 0;
-  const Input input(options);
-  for (const auto& [property, value] : input.Assignments()) {
+  for (const auto& [property, value] : ReadDump(options)) {
     // A dump holds what can only be read as well; and a process group is nothing to be restored.
     if (!property->IsReadable() || !property->IsWritable()) {
       output.Note(property->name + " cannot be loaded; skipped");

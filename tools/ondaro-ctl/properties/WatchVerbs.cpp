@@ -1,5 +1,5 @@
 #include <list>
-#include <set>
+#include <map>
 
 #include "properties/Properties.h"
 #include "support/Feed.h"
@@ -21,30 +21,23 @@ void Show(Feed& feed, const Property& property, std::optional<std::string>& valu
   value = changed;
 }
 
-/// Each once, also when it is named twice.
-std::set<const Property*> Selected(const std::vector<std::string>& names) {
-  std::set<const Property*> selected;
-  for (const std::string& name : names) {
-    selected.insert(&FindProperty(name));
-  }
-  for (const Property& property : CATALOGUE) {
-    if (names.empty() && property.HasEvents()) {
-      selected.insert(&property);
-    }
-  }
-  return selected;
-}
-
 void RunWatch(const Output& output, const WatchOptions& options) {
   Feed feed(output, options.limits);
-  std::list<std::optional<std::string>> values;
+  std::map<const Property*, std::optional<std::string>> values;  // one, also when it is named twice
+  for (const std::string& name : options.names) {
+    values[&FindProperty(name)];
+  }
+  for (const Property& property : CATALOGUE) {
+    if (options.names.empty() && property.HasEvents()) {
+      values[&property];
+    }
+  }
   std::list<PropertySubscription> subscriptions;
-  for (const Property* property : Selected(options.names)) {
-    std::optional<std::string>& value = values.emplace_back();
-    subscriptions.emplace_back(feed.Loop(), *property, [&, property](const std::string& changed) {
-      Show(feed, *property, value, changed);
+  for (auto& entry : values) {
+    subscriptions.emplace_back(feed.Loop(), *entry.first, [&](const std::string& changed) {
+      Show(feed, *entry.first, entry.second, changed);
     });
-    value = Read(*property);
+    entry.second = Read(*entry.first);
   }
   output.Ready();
   feed.Run();
