@@ -14,7 +14,7 @@
 namespace conformance {
 namespace {
 
-constexpr guint TICK_MS = 10;
+constexpr gulong TICK_US = 2000;
 
 volatile std::sig_atomic_t g_signal = 0;
 
@@ -30,12 +30,6 @@ void SetUp(gpointer data) {
   }
 }
 
-void OnEnd(GObject* /*process*/, GAsyncResult* /*result*/, gpointer hasEnded) {
-  *static_cast<bool*>(hasEnded) = true;
-}
-
-gboolean GoOn(gpointer /*unused*/) { return G_SOURCE_CONTINUE; }
-
 std::string InWords(int status) {
   if (!WIFSIGNALED(status)) {
     return "exit status " + std::to_string(WEXITSTATUS(status));
@@ -46,13 +40,13 @@ std::string InWords(int status) {
 
 }  // namespace
 
-Process::Process(const Start& start) {
-  std::vector<const char*> command;
-  for (const std::string& word : start.command) {
-    command.push_back(word.c_str());
+Process::Process(const Arguments& command, const Start& start) {
+  std::vector<const char*> words;
+  for (const std::string& word : command) {
+    words.push_back(word.c_str());
   }
-  command.push_back(nullptr);
-  GSubprocessLauncher* const launcher = g_subprocess_launcher_new(
+  words.push_back(nullptr);
+  g_autoptr(GSubprocessLauncher) launcher = g_subprocess_launcher_new(
       static_cast<GSubprocessFlags>((start.output.empty() ? G_SUBPROCESS_FLAGS_STDOUT_SILENCE : 0) |
                                     (start.error.empty() ? G_SUBPROCESS_FLAGS_STDERR_SILENCE : 0)));
   if (!start.output.empty()) {
@@ -68,13 +62,10 @@ Process::Process(const Start& start) {
   }
   Start forChild = start;
   g_subprocess_launcher_set_child_setup(launcher, SetUp, &forChild, nullptr);
-  GError* failure = nullptr;
-  m_process = g_subprocess_launcher_spawnv(launcher, command.data(), &failure);
-  g_object_unref(launcher);
+  g_autoptr(GError) failure = nullptr;
+  m_process = g_subprocess_launcher_spawnv(launcher, words.data(), &failure);
   if (m_process == nullptr) {
-    const std::string message = failure->message;
-    g_error_free(failure);
-    throw std::runtime_error(message);
+    throw std::runtime_error(failure->message);
   }
   const char* const id = g_subprocess_get_identifier(m_process);
   m_id = id != nullptr ? std::stoi(id) : -1;
@@ -86,41 +77,24 @@ Process::~Process() {
 }
 
 Outcome Process::End(Milliseconds patience) {
-  if (m_hasEnded) {
-    return m_outcome;
-  }
-  // A main context of its own: what waits delivers nothing of the port's.
-  GMainContext* const context = g_main_context_new();
-  g_main_context_push_thread_default(context);
-  GSource* const ticks = g_timeout_source_new(TICK_MS);
-  g_source_set_callback(ticks, GoOn, nullptr, nullptr);
-  g_source_attach(ticks, context);
-  g_subprocess_wait_async(m_process, nullptr, OnEnd, &m_hasEnded);
   const auto deadline = std::chrono::steady_clock::now() + patience;
   bool isInTime = true;
-  while (!m_hasEnded) {
-    if (isInTime && (g_signal != 0 || std::chrono::steady_clock::now() >= deadline)) {
-      isInTime = false;
-      g_subprocess_force_exit(m_process);
-    }
-    g_main_context_iteration(context, TRUE);
+  while (isInTime && g_subprocess_get_identifier(m_process) != nullptr) {
+    isInTime = g_signal == 0 && std::chrono::steady_clock::now() < deadline;
+    g_usleep(TICK_US);
   }
-  g_source_destroy(ticks);
-  g_source_unref(ticks);
-  g_main_context_pop_thread_default(context);
-  g_main_context_unref(context);
+  if (!isInTime) {
+    g_subprocess_force_exit(m_process);
+  }
+  g_subprocess_wait(m_process, nullptr, nullptr);
   const int status = g_subprocess_get_status(m_process);
-  m_outcome = {
-      isInTime && status == 0,
-      isInTime ? InWords(status) : "no end in " + std::to_string(patience.count()) + " ms"};
-  return m_outcome;
+  return {isInTime && status == 0,
+          isInTime ? InWords(status) : "no end in " + std::to_string(patience.count()) + " ms"};
 }
 
 void CatchSignals() {
-  struct sigaction action {};
-  action.sa_handler = [](int signal) { g_signal = signal; };
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-    sigaction(signal, &action, nullptr);
+    std::signal(signal, [](int caught) { g_signal = caught; });
   }
 }
 

@@ -19,33 +19,30 @@ struct Outcome {
 };
 
 struct Start {
-  Arguments command;           // the program first
-  std::string environment;     // one NAME=VALUE more
-  std::string output;          // file for standard output; else that is dropped
-  std::string error;           // file to append standard error to; else that is dropped
-  bool isErrorClosed = false;  // no standard error at all
-  int group = -1;              // process group to join, 0 for one of its own
+  int group = -1;                // process group to join, 0 for one of its own
+  std::string environment = {};  // one NAME=VALUE more
+  std::string output = {};       // file for standard output; else that is dropped
+  std::string error = {};        // file to append standard error to; else that is dropped
+  bool isErrorClosed = false;    // no standard error at all
 };
 
 /// A process that ends with this object, and with the process that started it, if not before.
 class Process {
  public:
-  /// Throws std::runtime_error.
-  explicit Process(const Start& start);
+  /// The program comes first. Throws std::runtime_error.
+  explicit Process(const Arguments& command, const Start& start = {});
   ~Process();
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
 
   int Id() const { return m_id; }
   /// Waits for its end, and kills it when patience ends or a signal wants this process to end.
-  /// Delivers nothing on the default main context.
+  /// Delivers nothing on any main context.
   Outcome End(Milliseconds patience);
 
  private:
   GSubprocess* m_process = nullptr;
   int m_id = -1;
-  bool m_hasEnded = false;
-  Outcome m_outcome;
 };
 
 /// From now on SIGINT, SIGTERM and SIGHUP end what is waited for instead of this process.

@@ -6,8 +6,9 @@
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
+#include <future>
 #include <memory>
-#include <mutex>
+#include <sstream>
 
 #include "platform/SettingsStore.h"
 
@@ -16,32 +17,28 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::unique_ptr<const Context>& ContextHolder() {
-  static std::unique_ptr<const Context> context;
-  return context;
-}
+Context g_context;
 
-std::string NewFile() {
-  static std::atomic<int> count{0};
-  return TheContext().scratch + "/" + std::to_string(g_get_monotonic_time()) + "-" +
-         std::to_string(++count);
+std::map<std::string, Help::Give>& Helps() {
+  static std::map<std::string, Help::Give> helps;
+  return helps;
 }
 
 bool WaitUntil(Clock::time_point deadline, const std::function<bool()>& done) {
-  constexpr guint TICK_MS = 5;  // not every port delivers on the main context, and wakes it
-  const guint ticks = g_timeout_add(
-      TICK_MS, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
-  bool isDone = done();
-  for (; !isDone && Clock::now() < deadline; isDone = done()) {
-    g_main_context_iteration(nullptr, TRUE);
+  constexpr gulong TICK_US = 1000;  // not every port delivers on the main context, and wakes it
+  while (!done()) {
+    if (Clock::now() >= deadline) {
+      return false;
+    }
+    if (g_main_context_iteration(nullptr, FALSE) == FALSE) {
+      g_usleep(TICK_US);
+    }
   }
-  g_source_remove(ticks);
-  return isDone;
+  return true;
 }
 
 long long OpenDescriptors() {
-  const std::filesystem::directory_iterator open("/proc/self/fd");
-  return std::distance(begin(open), end(open));
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 /// 0 where the C library does not tell.
@@ -55,38 +52,55 @@ long long BytesInUse() {
 }
 
 bool CarryOut(const std::string& action) {
-  const std::size_t verbEnd = action.find(' ');
-  const std::size_t key = action.find_first_not_of(' ', verbEnd);
-  if (action.compare(0, verbEnd, "run") == 0) {
-    return DoesSucceed(action.substr(key));
+  const std::string run = "run ";
+  if (action.rfind(run, 0) == 0) {
+    return DoesSucceed(action.substr(run.size()));
   }
-  const std::size_t keyEnd = action.find(' ', key);
-  const std::string name = action.substr(key, keyEnd - key);
-  const std::string value = action.substr(action.find_first_not_of(' ', keyEnd));
-  return (action.compare(0, verbEnd, "set-int") == 0
-              ? platform_settings_set_int(name.c_str(), std::stoi(value))
-              : platform_settings_set_string(name.c_str(), value.c_str())) == 0;
+  std::istringstream words(action);
+  std::string verb;
+  std::string key;
+  std::string value;
+  std::getline(words >> verb >> key >> std::ws, value);
+  return (verb == "set-int" ? platform_settings_set_int(key.c_str(), std::stoi(value))
+                            : platform_settings_set_string(key.c_str(), value.c_str())) == 0;
 }
 
 Outcome Run(const std::string& command, const std::string& output) {
   Start start;
-  start.command = {"/bin/sh", "-c", command};
   start.output = output;
-  return Process(start).End(TheContext().patience * 3);
+  return Process({"/bin/sh", "-c", command}, start).End(TheContext().patience * 3);
+}
+
+Answer Failed(const std::string& done, const std::string& expected, const std::string& came) {
+  return {Status::FAILED, "done:     " + done + "\nexpected: " + expected + "\ncame:     " + came};
+}
+
+/// Its last line, to be shown.
+std::string SaidLast(const std::string& file) {
+  const std::string text = ReadFile(file);
+  const std::string whole = text.substr(0, text.find_last_not_of('\n') + 1);
+  return whole.empty() ? "" : "\nit said:  " + Show(whole.substr(whole.rfind('\n') + 1));
 }
 
 }  // namespace
 
-void SetContext(Context context) {
-  ContextHolder() = std::make_unique<const Context>(std::move(context));
+Help::Help(const std::string& name, const Give& give) { Helps().emplace(name, give); }
+
+Question::Question(const std::string& clause, const std::function<void()>& ask) {
+  Questions().insert(clause);
+  Help(clause, [ask](const Arguments& /*none*/) { ask(); });
 }
 
-const Context& TheContext() { return *ContextHolder(); }
-
-void Fail(const std::string& done, const std::string& expected, const std::string& came) {
-  throw Answer{Status::FAILED,
-               "done:     " + done + "\nexpected: " + expected + "\ncame:     " + came};
+std::set<std::string>& Questions() {
+  static std::set<std::string> clauses;
+  return clauses;
 }
+
+void SetContext(Context context) { g_context = std::move(context); }
+
+const Context& TheContext() { return g_context; }
+
+void Reply(const std::string& reply) { throw Answer{Status::PASSED, reply}; }
 
 void Absent(const std::string& reason) { throw Answer{Status::ABSENT, reason}; }
 
@@ -101,8 +115,12 @@ void Needs(const std::string& clause, bool holds, const std::string& reason) {
 void Holds(bool holds, const std::string& done, const std::string& expected,
            const std::string& came) {
   if (!holds) {
-    Fail(done, expected, came);
+    throw Answer(Failed(done, expected, came));
   }
+}
+
+void Refuses(const std::string& done, int status) {
+  Holds(status != 0, done, "a status other than 0", "0");
 }
 
 std::string Show(int value) { return std::to_string(value); }
@@ -132,36 +150,37 @@ std::string Show(const char* textOrNull) {
   return textOrNull != nullptr ? Show(std::string(textOrNull)) : "nothing";
 }
 
-void SameList(const std::string& done, const std::vector<std::string>& expected,
-              const std::vector<std::string>& came, std::string (*show)(const std::string&)) {
-  const auto differing =
-      std::mismatch(expected.begin(), expected.end(), came.begin(), came.end()).first;
-  const auto at = static_cast<std::size_t>(differing - expected.begin());
-  const auto summary = [&](const std::vector<std::string>& list) {
-    constexpr std::size_t MOST = 6;
-    std::string text = std::to_string(list.size());
-    for (std::size_t i = 0; i < std::min(list.size(), MOST); ++i) {
-      text += (i == 0 ? ": " : ", ") + show(list[i]);
-    }
-    return text + (list.size() > MOST ? ", ..." : "") + "\nnumber " + std::to_string(at + 1) +
-           " is " + (at < list.size() ? show(list[at]) : "not there");
-  };
-  Holds(expected == came, done, summary(expected), summary(came));
-}
-
 const std::string& Declared(const char* key) {
   if (!IsDeclared(key)) {
     Undeclared(std::string("'") + key + "' is missing in the declaration");
   }
-  return *TheContext().declaration.Find(key);
+  return *TheContext().declaration.at(key);
 }
 
-bool IsDeclared(const char* key) { return TheContext().declaration.Find(key) != nullptr; }
+bool IsDeclared(const char* key) { return TheContext().declaration.at(key).has_value(); }
 
-std::string Filled(const std::string& text, Placeholders others) {
-  others.emplace("scratch", TheContext().scratch);
-  others.emplace("sink", TheContext().scratch + "/stderr");
-  return Fill(text, others);
+bool IsDeclared(const char* key, const char* orElse) {
+  if (!IsDeclared(key) && !IsDeclared(orElse)) {
+    Undeclared(std::string("neither '") + key + "' nor '" + orElse + "' is in the declaration");
+  }
+  return IsDeclared(key);
+}
+
+bool Declares(const char* key, const std::string& value) {
+  return IsDeclared(key) && Declared(key) == value;
+}
+
+std::string Filled(std::string text, Placeholders placeholders) {
+  placeholders.emplace("scratch", TheContext().scratch);
+  placeholders.emplace("sink", TheContext().scratch + "/stderr");
+  for (const auto& [name, value] : placeholders) {
+    const std::string mark = "{" + name + "}";
+    for (std::size_t at = text.find(mark); at != std::string::npos;
+         at = text.find(mark, at + value.size())) {
+      text.replace(at, mark.size(), value);
+    }
+  }
+  return text;
 }
 
 void Apply(const char* key, const Placeholders& placeholders) {
@@ -180,28 +199,21 @@ void Settle() {
 void OnManyThreads(const std::function<void()>& call) {
   constexpr int THREADS = 4;
   constexpr int CALLS = 25;
-  std::mutex mutex;
-  std::optional<Answer> failed;
-  std::vector<std::thread> threads;
-  threads.reserve(THREADS);
-  for (int i = 0; i < THREADS; ++i) {
-    threads.emplace_back([&] {
-      try {
-        for (int j = 0; j < CALLS; ++j) {
-          call();
-        }
-      } catch (const Answer& answer) {
-        const std::lock_guard lock(mutex);
-        failed = answer;
+  std::vector<std::future<void>> threads(THREADS);
+  for (std::future<void>& thread : threads) {
+    thread = std::async(std::launch::async, [&call] {
+      for (int i = 0; i < CALLS; ++i) {
+        call();
       }
     });
   }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-  if (failed) {
-    failed->text += "\n(asked on 4 threads at once)";
-    throw Answer(*failed);
+  try {
+    for (std::future<void>& thread : threads) {
+      thread.get();
+    }
+  } catch (Answer& failed) {
+    failed.text += "\n(asked on 4 threads at once)";
+    throw;
   }
 }
 
@@ -229,6 +241,12 @@ void LeavesNothing(const std::string& done, const std::function<void()>& once) {
         std::to_string(open));
 }
 
+std::string NewFile() {
+  static std::atomic<int> count{0};
+  return TheContext().scratch + "/" + std::to_string(g_get_monotonic_time()) + "-" +
+         std::to_string(++count);
+}
+
 std::string RunShell(const std::string& command) {
   const std::string output = NewFile();
   const Outcome outcome = Run(command, output);
@@ -244,7 +262,7 @@ Arguments Helper::Command(const std::string& help, const Arguments& arguments,
                           const std::string& reply) {
   Arguments all = {std::filesystem::read_symlink("/proc/self/exe"),
                    "--help-with",
-                   TheContext().declaration.Path(),
+                   TheContext().declarationPath,
                    TheContext().scratch,
                    std::to_string(TheContext().patience.count()),
                    help,
@@ -253,12 +271,9 @@ Arguments Helper::Command(const std::string& help, const Arguments& arguments,
   return all;
 }
 
-Helper::Helper(const std::string& help, const Arguments& arguments, Start start,
+Helper::Helper(const std::string& help, const Arguments& arguments, const Start& start,
                const std::string& reply)
-    : Process((start.command = Command(help, arguments, reply), start)), m_reply(reply) {}
-
-Helper::Helper(const std::string& help, const Arguments& arguments, Start start)
-    : Helper(help, arguments, std::move(start), NewFile()) {}
+    : Process(Command(help, arguments, reply), start), m_reply(reply) {}
 
 bool Helper::IsReady() const {
   return WaitFor([this] { return std::filesystem::exists(m_reply + ".ready"); });
@@ -266,16 +281,55 @@ bool Helper::IsReady() const {
 
 bool Helper::HasReplied() const { return std::filesystem::exists(m_reply); }
 
+Answer Helper::Ended(const std::string& done, Milliseconds patience, const std::string& said) {
+  const Outcome outcome = End(patience);
+  const std::optional<Answer> answer = Replied(m_reply);
+  return outcome.isGood && answer
+             ? *answer
+             : Failed(done, "the good end of the process", outcome.inWords + SaidLast(said));
+}
+
 std::string Helper::Reply(const std::string& done) {
-  const Outcome outcome = Finish();
-  Holds(outcome.isGood, done, "the good end of the process", outcome.inWords);
-  return ReadFile(m_reply);
+  const Answer answer = Ended(done, TheContext().patience * 3);
+  if (answer.status != Status::PASSED) {
+    throw Answer(answer);
+  }
+  return answer.text;
 }
 
 void Helper::SayReady() { WriteFile(TheContext().reply + ".ready", ""); }
 
+std::optional<Answer> Helper::Replied(const std::string& reply) {
+  std::istringstream written(ReadFile(reply));
+  int status = 0;
+  Answer answer;
+  if (!(written >> status >> answer.needs) || written.get() != '\n') {
+    return {};
+  }
+  answer.status = static_cast<Status>(status);
+  answer.text = std::string(std::istreambuf_iterator<char>(written), {});
+  return answer;
+}
+
 std::string Ask(const std::string& help, const Arguments& arguments) {
   return Helper(help, arguments).Reply("another process did '" + help + "'");
+}
+
+bool Serve(const Arguments& arguments) {
+  if (arguments.size() < 6 || arguments[0] != "--help-with") {
+    return false;
+  }
+  SetContext({arguments[1], ReadDeclaration(arguments[1]), arguments[2],
+              Milliseconds(std::stoi(arguments[3])), arguments[5]});
+  Answer answer;
+  try {
+    Helps().at(arguments[4])({arguments.begin() + 6, arguments.end()});
+  } catch (const Answer& ended) {
+    answer = ended;
+  }
+  WriteFile(arguments[5], Show(static_cast<int>(answer.status)) + " " +
+                              (answer.needs.empty() ? "-" : answer.needs) + "\n" + answer.text);
+  return true;
 }
 
 }  // namespace conformance

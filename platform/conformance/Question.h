@@ -2,9 +2,7 @@
 #define ONDARO_PLATFORM_CONFORMANCE_QUESTION_H
 
 #include <functional>
-#include <optional>
-#include <string>
-#include <thread>
+#include <set>
 #include <vector>
 
 #include "Declaration.h"
@@ -19,27 +17,27 @@ enum class Status { PASSED, FAILED, ABSENT, UNDECLARED, BLOCKED };
 
 struct Answer {
   Status status = Status::PASSED;
-  std::string text = {};   // why, unless passed
+  std::string text = {};   // why, unless passed; the reply of a help
   std::string needs = {};  // the clause that blocks it
+  double seconds = 0;      // until then, as the judge measures
 };
 
+/// What another process of the kit does for questions; it ends as they do.
+struct Help {
+  using Give = std::function<void(const Arguments& arguments)>;
+  Help(const std::string& name, const Give& give);
+};
 /// Asks of a clause; one at namespace scope for each.
 struct Question {
   Question(const std::string& clause, const std::function<void()>& ask);
 };
-/// What another process of the kit does for questions: its arguments in, its reply out.
-struct Help {
-  using Give = std::function<std::string(const Arguments& arguments)>;
-  Help(const std::string& name, const Give& give);
-};
+/// The clauses that are asked of.
+std::set<std::string>& Questions();
 
 // ---- The contract, taken from the headers and the guide when the kit is built (contract.sh)
 
-struct Clause {
-  std::string id;        // SET-07
-  std::string sentence;  // as the header has it
-};
-const std::vector<Clause>& Clauses();
+/// The sentence of each, as the header has it, by its id: SET-07.
+const std::map<std::string, std::string>& Clauses();
 
 /// A row of the guide's table of what the library asks of any set.
 struct Asked {
@@ -50,17 +48,20 @@ struct Asked {
 /// The rows of a kind.
 std::vector<Asked> AskedOfSets(const std::string& kind);
 
-// ---- Ends of a question
+// ---- Ends of a question, and of a help
 
-[[noreturn]] void Fail(const std::string& done, const std::string& expected,
-                       const std::string& came);
+[[noreturn]] void Reply(const std::string& reply);
 /// The port says that it has no such thing, and what it has agrees with it.
 [[noreturn]] void Absent(const std::string& reason);
 [[noreturn]] void Undeclared(const std::string& reason);
 /// Nothing can be said unless another clause holds.
 void Needs(const std::string& clause, bool holds, const std::string& reason);
+/// Fails otherwise.
 void Holds(bool holds, const std::string& done, const std::string& expected,
            const std::string& came);
+
+/// Holds unless the status is 0.
+void Refuses(const std::string& done, int status);
 
 std::string Show(int value);
 /// In quotes, what cannot be printed as \xNN, the middle of a long one left out.
@@ -71,14 +72,11 @@ template <typename Expected>
 void Same(const std::string& done, const Expected& expected, const Expected& came) {
   Holds(expected == came, done, Show(expected), Show(came));
 }
-/// Tells where two lists of what `show` shows begin to differ.
-void SameList(const std::string& done, const std::vector<std::string>& expected,
-              const std::vector<std::string>& came, std::string (*show)(const std::string&));
-
 // ---- The declaration
 
 /// What the questions of one process work with.
 struct Context {
+  std::string declarationPath;
   Declaration declaration;
   std::string scratch;  // a directory of the run's own
   Milliseconds patience;
@@ -90,7 +88,12 @@ const Context& TheContext();
 /// The declared value; else the question ends as undeclared.
 const std::string& Declared(const char* key);
 bool IsDeclared(const char* key);
-std::string Filled(const std::string& text, Placeholders others = {});
+/// Whether the one key is declared; else the other must be.
+bool IsDeclared(const char* key, const char* orElse);
+bool Declares(const char* key, const std::string& value);
+using Placeholders = std::map<std::string, std::string>;
+/// `text` with each {name} replaced.
+std::string Filled(std::string text, Placeholders placeholders = {});
 /// Carries out a declared action; else the question is blocked by SET-08.
 void Apply(const char* key, const Placeholders& placeholders = {});
 
@@ -105,20 +108,25 @@ void OnManyThreads(const std::function<void()>& call);
 /// Repeats what should leave nothing behind, up to a million times, as often as there is time.
 void LeavesNothing(const std::string& done, const std::function<void()>& once);
 
+/// A path in the scratch directory where nothing is.
+std::string NewFile();
 /// What a command for the shell prints; fails the question if it does not end well.
 std::string RunShell(const std::string& command);
 bool DoesSucceed(const std::string& command);
 
-/// Another process of the kit that gives some help.
+/// Another process of the kit that gives some help, or asks of a clause.
 class Helper : public Process {
  public:
-  explicit Helper(const std::string& help, const Arguments& arguments = {}, Start start = {});
+  explicit Helper(const std::string& help, const Arguments& arguments = {}, const Start& start = {},
+                  const std::string& reply = NewFile());
 
   /// Waits until it is ready, where it says so.
   bool IsReady() const;
   bool HasReplied() const;
-  Outcome Finish() { return End(TheContext().patience * 3); }
-  /// Waits for its end; the question fails if that is no good one.
+  /// Waits for its end. An end that is no good one is a failure; what it then said last, in the
+  /// file `said`, is shown.
+  Answer Ended(const std::string& done, Milliseconds patience, const std::string& said = "");
+  /// Waits for its end; the question ends as it did, unless that was well.
   std::string Reply(const std::string& done);
 
   /// Within the helper.
@@ -126,14 +134,17 @@ class Helper : public Process {
   /// The command line of one whose reply is found in the file.
   static Arguments Command(const std::string& help, const Arguments& arguments,
                            const std::string& reply);
+  /// What was replied to that file.
+  static std::optional<Answer> Replied(const std::string& reply);
 
  private:
-  Helper(const std::string& help, const Arguments& arguments, Start start,
-         const std::string& reply);
   const std::string m_reply;
 };
 
 std::string Ask(const std::string& help, const Arguments& arguments = {});
+
+/// Does what a helper's command line says; false for any other.
+bool Serve(const Arguments& arguments);
 
 }  // namespace conformance
 

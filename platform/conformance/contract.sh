@@ -9,8 +9,8 @@ echo '#include "Question.h"
 
 namespace conformance {
 
-const std::vector<Clause>& Clauses() {
-  static const std::vector<Clause> clauses = {'
+const std::map<std::string, std::string>& Clauses() {
+  static const std::map<std::string, std::string> clauses = {'
 awk '
   function finish() {
     gsub(/["\\]/, "\\\\&", text)

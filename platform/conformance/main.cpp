@@ -15,32 +15,8 @@ namespace {
 
 using namespace conformance;
 
-constexpr int CONFORMANT = 0;
-constexpr int NOT_CONFORMANT = 1;
 constexpr int NOT_RUN = 2;
 constexpr int SIGNAL_BASE = 128;
-
-struct Options {
-  std::string declaration;
-  std::string json;
-  std::vector<std::string> only;
-  bool isListing = false;
-  int patienceMs = 5000;
-};
-
-void Describe(CLI::App& app, Options& options) {
-  app.add_option("declaration", options.declaration, "What the port declares: conformance.conf");
-  app.add_option("--json", options.json, "Write the results as JSON, too")->type_name("FILE");
-  app.add_option("--only", options.only,
-                 "Judge these clauses (SET-05) or families (SET) only; the verdict is of them")
-      ->type_name("CLAUSE")
-      ->allow_extra_args(false);
-  app.add_option("--patience", options.patienceMs,
-                 "How long an event may take, in ms; a clause ends after ten times as long")
-      ->capture_default_str()
-      ->check(CLI::Range(100, 60000));
-  app.add_flag("--list", options.isListing, "List the clauses and end");
-}
 
 std::string Taken(char* text) { return std::unique_ptr<char, void (*)(void*)>(text, g_free).get(); }
 
@@ -50,66 +26,75 @@ std::string DigestOfFile(const std::string& path) {
                                              static_cast<gssize>(bytes.size())));
 }
 
-void WriteJson(const Judge& judge, const std::string& port, const Options& options) {
+void WriteJson(const Judgement& judgement, const std::string& declaration,
+               const std::string& file) {
   Json::Value root;
   Dl_info info{};
   if (dladdr(reinterpret_cast<void*>(&platform_log_print), &info) != 0) {
     root["portLibrary"] = std::filesystem::path(info.dli_fname).filename().string();
     root["portLibrarySha256"] = DigestOfFile(info.dli_fname);
   }
-  root["port"] = port;
+  root["port"] = Declared("port");
   root["portVersion"] = ONDARO_PORT_VERSION;
   root["kitVersion"] = ONDARO_KIT_VERSION;
-  root["declarationSha256"] = DigestOfFile(options.declaration);
-  root["conformant"] = judge.IsConformant();
-  root["verdict"] = judge.Verdict();
-  for (const std::string& note : judge.Notes()) {
+  root["declarationSha256"] = DigestOfFile(declaration);
+  root["conformant"] = judgement.IsConformant();
+  root["verdict"] = judgement.Verdict();
+  for (const std::string& note : judgement.notes) {
     root["notes"].append(note);
   }
-  for (const Result& result : judge.Results()) {
+  for (const auto& [id, answer] : judgement.results) {
     Json::Value clause;
-    clause["clause"] = result.clause;
-    clause["sentence"] = result.sentence;
-    clause["status"] = Word(result.answer.status);
-    clause["text"] = Taken(g_utf8_make_valid(result.answer.text.c_str(), -1));
-    clause["seconds"] = result.seconds;
+    clause["clause"] = id;
+    clause["sentence"] = Clauses().at(id);
+    clause["status"] = Word(answer.status);
+    clause["text"] = Taken(g_utf8_make_valid(answer.text.c_str(), -1));
+    clause["seconds"] = answer.seconds;
     root["clauses"].append(clause);
   }
-  WriteFile(options.json, root.toStyledString());
-}
-
-int JudgePort(const Options& options) {
-  const std::string port = *Declaration(options.declaration).Find("port");
-  Judge judge(options.declaration, Milliseconds(options.patienceMs));
-  judge.Run(options.only);
-  for (const std::string& note : judge.Notes()) {
-    std::cout << "note: " << note << '\n';
-  }
-  std::cout << "verdict: " << port << " is " << judge.Verdict() << std::endl;
-  if (!options.json.empty()) {
-    WriteJson(judge, port, options);
-  }
-  return judge.Signal() != 0    ? SIGNAL_BASE + judge.Signal()
-         : judge.IsConformant() ? CONFORMANT
-                                : NOT_CONFORMANT;
+  WriteFile(file, root.toStyledString());
 }
 
 int Run(int argc, char** argv) {
-  Options options;
+  std::string declaration;
+  std::string json;
+  std::vector<std::string> only;
+  bool isListing = false;
+  int patienceMs = 5000;
   CLI::App app("Judges a port against the contract of the platform seam.", "ondaro-platform-check");
-  Describe(app, options);
+  app.add_option("declaration", declaration, "What the port declares: conformance.conf");
+  app.add_option("--json", json, "Write the results as JSON, too")->type_name("FILE");
+  app.add_option("--only", only,
+                 "Judge these clauses (SET-05) or families (SET) only; the verdict is of them")
+      ->type_name("CLAUSE")
+      ->allow_extra_args(false);
+  app.add_option("--patience", patienceMs,
+                 "How long an event may take, in ms; a clause ends after ten times as long")
+      ->capture_default_str()
+      ->check(CLI::Range(100, 60000));
+  app.add_flag("--list", isListing, "List the clauses and end");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == EXIT_SUCCESS ? EXIT_SUCCESS : NOT_RUN;
   }
-  if (options.isListing) {
-    for (const Clause& clause : Clauses()) {
-      std::cout << clause.id << "  " << clause.sentence << '\n';
+  if (isListing) {
+    for (const auto& [clause, sentence] : Clauses()) {
+      std::cout << clause << "  " << sentence << '\n';
     }
     return EXIT_SUCCESS;
   }
-  return JudgePort(options);
+  const Judgement judgement = Judge(declaration, Milliseconds(patienceMs), only);
+  for (const std::string& note : judgement.notes) {
+    std::cout << "note: " << note << '\n';
+  }
+  std::cout << "verdict: " << Declared("port") << " is " << judgement.Verdict() << std::endl;
+  if (!json.empty()) {
+    WriteJson(judgement, declaration, json);
+  }
+  return judgement.signal != 0      ? SIGNAL_BASE + judgement.signal
+         : judgement.IsConformant() ? EXIT_SUCCESS
+                                    : EXIT_FAILURE;
 }
 
 }  // namespace

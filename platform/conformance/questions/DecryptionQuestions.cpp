@@ -31,7 +31,7 @@ class Listener : public eme::IEventListener {
   std::atomic<int> m_calls{0};
 };
 
-/// Called late by a broken module, it must still be there.
+/// Called late by a broken module, one must still be there.
 Listener& NewListener() { return *std::make_unique<Listener>().release(); }
 
 class Instance {
@@ -58,30 +58,27 @@ Listener& Any() {
   return listener;
 }
 
-bool IsModuleDeclared() { return TheContext().declaration.Is("decryption-module", "yes"); }
+bool IsModuleDeclared() { return Declares("decryption-module", "yes"); }
 
 /// Absent where there is no module.
-void WithInstance(const std::function<void(Instance& instance)>& ask) {
+Instance TheInstance() {
   if (!IsModuleDeclared()) {
     Absent("'decryption-module' declares none");
   }
-  Instance instance(Any());
-  Needs("CDM-02", instance.Get() != nullptr, "there is no instance");
-  ask(instance);
+  Needs("CDM-02", Instance(Any()).Get() != nullptr, "there is no instance");
+  return Instance(Any());
 }
 
 /// Absent, too, where the module cannot generate keys and says so.
-void WithKeys(const std::function<void(IWVCDM& keys)>& ask) {
-  WithInstance([&](Instance& instance) {
-    const bool isDeclared = TheContext().declaration.Is("device-keys", "yes");
-    Holds((instance.Keys() != nullptr) == isDeclared, "looked for IWVCDM by dynamic_cast",
-          isDeclared ? "it is found" : "null: 'device-keys' declares none",
-          isDeclared ? "null" : "it is found");
-    if (!isDeclared) {
-      Absent("'device-keys' declares none");
-    }
-    ask(*instance.Keys());
-  });
+IWVCDM& KeysOf(const Instance& instance) {
+  const bool isDeclared = Declares("device-keys", "yes");
+  Holds((instance.Keys() != nullptr) == isDeclared, "looked for IWVCDM by dynamic_cast",
+        isDeclared ? "it is found" : "null: 'device-keys' declares none",
+        isDeclared ? "null" : "it is found");
+  if (!isDeclared) {
+    Absent("'device-keys' declares none");
+  }
+  return *instance.Keys();
 }
 
 /// The system identifier, or that there is none.
@@ -92,10 +89,8 @@ std::string SystemId(eme::IEME* instance) {
   return status == 0 ? Show(id) : "fails";
 }
 
-const Help SYSTEM_ID("system-id", [](const Arguments& /*arguments*/) {
-  const Instance instance(Any());
-  return SystemId(instance.Get());
-});
+const Help SYSTEM_ID("system-id",
+                     [](const Arguments& /*none*/) { Reply(SystemId(Instance(Any()).Get())); });
 
 void IsFilled(const std::string& done, const std::string& came) {
   Holds(!came.empty() && came.find(HELD) == std::string::npos,
@@ -112,14 +107,14 @@ struct DeviceKey {
 
 /// What a signature is of is for the port's own means to say; the seam does not know its form.
 bool IsVerified(const DeviceKey& key, const std::string& hash, const std::string& signature) {
-  Placeholders paths;
-  for (const auto& [name, bytes] : {std::pair<std::string, std::string>("hash", hash),
-                                    {"certificate", key.certificate},
-                                    {"signature", signature}}) {
-    paths[name] = TheContext().scratch + "/" + name;
-    WriteFile(paths[name], bytes);
-  }
-  return DoesSucceed(Filled(Declared("signature.verify"), paths));
+  const auto file = [](const std::string& bytes) {
+    std::string path = NewFile();
+    WriteFile(path, bytes);
+    return path;
+  };
+  return DoesSucceed(Filled(Declared("signature.verify"), {{"hash", file(hash)},
+                                                           {"certificate", file(key.certificate)},
+                                                           {"signature", file(signature)}}));
 }
 
 const Question CDM_01("CDM-01", [] {
@@ -136,11 +131,9 @@ const Question CDM_01("CDM-01", [] {
 const Question CDM_02("CDM-02", [] {
   for (const std::string& system : {KeySystem(), std::string("conformance.none")}) {
     const bool isExpected = system == KeySystem() && IsModuleDeclared();
-    for (int i = 0; i < 2; ++i) {
-      eme::IEME* const instance = eme::IEME::create(&Any(), system, false, eme::CDM_MODEL_ONDARO);
-      Holds((instance != nullptr) == isExpected, "created an instance of " + system,
-            isExpected ? "an instance" : "null", isExpected ? "null" : "an instance");
-    }
+    eme::IEME* const instance = eme::IEME::create(&Any(), system, false, eme::CDM_MODEL_ONDARO);
+    Holds((instance != nullptr) == isExpected, "created an instance of " + system,
+          isExpected ? "an instance" : "null", isExpected ? "null" : "an instance");
   }
   const Instance one(Any());
   const Instance two(Any());
@@ -149,107 +142,100 @@ const Question CDM_02("CDM-02", [] {
 });
 
 const Question CDM_03("CDM-03", [] {
-  WithInstance([](Instance& instance) {
-    Same("destroyed an instance: the status", 0, instance.Destroy());
-    LeavesNothing("created an instance and destroyed it", [] { Instance other(Any()); });
-  });
+  Instance instance = TheInstance();
+  Same("destroyed an instance: the status", 0, instance.Destroy());
+  LeavesNothing("created an instance and destroyed it", [] { Instance other(Any()); });
 });
 
 const Question CDM_04("CDM-04", [] {
-  WithInstance([](Instance& instance) {
-    std::string id = HELD;
-    Same("asked for the system identifier: the status", 0,
-         instance.Get()->getStringProperty("getSystemId", " ", id, ""));
-    IsFilled("asked for the system identifier", id);
-  });
+  Instance instance = TheInstance();
+  std::string id = HELD;
+  Same("asked for the system identifier: the status", 0,
+       instance.Get()->getStringProperty("getSystemId", " ", id, ""));
+  IsFilled("asked for the system identifier", id);
 });
 
 const Question CDM_05("CDM-05", [] {
-  WithInstance([](Instance& instance) {
-    const Instance other(Any());
-    const std::string id = SystemId(instance.Get());
-    Same("asked an instance for the system identifier twice", id, SystemId(instance.Get()));
-    Same("asked another instance for the system identifier", id, SystemId(other.Get()));
-    Same("asked for the system identifier in another process", id, Ask("system-id"));
-  });
+  Instance instance = TheInstance();
+  const Instance other(Any());
+  const std::string id = SystemId(instance.Get());
+  Same("asked an instance for the system identifier twice", id, SystemId(instance.Get()));
+  Same("asked another instance for the system identifier", id, SystemId(other.Get()));
+  Same("asked for the system identifier in another process", id, Ask("system-id"));
 });
 
-const Question CDM_06("CDM-06", [] { WithKeys([](IWVCDM& /*keys*/) {}); });
+const Question CDM_06("CDM-06", [] { KeysOf(TheInstance()); });
 
 const Question CDM_07("CDM-07", [] {
-  WithKeys([](IWVCDM& keys) {
-    const DeviceKey made(keys);
-    Same("generated a key: the status", 0, made.status);
-    IsFilled("generated a key; the key", made.key);
-    IsFilled("generated a key; the certificate", made.certificate);
-  });
+  const Instance instance = TheInstance();
+  IWVCDM& keys = KeysOf(instance);
+  const DeviceKey made(keys);
+  Same("generated a key: the status", 0, made.status);
+  IsFilled("generated a key; the key", made.key);
+  IsFilled("generated a key; the certificate", made.certificate);
 });
 
 const Question CDM_08("CDM-08", [] {
-  WithKeys([](IWVCDM& keys) {
-    const DeviceKey own(keys);
-    const DeviceKey other(keys);
-    Needs("CDM-07", own.status == 0 && other.status == 0, "no key was generated");
-    std::string signature = HELD;
-    Same("signed a hash: the status", 0, keys.ondaroSign(own.key, HASH, signature));
-    IsFilled("signed a hash", signature);
-    Holds(IsVerified(own, HASH, signature), "verified a signature by 'signature.verify'",
-          "it is of the hash, by the key's certificate", "it is not");
-    Holds(!IsVerified(own, OTHER_HASH, signature), "verified it as one of another hash",
-          "it is not", "it is");
-    Holds(other.certificate == own.certificate || !IsVerified(other, HASH, signature),
-          "verified it by another key's certificate", "it is not of that key", "it is");
-  });
+  const Instance instance = TheInstance();
+  IWVCDM& keys = KeysOf(instance);
+  const DeviceKey own(keys);
+  const DeviceKey other(keys);
+  Needs("CDM-07", own.status == 0 && other.status == 0, "no key was generated");
+  std::string signature = HELD;
+  Same("signed a hash: the status", 0, keys.ondaroSign(own.key, HASH, signature));
+  IsFilled("signed a hash", signature);
+  Holds(IsVerified(own, HASH, signature), "verified a signature by 'signature.verify'",
+        "it is of the hash, by the key's certificate", "it is not");
+  Holds(!IsVerified(own, OTHER_HASH, signature), "verified it as one of another hash", "it is not",
+        "it is");
+  Holds(other.certificate == own.certificate || !IsVerified(other, HASH, signature),
+        "verified it by another key's certificate", "it is not of that key", "it is");
 });
 
 const Question CDM_09("CDM-09", [] {
-  WithInstance([](Instance& instance) {
-    std::string result;
-    const auto fails = [](const std::string& done, const std::function<int()>& call) {
-      std::string came = "an exception";
-      try {
-        came = Show(call());
-      } catch (const std::exception&) {
-      }
-      Holds(came != "0" && came != "an exception", done, "a status other than 0", came);
-    };
-    fails("asked for a property that there is none of", [&] {
-      return instance.Get()->getStringProperty("conformance", "no such query", result, "");
-    });
-    for (const char* const key : {"", "no key at all"}) {
-      fails("signed with the key " + Show(key), [&, keys = instance.Keys()] {
-        return keys != nullptr ? keys->ondaroSign(key, HASH, result) : -1;
-      });
+  Instance instance = TheInstance();
+  std::string result;
+  const auto fails = [](const std::string& done, const std::function<int()>& call) {
+    try {
+      Refuses(done, call());
+    } catch (const std::exception&) {
+      Holds(false, done, "a status other than 0", "an exception");
     }
+  };
+  fails("asked for a property that there is none of", [&] {
+    return instance.Get()->getStringProperty("conformance", "no such query", result, "");
   });
+  for (const char* const key : {"", "no key at all"}) {
+    fails("signed with the key " + Show(key), [&, keys = instance.Keys()] {
+      return keys != nullptr ? keys->ondaroSign(key, HASH, result) : -1;
+    });
+  }
 });
 
 const Question CDM_10("CDM-10", [] {
-  WithInstance([](Instance& other) {
-    std::vector<std::pair<Listener*, int>> ended;  // and the calls until then
-    for (int i = 0; i < 8; ++i) {
-      Listener& listener = NewListener();
-      Instance instance(listener);
-      SystemId(instance.Get());
-      Needs("CDM-03", instance.Destroy() == 0, "an instance could not be destroyed");
-      ended.emplace_back(&listener, listener.Calls());
-      SystemId(other.Get());
-      Settle();
-    }
-    for (const auto& [listener, calls] : ended) {
-      Same("destroyed an instance; calls of its listener", calls, listener->Calls());
-    }
-  });
+  const Instance other = TheInstance();
+  std::vector<std::pair<Listener*, int>> ended;  // and the calls until then
+  for (int i = 0; i < 8; ++i) {
+    Listener& listener = NewListener();
+    Instance instance(listener);
+    SystemId(instance.Get());
+    Needs("CDM-03", instance.Destroy() == 0, "an instance could not be destroyed");
+    ended.emplace_back(&listener, listener.Calls());
+    SystemId(other.Get());
+    Settle();
+  }
+  for (const auto& [listener, calls] : ended) {
+    Same("destroyed an instance; calls of its listener", calls, listener->Calls());
+  }
 });
 
 const Question CDM_11("CDM-11", [] {
-  WithInstance([](Instance& instance) {
-    const std::string id = SystemId(instance.Get());
-    OnManyThreads([&] {
-      Same("asked one instance for the system identifier", id, SystemId(instance.Get()));
-      const Instance own(Any());
-      Same("asked an own instance for the system identifier", id, SystemId(own.Get()));
-    });
+  Instance instance = TheInstance();
+  const std::string id = SystemId(instance.Get());
+  OnManyThreads([&] {
+    Same("asked one instance for the system identifier", id, SystemId(instance.Get()));
+    const Instance own(Any());
+    Same("asked an own instance for the system identifier", id, SystemId(own.Get()));
   });
 });
 

@@ -1,17 +1,18 @@
 #include "Settings.h"
 
-#include <glib.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <deque>
+#include <iterator>
 #include <memory>
 #include <numeric>
-#include <utility>
+#include <sstream>
 
 namespace conformance {
 namespace {
+
+constexpr int KEPT = 33;  // an errno
 
 const Value LAST = Text("no more of these");
 
@@ -56,6 +57,26 @@ std::string ShowValue(const Value& value) {
                            : "nothing";
 }
 
+void SameValues(const std::string& done, const Values& expected, const Values& came) {
+  if (expected.size() == 1 && came.size() == 1) {
+    Holds(expected == came, done, ShowValue(expected[0]), ShowValue(came[0]));
+    return;
+  }
+  const auto differing =
+      std::mismatch(expected.begin(), expected.end(), came.begin(), came.end()).first;
+  const auto at = static_cast<std::size_t>(differing - expected.begin());
+  const auto summary = [&](const Values& values) {
+    constexpr std::size_t MOST = 6;
+    std::string text = std::to_string(values.size());
+    for (std::size_t i = 0; i < std::min(values.size(), MOST); ++i) {
+      text += (i == 0 ? ": " : ", ") + ShowValue(values[i]);
+    }
+    return text + (values.size() > MOST ? ", ..." : "") + "\nnumber " + std::to_string(at + 1) +
+           " is " + (at < values.size() ? ShowValue(values[at]) : "not there");
+  };
+  Holds(expected == came, done, summary(expected), summary(came));
+}
+
 std::string LongestText() {
   const std::string ends = " \t\n";
   std::string text(std::size_t{64} * 1024 - ends.size(), 'x');
@@ -69,16 +90,21 @@ std::string FreshName() {
   return "fresh" + scratch.substr(scratch.rfind('-') + 1);
 }
 
-std::string Key(const std::string& name) {
-  return TheContext().declaration.SettingsRoots().front() + '/' + name;
+Arguments Roots() {
+  std::istringstream roots(IsDeclared("settings.roots") ? Declared("settings.roots")
+                                                        : "db/conformance memory/conformance");
+  return {std::istream_iterator<std::string>(roots), {}};
 }
 
-void ForEachRoot(const std::function<void(const std::string&)>& use, const std::string& name) {
-  for (const std::string& root : TheContext().declaration.SettingsRoots()) {
-    std::string key = root;
-    use(key.append("/").append(name));
+Arguments Keys(const std::string& name) {
+  Arguments keys = Roots();
+  for (std::string& key : keys) {
+    key += "/" + name;
   }
+  return keys;
 }
+
+std::string Key(const std::string& name) { return Keys(name).front(); }
 
 int TryWrite(const std::string& key, const Value& value) {
   const std::string rest = value.substr(1);
@@ -102,38 +128,32 @@ Value Read(const std::string& key) {
   return platform_settings_get_int(key.c_str(), &number) == 0 ? Number(number) : NOTHING;
 }
 
-Value Event::Carried() const { return text != NOTHING ? text : error == 0 ? Number(number) : text; }
-
-Recorder& Recorder::New() {
+Recorder& Recorder::New(const std::string& key, const Hook& hook) {
   const std::lock_guard lock(g_recordersMutex);
-  return Recorders().emplace_back();
+  return Recorders().emplace_back(key, hook);
 }
 
 void Recorder::Record(platform_settings_node* node) {
-  std::unique_lock lock(m_mutex);
-  const Hook hook = m_hook;
-  lock.unlock();
-  if (hook) {
-    hook(node);
+  if (m_hook) {
+    m_hook(node);
   }
   Event event;
-  event.name = g_intern_string(platform_settings_node_name(node));
+  const char* const name = platform_settings_node_name(node);
+  event.name = name != nullptr ? name : FAILS;
   const char* const text = platform_settings_node_string(node);
-  event.text = text != nullptr ? Text(text) : NOTHING;
+  event.text = text != nullptr ? Show(text) : FAILS;
   errno = 0;
-  event.number = platform_settings_node_int(node);
-  event.error = errno;
-  errno = Event::KEPT;
+  const int number = platform_settings_node_int(node);
+  const bool isNumber = errno == 0;
+  errno = KEPT;
   platform_settings_node_int(node);
-  event.errorKept = errno;
+  event.integer = number == -1 && !isNumber   ? FAILS
+                  : isNumber && errno == KEPT ? Show(number)
+                                              : Show(number) + ", and errno is not left alone";
+  event.value = text != nullptr ? Text(text) : isNumber ? Number(number) : NOTHING;
   event.thread = std::this_thread::get_id();
-  lock.lock();
-  m_events.push_back(event);
-}
-
-void Recorder::SetHook(Hook hook) {
   const std::lock_guard lock(m_mutex);
-  m_hook = std::move(hook);
+  m_events.push_back(event);
 }
 
 std::vector<Event> Recorder::Events() const {
@@ -144,7 +164,7 @@ std::vector<Event> Recorder::Events() const {
 Values Recorder::Carried() const {
   Values carried;
   for (const Event& event : Events()) {
-    carried.push_back(event.Carried());
+    carried.push_back(event.value);
   }
   return carried;
 }
@@ -164,21 +184,27 @@ void OnChange(platform_settings_node* node, void* recorder) { Take(node, recorde
 
 void OnOtherChange(platform_settings_node* node, void* recorder) { Take(node, recorder); }
 
-Subscription::Subscription(std::string key, platform_settings_changed_cb callback,
-                           Recorder& recorder)
-    : m_key(std::move(key)), m_callback(callback) {
-  Needs("SET-17", platform_settings_subscribe(m_key.c_str(), callback, &recorder) == 0,
-        "a subscription of " + m_key + " failed");
+void Subscribes(const std::string& done, Recorder& recorder,
+                platform_settings_changed_cb callback) {
+  Same(done + ": the status", 0,
+       platform_settings_subscribe(recorder.Key().c_str(), callback, &recorder));
+}
+
+Subscription::Subscription(Recorder& recorder, platform_settings_changed_cb callback)
+    : m_recorder(recorder), m_callback(callback) {
+  const std::string& key = recorder.Key();
+  Needs("SET-17", platform_settings_subscribe(key.c_str(), callback, &recorder) == 0,
+        "a subscription of " + key + " failed");
 }
 
 int Subscription::Cancel() {
   return std::exchange(m_isCancelled, true)
              ? 0
-             : platform_settings_unsubscribe(m_key.c_str(), m_callback);
+             : platform_settings_unsubscribe(m_recorder.Key().c_str(), m_callback);
 }
 
-Values AllUntilNow(const std::string& key, const Recorder& recorder) {
-  Write(key, LAST);
+Values AllUntilNow(const Recorder& recorder) {
+  Write(recorder.Key(), LAST);
   recorder.WaitForLast(LAST);
   Settle();
   Values carried = recorder.Carried();
@@ -190,9 +216,17 @@ Values AllUntilNow(const std::string& key, const Recorder& recorder) {
   return carried;
 }
 
-void Carries(const std::string& done, const std::string& key, const Recorder& recorder,
-             const Values& expected) {
-  SameList(done + "; events of " + key, expected, AllUntilNow(key, recorder), ShowValue);
+void Carries(const std::string& done, const Recorder& recorder, const Values& expected) {
+  SameValues(done + "; events of " + recorder.Key(), expected, AllUntilNow(recorder));
+}
+
+Helper Writing(const std::string& key, Values values) {
+  values.insert(values.begin(), key);
+  return Helper("write", values);
+}
+
+void WriteElsewhere(const std::string& key, const Values& values) {
+  Writing(key, values).Reply("another process wrote " + key);
 }
 
 }  // namespace conformance

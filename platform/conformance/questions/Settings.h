@@ -1,11 +1,9 @@
 #ifndef ONDARO_PLATFORM_CONFORMANCE_QUESTIONS_SETTINGS_H
 #define ONDARO_PLATFORM_CONFORMANCE_QUESTIONS_SETTINGS_H
 
-#include <functional>
 #include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
+#include <utility>
 
 #include "../Question.h"
 #include "platform/SettingsStore.h"
@@ -23,6 +21,8 @@ Value Text(const std::string& text);
 Value Number(int number);
 /// The text "a", the integer 1, nothing.
 std::string ShowValue(const Value& value);
+/// Tells where they begin to differ.
+void SameValues(const std::string& done, const Values& expected, const Values& came);
 /// 64 KiB of any bytes, with blanks and newlines at both ends.
 std::string LongestText();
 
@@ -34,11 +34,12 @@ inline constexpr const char* ALIKE[] = {FIRST,      "first2",   "First",    "fir
                                         "pair/one", "pair_one", "pair-one", "pair.one"};
 /// One that no run has written before, as long as this one does not.
 std::string FreshName();
-/// A key of the kit's, below the first root.
+/// Below these every key is the kit's own.
+Arguments Roots();
+/// The key of that name below each root.
+Arguments Keys(const std::string& name = FIRST);
+/// Below the first root.
 std::string Key(const std::string& name);
-/// Below each root; the kit's key of that name.
-void ForEachRoot(const std::function<void(const std::string& key)>& use,
-                 const std::string& name = FIRST);
 
 /// The status of the write.
 int TryWrite(const std::string& key, const Value& value);
@@ -48,16 +49,14 @@ Value Read(const std::string& key);
 
 /// What a change callback read from its node.
 struct Event {
-  const char* name = nullptr;  // interned
-  Value text = NOTHING;
-  int number = 0;
-  int error = 0;      // errno after the integer was read, 0 before
-  int errorKept = 0;  // errno after the integer was read, KEPT before
+  std::string name;     // or FAILS
+  std::string text;     // in words
+  std::string integer;  // in words, with what became of errno
+  Value value = NOTHING;
   std::thread::id thread;
-
-  static constexpr int KEPT = 33;
-  Value Carried() const;
 };
+
+inline constexpr char FAILS[] = "fails";
 
 /// The user data of subscriptions: keeps what callbacks are given, on any thread. Lives until the
 /// process ends: a broken port may call back at any time.
@@ -65,10 +64,11 @@ class Recorder {
  public:
   using Hook = std::function<void(platform_settings_node*)>;
 
-  static Recorder& New();
+  Recorder(std::string key, Hook hook) : m_key(std::move(key)), m_hook(std::move(hook)) {}
+  /// The hook is called first of all by each event, in the callback.
+  static Recorder& New(const std::string& key, const Hook& hook = nullptr);
+  const std::string& Key() const { return m_key; }
   void Record(platform_settings_node* node);
-  /// Called first of all by each event, in the callback.
-  void SetHook(Hook hook);
   std::vector<Event> Events() const;
   Values Carried() const;
   int Count() const { return static_cast<int>(Events().size()); }
@@ -77,8 +77,9 @@ class Recorder {
   bool WaitForLast(const Value& value) const;
 
  private:
+  const std::string m_key;
+  const Hook m_hook;
   mutable std::mutex m_mutex;
-  Hook m_hook;
   std::vector<Event> m_events;
 };
 
@@ -86,29 +87,41 @@ class Recorder {
 void OnChange(platform_settings_node* node, void* recorder);
 void OnOtherChange(platform_settings_node* node, void* recorder);
 
+/// A subscription of the recorder's key has the status 0.
+void Subscribes(const std::string& done, Recorder& recorder,
+                platform_settings_changed_cb callback = OnChange);
+
 /// Ends when it goes out of scope, if not before.
 class Subscription {
  public:
   /// Blocked by SET-17 if it fails.
-  Subscription(std::string key, platform_settings_changed_cb callback, Recorder& recorder);
+  explicit Subscription(Recorder& recorder, platform_settings_changed_cb callback = OnChange);
+  explicit Subscription(const std::string& key, platform_settings_changed_cb callback = OnChange,
+                        const Recorder::Hook& hook = nullptr)
+      : Subscription(Recorder::New(key, hook), callback) {}
   ~Subscription() { Cancel(); }
   Subscription(const Subscription&) = delete;
   Subscription& operator=(const Subscription&) = delete;
 
+  Recorder& operator*() const { return m_recorder; }
+  Recorder* operator->() const { return &m_recorder; }
   int Cancel();
 
  private:
-  const std::string m_key;
+  Recorder& m_recorder;
   const platform_settings_changed_cb m_callback;
   bool m_isCancelled = false;
 };
 
-/// Ends the events of `key` with one of its own, and waits for that: what the recorder has then,
-/// without it, is all that comes.
-Values AllUntilNow(const std::string& key, const Recorder& recorder);
+/// Ends the events of the recorder's key with one of its own, and waits for that: what it has then,
+/// without this one, is all that comes.
+Values AllUntilNow(const Recorder& recorder);
 /// Fails unless these, in this order, are all the events of the recorder.
-void Carries(const std::string& done, const std::string& key, const Recorder& recorder,
-             const Values& expected);
+void Carries(const std::string& done, const Recorder& recorder, const Values& expected);
+
+/// Another process, which writes these; ended, the values are written.
+Helper Writing(const std::string& key, Values values);
+void WriteElsewhere(const std::string& key, const Values& values);
 
 }  // namespace conformance
 

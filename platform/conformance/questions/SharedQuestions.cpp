@@ -11,12 +11,12 @@ namespace {
 constexpr int MANY = 50;
 const Value A = Text("of this run");
 
-std::string Joined(const Values& values) {
+void ReplyAll(const Values& values) {
   std::string reply;
   for (const Value& value : values) {
     reply += value + '\0';
   }
-  return reply;
+  Reply(reply);
 }
 
 Values Split(const std::string& reply) {
@@ -34,13 +34,11 @@ const Help WRITE("write", [](const Arguments& arguments) {
   for (std::size_t i = 1; i < arguments.size(); ++i) {
     Write(arguments[0], arguments[i]);
   }
-  return "";
 });
 
 const Help WRITE_AND_DIE("write-and-die", [](const Arguments& arguments) {
   Write(arguments[0], arguments[1]);
   std::raise(SIGKILL);
-  return "";
 });
 
 /// A key, and two values to write in turn for some time.
@@ -51,38 +49,30 @@ const Help REWRITE("rewrite", [](const Arguments& arguments) {
     Write(arguments[0], arguments[1]);
     Write(arguments[0], arguments[2]);
   }
-  return "";
 });
 
 /// Keys to read.
 const Help READ("read", [](const Arguments& arguments) {
   Values values;
   std::transform(arguments.begin(), arguments.end(), std::back_inserter(values), Read);
-  return Joined(values);
+  ReplyAll(values);
 });
 
 /// A key, and the value of the last event to collect.
 const Help COLLECT("collect", [](const Arguments& arguments) {
-  Recorder& recorder = Recorder::New();
-  const Subscription subscription(arguments[0], OnChange, recorder);
+  const Subscription subscription(arguments[0]);
   Helper::SayReady();
-  recorder.WaitForLast(arguments[1]);
+  subscription->WaitForLast(arguments[1]);
   Settle();
-  return Joined(recorder.Carried());
+  ReplyAll(subscription->Carried());
 });
 
 // ---- Questions
 
-void WriteElsewhere(const std::string& key, Values values) {
-  values.insert(values.begin(), key);
-  Ask("write", values);
-}
-
-/// For each root; absent where a process has the store to itself, and says so.
-void AskOfShared(const std::function<void(const std::string& key)>& ask) {
+/// A key below each root; absent where a process has the store to itself, and says so.
+Arguments SharedKeys() {
   if (Declared("settings.shared") == "yes") {
-    ForEachRoot(ask);
-    return;
+    return Keys();
   }
   Write(Key(FIRST), A);
   Holds(Split(Ask("read", {Key(FIRST)})) != Values{A},
@@ -92,38 +82,37 @@ void AskOfShared(const std::function<void(const std::string& key)>& ask) {
 }
 
 const Question SET_24("SET-24", [] {
-  AskOfShared([](const std::string& key) {
+  for (const std::string& key : SharedKeys()) {
     for (const Value& value : {A, Number(-1), Text(LongestText()), Text(""), Text("12")}) {
       Write(key, value);
-      SameList("wrote " + key + ", and read it in another process", {value},
-               Split(Ask("read", {key})), ShowValue);
+      SameValues("wrote " + key + ", and read it in another process", {value},
+                 Split(Ask("read", {key})));
       Write(key, Text("of neither"));
       WriteElsewhere(key, {value});
-      SameList("wrote " + key + " in another process, and read it", {value}, {Read(key)},
-               ShowValue);
+      SameValues("wrote " + key + " in another process, and read it", {value}, {Read(key)});
     }
-    const std::string how = Helper("write-and-die", {key, Text("last words")}).Finish().inWords;
-    SameList("another process wrote " + key + ", and ended by " + how, {Text("last words")},
-             Split(Ask("read", {key})), ShowValue);
-  });
+    Helper("write-and-die", {key, Text("last words")}).End(TheContext().patience);
+    SameValues("another process wrote " + key + ", and was killed at once", {Text("last words")},
+               Split(Ask("read", {key})));
+  }
 });
 
 const Question SET_35("SET-35", [] {
-  AskOfShared([](const std::string& key) {
+  for (const std::string& key : SharedKeys()) {
     for (int i = 0; i < 4; ++i) {
       // Of the same length, within the same second, and of both kinds.
       for (const Value& value : {Text("text " + Show(i)), Number(1000 + i)}) {
         Read(key);
         WriteElsewhere(key, {value});
-        SameList("read " + key + ", had another process write it, and read it again", {value},
-                 {Read(key)}, ShowValue);
+        SameValues("read " + key + ", had another process write it, and read it again", {value},
+                   {Read(key)});
       }
     }
-  });
+  }
 });
 
 const Question SET_40("SET-40", [] {
-  AskOfShared([](const std::string& key) {
+  for (const std::string& key : SharedKeys()) {
     const Values written = {Text(std::string(100, 'a')), Text(std::string(20000, 'b'))};
     Write(key, written[0]);
     Helper writer("rewrite", {key, written[0], written[1]});
@@ -137,26 +126,25 @@ const Question SET_40("SET-40", [] {
             "another process wrote 100 bytes of 'a' and 20000 of 'b' in turn; read " + key,
             "always one of the two", ShowValue(came));
     }
-  });
+  }
 });
 
 const Question SET_25("SET-25", [] {
-  AskOfShared([](const std::string& key) {
+  for (const std::string& key : SharedKeys()) {
     const Values values = {Number(1), Text("two"), Text(LongestText()), Number(-1), Text("end")};
-    Recorder& recorder = Recorder::New();
-    const Subscription subscription(key, OnChange, recorder);
+    const Subscription subscription(key);
     Helper one("collect", {key, values.back()});
     Helper two("collect", {key, values.back()});
     Needs("SET-17", one.IsReady() && two.IsReady(), "a subscription of another process failed");
     WriteElsewhere(key, values);
-    recorder.WaitForLast(values.back());
+    subscription->WaitForLast(values.back());
     Settle();
     const std::string done = "three processes subscribed " + key + ", a fourth wrote it; ";
-    SameList(done + "events of this process", values, recorder.Carried(), ShowValue);
+    SameValues(done + "events of this process", values, subscription->Carried());
     for (Helper* const other : {&one, &two}) {
-      SameList(done + "events of another", values, Split(other->Reply(done)), ShowValue);
+      SameValues(done + "events of another", values, Split(other->Reply(done)));
     }
-  });
+  }
 });
 
 void TwoWritersAtOnce(const std::string& key) {
@@ -165,36 +153,31 @@ void TwoWritersAtOnce(const std::string& key) {
     written['a'].push_back(Text("a" + Show(i)));
     written['b'].push_back(Text("b" + Show(i)));
   }
-  Recorder& recorder = Recorder::New();
-  Recorder& other = Recorder::New();
-  const Subscription subscription(key, OnChange, recorder);
-  const Subscription second(key, OnOtherChange, other);
-  Arguments arguments = written['a'];
-  arguments.insert(arguments.begin(), key);
-  Helper writer("write", arguments);
+  const Subscription subscription(key);
+  const Subscription other(key, OnOtherChange);
+  Helper writer = Writing(key, written['a']);
   for (const Value& value : written['b']) {
     Write(key, value);
   }
   const std::string done = "two processes wrote " + key + " at the same time; ";
   writer.Reply(done);
   const Value stored = Read(key);
-  const Values came = AllUntilNow(key, recorder);
+  const Values came = AllUntilNow(*subscription);
   for (const auto& [letter, values] : written) {
     Values own;
     std::copy_if(came.begin(), came.end(), std::back_inserter(own),
                  [by = letter](const Value& value) { return value.substr(1, 1)[0] == by; });
-    SameList(done + "events of the writes of one", values, own, ShowValue);
+    SameValues(done + "events of the writes of one", values, own);
   }
-  SameList(done + "the last event, beside what the key then held", {stored},
-           {came.empty() ? NOTHING : came.back()}, ShowValue);
-  WaitFor([&] { return other.Count() >= recorder.Count(); });
-  SameList(done + "events of another callback", recorder.Carried(), other.Carried(), ShowValue);
+  SameValues(done + "the last event, beside what the key then held", {stored},
+             {came.empty() ? NOTHING : came.back()});
+  WaitFor([&] { return other->Count() >= subscription->Count(); });
+  SameValues(done + "events of another callback", subscription->Carried(), other->Carried());
 }
 
 void OneWriterAfterTheOther(const std::string& key) {
   Write(key, Text("before"));
-  Recorder& recorder = Recorder::New();
-  const Subscription subscription(key, OnChange, recorder);
+  const Subscription subscription(key);
   Values expected = {Text("A"), Text("B"), Text("A"), Text("B"), Text("B")};
   WriteElsewhere(key, expected);
   for (const int turn : {1, 2}) {
@@ -202,25 +185,25 @@ void OneWriterAfterTheOther(const std::string& key) {
     WriteElsewhere(key, {Number(-turn)});
     expected.insert(expected.end(), {Number(turn), Number(-turn)});
   }
-  Carries("another process wrote A, B, A, B, B; then both in turn", key, recorder, expected);
+  Carries("another process wrote A, B, A, B, B; then both in turn", *subscription, expected);
 }
 
 const Question SET_27("SET-27", [] {
-  AskOfShared([](const std::string& key) {
+  for (const std::string& key : SharedKeys()) {
     OneWriterAfterTheOther(key);
     TwoWritersAtOnce(key);
-  });
+  }
 });
 
 // ---- A restart
 
 void AskAfterRestart(const std::string& lifetime, bool doesOutlast) {
-  AskOfShared([&](const std::string& key) {
+  for (const std::string& key : SharedKeys()) {
     if (key.rfind(lifetime, 0) != 0) {
-      return;
+      continue;
     }
     const std::string other = key + "2";
-    const std::string reply = TheContext().scratch + "/after-restart";
+    const std::string reply = NewFile();
     std::string reading;
     for (const std::string& word : Helper::Command("read", {key, other}, reply)) {
       reading += "'" + word + "' ";
@@ -231,9 +214,10 @@ void AskAfterRestart(const std::string& lifetime, bool doesOutlast) {
     const std::string& restart = Declared("settings.restart");
     const bool isWithin = restart.find("{command}") != std::string::npos;
     RunShell(Filled(isWithin ? restart : restart + " && exec {command}", {{"command", reading}}));
-    SameList("wrote " + key + " and " + other + ", restarted the set, and read them",
-             doesOutlast ? kept : Values{NOTHING, NOTHING}, Split(ReadFile(reply)), ShowValue);
-  });
+    SameValues("wrote " + key + " and another key, restarted the set, and read them",
+               doesOutlast ? kept : Values{NOTHING, NOTHING},
+               Split(Helper::Replied(reply).value_or(Answer()).text));
+  }
 }
 
 const Question SET_33("SET-33", [] { AskAfterRestart("db/", true); });

@@ -1,5 +1,4 @@
 // System information, power state and applications; and what a run puts back of them.
-#include <sys/types.h>
 #include <unistd.h>
 
 #include <climits>
@@ -26,10 +25,7 @@ std::string ReadFeature(const std::string& key) {
 /// With each value that `set` brings about, or the one that `fixed` declares.
 void ForEachValue(const char* set, const char* fixed, const std::vector<int>& values,
                   const std::function<void(int value)>& use) {
-  if (!IsDeclared(set) && !IsDeclared(fixed)) {
-    Undeclared(std::string("neither '") + set + "' nor '" + fixed + "' is in the declaration");
-  }
-  if (!IsDeclared(set)) {
+  if (!IsDeclared(set, fixed)) {
     use(std::stoi(Declared(fixed)));
     return;
   }
@@ -95,7 +91,7 @@ const Question POW_02("POW-02", [] {
 
 // ---- Applications
 
-const Help APPLICATION("application", [](const Arguments& /*arguments*/) -> std::string {
+const Help APPLICATION("application", [](const Arguments& /*none*/) {
   Helper::SayReady();
   while (true) {
     pause();
@@ -105,33 +101,23 @@ const Help APPLICATION("application", [](const Arguments& /*arguments*/) -> std:
 /// The process id of an application; replies the status, and the caller's group then.
 const Help JOIN_GROUP("join-group", [](const Arguments& arguments) {
   const int status = platform_app_set_process_group(std::stoi(arguments[0]), getpid());
-  return Show(status) + " " + Show(getpgrp());
+  Reply(Show(status) + " " + Show(getpgrp()));
 });
 
 /// A process of the kit, in a process group of its own or in another's.
 class Application : public Helper {
  public:
-  explicit Application(int group = 0) : Helper("application", {}, InGroup(group)) {
+  explicit Application(int group = 0) : Helper("application", {}, Start{group}) {
     Needs("APP-03", IsReady(), "a process of the kit could not be started");
-  }
-
- private:
-  static Start InGroup(int group) {
-    Start start;
-    start.group = group;
-    return start;
   }
 };
 
 /// The port finds a process of the kit under the declared id, or knows an application that runs.
 int DeclaredApplication(const Application& own) {
   Declared("application.id");
-  if (IsDeclared("application.announce")) {
+  if (IsDeclared("application.announce", "application.pid")) {
     Apply("application.announce", {{"pid", Show(own.Id())}});
     return own.Id();
-  }
-  if (!IsDeclared("application.pid")) {
-    Undeclared("neither 'application.announce' nor 'application.pid' is in the declaration");
   }
   const std::string told = RunShell(Filled(Declared("application.pid")));
   int pid = NO_PROCESS;
@@ -183,9 +169,8 @@ const Question APP_04("APP-04", [] {
   Application own;
   own.End(Milliseconds(0));
   for (const int pid : {own.Id(), NO_PROCESS, 0}) {
-    Holds(platform_app_set_process_group(pid, getpid()) != 0,
-          "joined the group of the process " + Show(pid) + ", which does not run",
-          "a status other than 0", "0");
+    Refuses("joined the group of the process " + Show(pid) + ", which does not run",
+            platform_app_set_process_group(pid, getpid()));
   }
 });
 
@@ -204,8 +189,8 @@ std::string FeatureNow() {
   return IsDeclared("feature.key") ? ReadFeature(Declared("feature.key")) : "fails";
 }
 
-const Help SAVE("save", [](const Arguments& /*arguments*/) {
-  return Show(platform_power_get_state()) + " " + FeatureNow();
+const Help SAVE("save", [](const Arguments& /*none*/) {
+  Reply(Show(platform_power_get_state()) + " " + FeatureNow());
 });
 
 /// What was saved.
@@ -213,16 +198,16 @@ const Help RESTORE("restore", [](const Arguments& arguments) {
   std::istringstream saved(arguments[0]);
   int power = 0;
   std::string feature;
-  saved >> power >> feature;
   const auto apply = [](const char* key, const std::string& value) {
     if (IsDeclared(key)) {
       Apply(key, {{"value", value}});
     }
   };
-  if (platform_power_get_state() != power) {
+  const bool isSaved = static_cast<bool>(saved >> power >> feature);
+  if (isSaved && platform_power_get_state() != power) {
     apply(power < 0 ? "power.unknown" : "power.set", Show(power));
   }
-  if (FeatureNow() != feature) {
+  if (isSaved && FeatureNow() != feature) {
     apply("feature.set", feature == "fails" ? PLAUSIBLE_FEATURE : feature);
   }
   apply("application.withdraw", "");
@@ -230,14 +215,11 @@ const Help RESTORE("restore", [](const Arguments& arguments) {
     std::vector<std::string> names(std::begin(ALIKE), std::end(ALIKE));
     names.insert(names.end(), {SECOND, FreshName(), FreshName() + "b"});
     for (const std::string& name : names) {
-      ForEachRoot(
-          [](const std::string& key) {
-            DoesSucceed(Filled(Declared("settings.remove"), {{"key", key}}));
-          },
-          name);
+      for (const std::string& key : Keys(name)) {
+        DoesSucceed(Filled(Declared("settings.remove"), {{"key", key}}));
+      }
     }
   }
-  return "";
 });
 
 }  // namespace
