@@ -6,7 +6,6 @@
 //   race COUNT           that many threads get all handles at once
 //   expect NAME          register, as server or client, and print events
 //   end NAME             end the main thread with the first event
-//   end-set               set a property whose event ends the main thread
 //   echo NAME REPLY      server: answer NAME's data with the event REPLY
 //   send NAME DATA       from the end whose handle was got last
 //   volley COUNT WINDOW  client: COUNT events "ping" with WINDOW unanswered at most, each of which
@@ -159,13 +158,6 @@ void Run(const std::string& line) {
        [&] {
          Register(first, [](const char*) { pthread_exit(nullptr); });
          Answer(true);
-       }},
-      {"end-set",
-       [&] {
-         auto* const config = OndaroFactory_GetSystemConfigHandle();
-         OndaroApi_SystemConfig_RegisterEventHandler(
-             config, "ONDARO_STATUS", [](const char*, void*) { pthread_exit(nullptr); }, nullptr);
-         Answer(OndaroApi_SystemConfig_SetProperty(config, "ONDARO_STATUS", "end"));
        }},
       {"echo", [&] { Echo(first, second); }},
       {"send", [&] { Answer(Send(first, second)); }},
