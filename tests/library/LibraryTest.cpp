@@ -97,9 +97,10 @@ TEST_F(Library, ThePointersOfACallAreTestedInOrder) {
     using Result = decltype(function(arguments...));
     if constexpr (std::is_void_v<Result>) {
       function(arguments...);
+    } else if constexpr (std::is_same_v<Result, int>) {
+      EXPECT_EQ(function(arguments...), -1);
     } else {
-      const Result failure = std::is_same_v<Result, int> ? Result(-1) : Result();
-      EXPECT_EQ(function(arguments...), failure);
+      EXPECT_FALSE(function(arguments...));
     }
     const std::string told = Told(false);
     const std::size_t colon = told.find(": ");
@@ -191,7 +192,7 @@ TEST_F(Library, WhatTheModuleRefusesHasALine) {
     const std::string opened = Told(true);
     EXPECT_EQ(opened.find("EME instance = ") == std::string::npos, row.expected == none);
     row.after();
-    const auto handle = reinterpret_cast<OndaroApi_CoreAuth_h>(&wrapper);
+    auto* const handle = reinterpret_cast<OndaroApi_CoreAuth_h>(&wrapper);
     const OndaroApi_CoreAuthInfoRO_t in = {"in", 2};
     OndaroApi_CoreAuthInfoRW_t key = {}, cert = {}, sign = {}, chain = {nullptr, 3};
     std::string id;
