@@ -25,16 +25,14 @@ struct SignOptions {
 };
 
 void Generate(const Output& output, const GenerateOptions& options) {
-  if (options.keyFile == options.certFile) {
-    throw Failure(ExitCode::Usage, "key and certificate go into two files");
-  }
+  Require(options.keyFile != options.certFile, "key and certificate go into two files",
+          ExitCode::Usage);
   NewFile keyFile(options.keyFile, ONLY_OWNER, options.force);
   NewFile certFile(options.certFile, EVERYBODY_READS, options.force);
   std::string key;
   std::string cert;
-  if (!CoreAuth().GenerateDeviceKeyAndCert(key, cert)) {
-    throw Failure("the set generated no key and certificate" + SeeLog());
-  }
+  RequireOfSet(CoreAuth().GenerateDeviceKeyAndCert(key, cert),
+               "the set generated no key and certificate");
   keyFile.Write(key);
   certFile.Write(cert);
   keyFile.Commit();
@@ -43,16 +41,14 @@ void Generate(const Output& output, const GenerateOptions& options) {
 }
 
 std::string HashToSign(const SignOptions& options) {
-  if (options.hash.empty() == options.hashFile.empty()) {
-    throw Failure(ExitCode::Usage, "give the hash once: with --hash HEX or --hash-file FILE");
-  }
+  Require(options.hash.empty() != options.hashFile.empty(),
+          "give the hash once: with --hash HEX or --hash-file FILE", ExitCode::Usage);
   if (options.hash.empty()) {
     return LineReader(options.hashFile).ReadWhole();
   }
   const std::optional<std::string> bytes = FromHex(options.hash);
-  if (!bytes) {
-    throw Failure(ExitCode::Usage, "--hash takes pairs of hexadecimal digits, as sha256sum prints");
-  }
+  Require(bytes.has_value(), "--hash takes pairs of hexadecimal digits, as sha256sum prints",
+          ExitCode::Usage);
   return *bytes;
 }
 
@@ -77,9 +73,7 @@ void Sign(const Output& output, const SignOptions& options) {
 
 void SystemId(const Output& output, const NoOptions&) {
   const std::optional<std::string> id = Read(FindProperty("SYSTEM_ID"));
-  if (!id) {
-    throw Failure("the set gave no system identifier" + SeeLog());
-  }
+  RequireOfSet(id.has_value(), "the set gave no system identifier");
   output.Value(JsonObject({{"system_id", JsonText(*id)}}), *id);
 }
 

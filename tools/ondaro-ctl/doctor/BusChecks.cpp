@@ -28,11 +28,10 @@ Finding BusChecks::Daemon() {
   const Reply owner =
       Ask(m_pConnection.get(), CallBus("GetNameOwner", g_variant_new("(s)", DAEMON_NAME)));
   const std::string name = DAEMON_NAME;
-  if (owner.IsError()) {
-    throw Failure(ExitCode::BusAbsent,
-                  "nobody owns " + name +
-                      "; start the daemon, or stand in for it with 'ondaro-ctl serve EVENT'");
-  }
+  Require(!owner.IsError(),
+          "nobody owns " + name +
+              "; start the daemon, or stand in for it with 'ondaro-ctl serve EVENT'",
+          ExitCode::BusAbsent);
   const char* connection = nullptr;
   g_variant_get(owner.value.get(), "(&s)", &connection);
   const std::string owned = name + " is owned by " + connection;
@@ -42,13 +41,10 @@ Finding BusChecks::Daemon() {
   // The name is taken, so that asking for it takes it from nobody; the answer tells who may.
   GVariant* const request = g_variant_new("(su)", DAEMON_NAME, G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE);
   m_mayOwn = !Ask(m_pConnection.get(), CallBus("RequestName", request)).IsError();
-  if (called.IsTimeout()) {
-    throw Failure(owned + ", which does not answer; see its log, restart it");
-  }
-  if (called.IsError() && !called.IsRefusal()) {
-    throw Failure(owned + ", which takes no calls (" + called.errorMessage +
-                  "); end it and start the daemon again");
-  }
+  Require(!called.IsTimeout(), owned + ", which does not answer; see its log, restart it");
+  Require(!called.IsError() || called.IsRefusal(), owned + ", which takes no calls (" +
+                                                       called.errorMessage +
+                                                       "); end it and start the daemon again");
   return {State::Ok, owned};
 }
 
@@ -97,12 +93,10 @@ Finding BusChecks::Hear() const {
   if (m_pConnection == nullptr) {
     return {State::Unknown, "needs the bus"};
   }
-  if (HearsEventsMadeUp()) {
-    throw Failure(
-        "the bus lets everybody send the daemon's events; install "
-        "com.halvex.tv.ondaro.conf in /usr/share/dbus-1/system.d and have the bus read "
-        "its configuration again");
-  }
+  Require(!HearsEventsMadeUp(),
+          "the bus lets everybody send the daemon's events; install "
+          "com.halvex.tv.ondaro.conf in /usr/share/dbus-1/system.d and have the bus read "
+          "its configuration again");
   if (m_mayCall == false) {
     return Refused("the daemon's events, as it does calls", WHO_MAY_CALL);
   }

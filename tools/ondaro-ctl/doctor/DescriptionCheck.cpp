@@ -62,15 +62,11 @@ Finding CheckDescription(const std::string& file) {
   int status = -1;
   while (waitpid(child, &status, 0) == -1 && errno == EINTR) {
   }
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    throw Failure("the library cannot use " ONDARO_INTERFACE_DESCRIPTION "; install it again" +
-                  SeeLog());
-  }
-  if (!DescribesMessaging(file)) {
-    throw Failure(file +
-                  " does not describe the daemon's interface; install "
-                  "com.halvex.tv.ondaro.interface.xml again");
-  }
+  RequireOfSet(WIFEXITED(status) && WEXITSTATUS(status) == 0,
+               "the library cannot use " ONDARO_INTERFACE_DESCRIPTION "; install it again");
+  Require(DescribesMessaging(file), file +
+                                        " does not describe the daemon's interface; install "
+                                        "com.halvex.tv.ondaro.interface.xml again");
   return {Finding::State::Ok, file + " describes the daemon's interface"};
 }
 

@@ -22,10 +22,8 @@ template <class Function>
 Function* Crypto(const char* name) {
   static void* const LIBRARY = dlopen("libcrypto.so.3", RTLD_NOW | RTLD_LOCAL);
   void* const found = LIBRARY == nullptr ? nullptr : dlsym(LIBRARY, name);
-  if (found == nullptr) {
-    throw Failure(std::string("libcrypto.so.3, which verifies signatures, lacks ") + name +
-                  " or is not installed");
-  }
+  Require(found != nullptr, std::string("libcrypto.so.3, which verifies signatures, lacks ") +
+                                name + " or is not installed");
   return reinterpret_cast<Function*>(found);
 }
 
@@ -45,9 +43,7 @@ Owned<X509> ParseCertificate(const std::string& bytes) {
     certificate.reset(
         Crypto<decltype(d2i_X509)>("d2i_X509")(nullptr, &begin, static_cast<long>(bytes.size())));
   }
-  if (certificate == nullptr) {
-    throw Failure("the certificate is neither PEM nor DER");
-  }
+  Require(certificate != nullptr, "the certificate is neither PEM nor DER");
   return certificate;
 }
 
@@ -108,14 +104,11 @@ Finding CheckDeviceKey(const std::string& keyFile, const std::string& certFile) 
   }
   const std::string hash = RandomHash();
   std::string signature;
-  if (!CoreAuth().SignHash(key, hash, signature)) {
-    throw Failure("the set did not sign with the device key" + SeeLog());
-  }
-  if (!Verifies(*ParseCertificate(certificate), hash, signature)) {
-    throw Failure(
-        "what the key signs does not verify with the certificate: they are not of one pair; make "
-        "a new one with 'ondaro-ctl auth generate'");
-  }
+  RequireOfSet(CoreAuth().SignHash(key, hash, signature),
+               "the set did not sign with the device key");
+  Require(Verifies(*ParseCertificate(certificate), hash, signature),
+          "what the key signs does not verify with the certificate: they are not of one pair; make "
+          "a new one with 'ondaro-ctl auth generate'");
   return {State::Ok, "what the device key signs verifies with its certificate"};
 }
 

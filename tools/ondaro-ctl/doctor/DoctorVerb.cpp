@@ -52,10 +52,9 @@ Finding CheckVersion() {
     return {State::Unknown, "the library's file '" + file + "' does not tell its version"};
   }
   const std::string library = file.substr(found + mark.size());
-  if ((headers + ".").rfind(library + ".", 0) != 0) {
-    throw Failure("the library is " + library + " (" + file + "), the headers " + headers +
-                  "; install both of one release");
-  }
+  Require((headers + ".").rfind(library + ".", 0) == 0, "the library is " + library + " (" + file +
+                                                            "), the headers " + headers +
+                                                            "; install both of one release");
   return {State::Ok, "the library is " + library + ", the headers " + headers};
 }
 
@@ -66,9 +65,7 @@ Finding CheckStore() {
     CPALUtils::SetregGetStr(key, before);
     // No key can be removed: one that was not there stays, empty.
     const bool isKept = KeepsText(key, "probe") && KeepsNumber(key, -1) && KeepsText(key, before);
-    if (!isKept) {
-      throw Failure("the settings store does not keep what is written to '" + key + "'" + SeeLog());
-    }
+    RequireOfSet(isKept, "the settings store does not keep what is written to '" + key + "'");
   }
   const std::optional<std::string> directory = StateDirectory();
   return {State::Ok, "the settings store keeps what is written" +
@@ -99,9 +96,8 @@ void Print(const Output& output, std::string check, const Finding& finding) {
 }
 
 void RunDoctor(const Output& output, const DoctorOptions& options) {
-  if (options.keyFile.empty() != options.certFile.empty()) {
-    throw Failure(ExitCode::Usage, "--key and --cert go together");
-  }
+  Require(options.keyFile.empty() == options.certFile.empty(), "--key and --cert go together",
+          ExitCode::Usage);
   const Finding description = Examine([&] { return CheckDescription(options.description); });
   bool lacksModule = false;
   BusChecks bus;
@@ -130,10 +126,9 @@ void RunDoctor(const Output& output, const DoctorOptions& options) {
     absent += finding.state == State::Absent ? 1 : 0;
     lacksDaemon |= finding.state == State::Absent && (name == "bus" || name == "daemon");
   }
-  if (failed != 0 || lacksDaemon) {
-    throw Failure(failed != 0 ? ExitCode::Failed : ExitCode::BusAbsent,
-                  std::to_string(failed) + " failed, " + std::to_string(absent) + " absent");
-  }
+  Require(failed == 0 && !lacksDaemon,
+          std::to_string(failed) + " failed, " + std::to_string(absent) + " absent",
+          failed != 0 ? ExitCode::Failed : ExitCode::BusAbsent);
 }
 
 }  // namespace

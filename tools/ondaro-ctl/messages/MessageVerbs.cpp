@@ -62,8 +62,8 @@ class Server : private End {
         FailRefused("the daemon's name", WHO_MAY_OWN);
       }
     });
-    m_pHandle = Require(OndaroFactory_GetIpcServerHandle(),
-                        "the interface description of the daemon could not be used");
+    m_pHandle = Made(OndaroFactory_GetIpcServerHandle(),
+                     "the interface description of the daemon could not be used");
     for (Named& named : m_named) {
       OndaroApi_IpcServer_RegisterEventHandler(m_pHandle, named.name.c_str(), Named::OnEvent,
                                                &named);

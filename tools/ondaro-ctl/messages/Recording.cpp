@@ -33,11 +33,10 @@ std::vector<RecordedEvent> ReadRecording(const std::string& path) {
     const bool isRecord =
         object["time"].isString() && object["event"].isString() && object["data"].isString();
     const auto time = isRecord ? MicrosecondsOf(object["time"]) : std::nullopt;
-    if (!time) {
-      throw Failure(reader.Place() +
-                    ": not an object with time, event and data, as 'ondaro-ctl listen --json' "
-                    "prints it; nothing was sent");
-    }
+    Require(time.has_value(),
+            reader.Place() +
+                ": not an object with time, event and data, as 'ondaro-ctl listen --json' "
+                "prints it; nothing was sent");
     begin = begin.value_or(*time);
     // A clock that was put back meanwhile makes no pause.
     const std::int64_t earliest = events.empty() ? 0 : events.back().microseconds;

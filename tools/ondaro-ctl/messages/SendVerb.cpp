@@ -22,11 +22,10 @@ void RequireSuccess(const Reply& reply) {
   if (!reply.IsError()) {
     return;
   }
-  if (reply.IsFromNobody()) {
-    throw Failure(ExitCode::BusAbsent,
-                  std::string("no daemon answers on the bus (nobody owns ") + DAEMON_NAME +
-                      "); start it, or stand in for it with 'ondaro-ctl serve EVENT'");
-  }
+  Require(!reply.IsFromNobody(),
+          std::string("no daemon answers on the bus (nobody owns ") + DAEMON_NAME +
+              "); start it, or stand in for it with 'ondaro-ctl serve EVENT'",
+          ExitCode::BusAbsent);
   if (reply.IsRefusal()) {
     FailRefused("the event", WHO_MAY_CALL);
   }
@@ -35,12 +34,9 @@ void RequireSuccess(const Reply& reply) {
 }
 
 void StartSending(const std::string& event, const std::string& data) {
-  if (OndaroApi_IpcClient_SendDataToServer(Client(), event.c_str(), data.c_str()) != 0) {
-    throw Failure(
-        "the event was not sent: event and data must be UTF-8 and "
-        "together shorter than 32 MiB" +
-        SeeLog());
-  }
+  RequireOfSet(OndaroApi_IpcClient_SendDataToServer(Client(), event.c_str(), data.c_str()) == 0,
+               "the event was not sent: event and data must be UTF-8 and "
+               "together shorter than 32 MiB");
 }
 
 constexpr double MICROSECONDS = 1'000'000.0;
@@ -65,21 +61,16 @@ class Sender {
     m_answer.reset();
     m_bus.WhenDaemonAnswers([&](const Reply& /*reply*/) { StartSending(event, data); });
     m_loop.Run(m_end ? SecondsUntil(*m_end) : PATIENCE, "the daemon did not answer in time");
-    if (!m_answer) {
-      throw Failure("interrupted before the daemon answered");
-    }
+    Require(m_answer.has_value(), "interrupted before the daemon answered");
     RequireSuccess(*m_answer);
   }
 
   void WaitUntil(gint64 moment) {
     while (SecondsUntil(moment) > 0) {
       const gint64 next = std::min(moment, m_end.value_or(moment));
-      if (m_loop.RunFor(std::min(LONGEST_TIMEOUT, SecondsUntil(next)))) {
-        throw Failure("interrupted before all was sent");
-      }
-      if (m_end && SecondsUntil(*m_end) <= 0) {
-        throw Failure(ExitCode::TimedOut, "the time is over");
-      }
+      Require(!m_loop.RunFor(std::min(LONGEST_TIMEOUT, SecondsUntil(next))),
+              "interrupted before all was sent");
+      Require(!m_end || SecondsUntil(*m_end) > 0, "the time is over", ExitCode::TimedOut);
     }
   }
 
@@ -116,9 +107,8 @@ void Replay(const Output& output, const SendOptions& options) {
 
 void RunSend(const Output& output, const SendOptions& options) {
   const bool isReplay = options.recording.has_value();
-  if (options.event.has_value() == isReplay || options.data.has_value() == isReplay) {
-    throw Failure(ExitCode::Usage, "give EVENT and DATA, or --replay FILE");
-  }
+  Require(options.event.has_value() != isReplay && options.data.has_value() != isReplay,
+          "give EVENT and DATA, or --replay FILE", ExitCode::Usage);
   if (isReplay) {
     Replay(output, options);
   } else {

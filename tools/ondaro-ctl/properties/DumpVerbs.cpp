@@ -57,14 +57,11 @@ void Add(Assignments& to, const std::string& name, const std::string& value, boo
 
 void ParseObject(Assignments& to, std::string_view line, bool force) {
   const std::optional<Json::Value> object = ParseJsonObject(line);
-  if (!object) {
-    throw Failure("no object as 'ondaro-ctl dump --json' prints it");
-  }
+  Require(object.has_value(), "no object as 'ondaro-ctl dump --json' prints it");
   for (const std::string& name : object->getMemberNames()) {
     const Json::Value& value = (*object)[name];
-    if (!value.isString() || value.asString().find('\0') != std::string::npos) {
-      throw Failure("the value of " + name + " is no text");
-    }
+    Require(value.isString() && value.asString().find('\0') == std::string::npos,
+            "the value of " + name + " is no text");
     Add(to, name, value.asString(), force);
   }
 }
@@ -79,9 +76,8 @@ void Parse(Assignments& to, std::string_view line, bool force) {
   }
   const std::size_t space = std::min(line.find(' '), line.size());
   const auto value = Decode(line.substr(std::min(space + 1, line.size())));
-  if (!value) {
-    throw Failure(R"(control characters and backslashes are written as \n, \r, \t, \xHH and \\)");
-  }
+  Require(value.has_value(),
+          R"(control characters and backslashes are written as \n, \r, \t, \xHH and \\)");
   Add(to, std::string(line.substr(0, space)), *value, force);
 }
 
@@ -115,9 +111,7 @@ void Load(const Output& output, const LoadOptions& options) {
     }
   }
   output.Note(Count(written, "property") + " loaded");
-  if (failed != 0) {
-    throw Failure(Count(failed, "property") + " not written" + SeeLog());
-  }
+  RequireOfSet(failed == 0, Count(failed, "property") + " not written");
 }
 
 }  // namespace

@@ -54,18 +54,23 @@ std::string SeeLog() {
   return StateDirectory() ? "; '--log error' shows why" : "; the log of the set shows why";
 }
 
+void RequireOfSet(bool isFine, const std::string& message, ExitCode code) {
+  if (!isFine) {
+    throw Failure(code, message + SeeLog());
+  }
+}
+
 OndaroApi_SystemConfig_h SystemConfig() {
-  return Require(OndaroFactory_GetSystemConfigHandle(),
-                 "the property service could not be created");
+  return Made(OndaroFactory_GetSystemConfigHandle(), "the property service could not be created");
 }
 
 OndaroApi_IpcClient_h Client() {
-  return Require(OndaroFactory_GetIpcClientHandle(),
-                 "the messaging could not be set up on the system bus", ExitCode::BusAbsent);
+  return Made(OndaroFactory_GetIpcClientHandle(),
+              "the messaging could not be set up on the system bus", ExitCode::BusAbsent);
 }
 
 NOndaroAPI::CCoreAuth& CoreAuth() {
-  Require(OndaroFactory_GetCoreAuthHandle(), "device authentication could not be opened");
+  Made(OndaroFactory_GetCoreAuthHandle(), "device authentication could not be opened");
   return NOndaroPAL::GetCoreAuth();
 }
 
@@ -102,9 +107,8 @@ PropertySubscription::PropertySubscription(MainLoop& loop, const Property& prope
     }
     throw Failure(m_name + " has no change events; these have:" + others);
   }
-  if (!StoreTakesSubscribers(property.key)) {
-    throw Failure("the settings store refused the subscription to " + m_name + SeeLog());
-  }
+  RequireOfSet(StoreTakesSubscribers(property.key),
+               "the settings store refused the subscription to " + m_name);
   OndaroApi_SystemConfig_RegisterEventHandler(SystemConfig(), m_name.c_str(), OnChanged, this);
 }
 

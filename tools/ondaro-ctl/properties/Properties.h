@@ -51,10 +51,14 @@ std::optional<std::string> StateDirectory();
 /// The end of a message: where the reason of what failed is to be seen.
 std::string SeeLog();
 
+/// Require(), for what the reason is to be seen in the log.
+void RequireOfSet(bool isFine, const std::string& message, ExitCode code = ExitCode::Failed);
+
 /// What a factory of the library gave; a Failure for nothing.
 template <class Handle>
-Handle Require(Handle handle, const char* reason, ExitCode code = ExitCode::Failed) {
-  return handle != nullptr ? handle : throw Failure(code, reason + SeeLog());
+Handle Made(Handle handle, const char* message, ExitCode code = ExitCode::Failed) {
+  RequireOfSet(handle != nullptr, message, code);
+  return handle;
 }
 
 /// The property service of this process; a Failure when it cannot be had.

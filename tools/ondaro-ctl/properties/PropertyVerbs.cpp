@@ -16,9 +16,7 @@ void Get(const Output& output, const std::vector<std::string>& names) {
   std::vector<const Property*> properties;
   for (const std::string& name : names) {
     properties.push_back(&FindProperty(name));
-    if (!properties.back()->IsReadable()) {
-      throw Failure(name + " can only be written");
-    }
+    Require(properties.back()->IsReadable(), name + " can only be written");
   }
   for (const Property* property : properties) {
     const std::optional<std::string> value = Read(*property);
@@ -32,15 +30,11 @@ void Get(const Output& output, const std::vector<std::string>& names) {
 
 void Set(const Output& /*output*/, const SetOptions& options) {
   const Property& property = FindProperty(options.name);
-  if (!property.IsWritable()) {
-    throw Failure(options.name + " can only be read");
-  }
+  Require(property.IsWritable(), options.name + " can only be read");
   if (!options.force) {
     RequireTaken(property, options.value, "; --force stores false for it");
   }
-  if (!Write(property, options.value)) {
-    throw Failure(options.name + " could not be written" + SeeLog());
-  }
+  RequireOfSet(Write(property, options.value), options.name + " could not be written");
 }
 
 struct State {
@@ -95,10 +89,8 @@ void List(const Output& output, const std::string& pattern) {
     const std::string gap(width + 2 - property.name.size(), ' ');
     output.Result(object, {{}, property.name, gap + state.text});
   }
-  if (!isAny) {
-    throw Failure(ExitCode::NoSuchProperty,
-                  "no property matches '" + pattern + "'; 'ondaro-ctl list' shows them all");
-  }
+  Require(isAny, "no property matches '" + pattern + "'; 'ondaro-ctl list' shows them all",
+          ExitCode::NoSuchProperty);
 }
 
 }  // namespace

@@ -93,9 +93,7 @@ void RunWait(const Output& output, const WaitOptions& options) {
     output.Note("waiting");
     loop.Run(options.seconds, options.condition + " did not come about in time");
   }
-  if (!fulfilled) {
-    throw Failure("interrupted before " + options.condition + " came about");
-  }
+  Require(fulfilled.has_value(), "interrupted before " + options.condition + " came about");
   output.Value(JsonObject({{"name", condition.property->name}, {"value", JsonText(*fulfilled)}}),
                *fulfilled);
 }

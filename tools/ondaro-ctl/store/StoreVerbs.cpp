@@ -25,9 +25,8 @@ int ParseInt(const std::string& text) {
   int value = 0;
   const char* const end = text.data() + text.size();
   const auto [rest, error] = std::from_chars(text.data(), end, value);
-  if (error != std::errc() || rest != end) {
-    throw Failure(ExitCode::Usage, "'" + text + "' is not a whole number of 32 bits");
-  }
+  Require(error == std::errc() && rest == end, "'" + text + "' is not a whole number of 32 bits",
+          ExitCode::Usage);
   return value;
 }
 
@@ -36,11 +35,9 @@ void StoreGet(const Output& output, const StoreOptions& options) {
   int number = 0;
   const bool isRead = options.isInt ? CPALUtils::SetregGetInt(options.key, number)
                                     : CPALUtils::SetregGetStr(options.key, text);
-  if (!isRead) {
-    throw Failure("'" + options.key + "' could not be read: it is not there, it holds " +
-                  (options.isInt ? "text (leave out --int)" : "a number (add --int)") +
-                  ", or the settings store is out of order" + SeeLog());
-  }
+  RequireOfSet(isRead, "'" + options.key + "' could not be read: it is not there, it holds " +
+                           (options.isInt ? "text (leave out --int)" : "a number (add --int)") +
+                           ", or the settings store is out of order");
   const Json::Value value = options.isInt ? Json::Value(number) : JsonText(text);
   output.Value(JsonObject({{"key", JsonText(options.key)}, {"value", value}}),
                options.isInt ? std::to_string(number) : text);
@@ -50,18 +47,15 @@ void StoreSet(const Output& /*output*/, const StoreOptions& options) {
   const bool isWritten = options.isInt
                              ? CPALUtils::SetregSetInt(options.key, ParseInt(options.value))
                              : CPALUtils::SetregSetStr(options.key, options.value);
-  if (!isWritten) {
-    throw Failure("'" + options.key + "' could not be written" + SeeLog());
-  }
+  RequireOfSet(isWritten, "'" + options.key + "' could not be written");
 }
 
 /// A subscription that shows every write to a key.
 class Shown {
  public:
   Shown(Feed& feed, const std::string& key) : m_key(key) {
-    if (!CPALUtils::RegisterSetregChangedCb(key, OnChanged, &feed)) {
-      throw Failure("the settings store refused the subscription to '" + key + "'" + SeeLog());
-    }
+    RequireOfSet(CPALUtils::RegisterSetregChangedCb(key, OnChanged, &feed),
+                 "the settings store refused the subscription to '" + key + "'");
   }
   ~Shown() { CPALUtils::DeregisterSetregChangedCb(m_key, OnChanged); }
 

@@ -28,6 +28,13 @@ class Failure : public std::runtime_error {
   ExitCode m_code;
 };
 
+/// A Failure of that message unless all is fine.
+inline void Require(bool isFine, const std::string& message, ExitCode code = ExitCode::Failed) {
+  if (!isFine) {
+    throw Failure(code, message);
+  }
+}
+
 }  // namespace ondaro::ctl
 
 #endif

@@ -53,9 +53,7 @@ bool MainLoop::RunFor(std::optional<double> seconds) {
 }
 
 void MainLoop::Run(std::optional<double> seconds, const std::string& onTimeout) {
-  if (!RunFor(seconds)) {
-    throw Failure(ExitCode::TimedOut, onTimeout);
-  }
+  Require(RunFor(seconds), onTimeout, ExitCode::TimedOut);
 }
 
 }  // namespace ondaro::ctl

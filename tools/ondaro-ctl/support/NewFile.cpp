@@ -13,11 +13,9 @@
 namespace ondaro::ctl {
 namespace {
 
-[[noreturn]] void Fail(const std::string& path, const std::string& reason) {
+[[noreturn]] void Fail(const std::string& path, const std::string& reason = std::strerror(errno)) {
   throw Failure(path + " cannot be written: " + reason);
 }
-
-[[noreturn]] void FailWithErrno(const std::string& path) { Fail(path, std::strerror(errno)); }
 
 /// The name under which the file is written; in place of another it comes as a whole.
 std::string WrittenName(const std::string& path, bool replace) {
@@ -39,7 +37,7 @@ NewFile::NewFile(const std::string& path, mode_t mode, bool replace)
          replace ? "it is left over; remove it first" : "it is there already; --force replaces it");
   }
   if (m_file.Number() < 0) {
-    FailWithErrno(m_written);
+    Fail(m_written);
   }
 }
 
@@ -51,14 +49,14 @@ NewFile::~NewFile() {
 
 void NewFile::Write(std::string_view bytes) const {
   if (!WriteAll(m_file.Number(), bytes)) {
-    FailWithErrno(m_path);
+    Fail(m_path);
   }
 }
 
 void NewFile::Commit() {
   if (fsync(m_file.Number()) != 0 ||
       (m_written != m_path && std::rename(m_written.c_str(), m_path.c_str()) != 0)) {
-    FailWithErrno(m_path);
+    Fail(m_path);
   }
   m_written.clear();
 }

@@ -10,9 +10,12 @@
 namespace ondaro::ctl {
 namespace {
 
-constexpr std::string_view BOLD = "\033[1m";
-constexpr std::string_view RED = "\033[31m";
-constexpr std::string_view PLAIN = "\033[0m";
+constexpr char BOLD[] = "\033[1m";
+constexpr char RED[] = "\033[31m";
+
+std::string Marked(const std::string& text, const std::string& colour) {
+  return colour.empty() || text.empty() ? text : colour + text + "\033[0m";
+}
 
 bool ShowsColour(int descriptor) {
   const char* const noColour = std::getenv("NO_COLOR");
@@ -37,11 +40,8 @@ void Output::Print(std::string_view line) const {
 }
 
 void Output::Line(const Row& row) const {
-  std::string marked = OneLine(row.marked);
-  if (m_colourOut && !marked.empty()) {
-    marked = std::string(BOLD) + marked + std::string(PLAIN);
-  }
-  Print(OneLine(row.before) + marked + OneLine(row.after));
+  Print(OneLine(row.before) + Marked(OneLine(row.marked), m_colourOut ? BOLD : "") +
+        OneLine(row.after));
 }
 
 void Output::Result(const Json::Value& object, const Row& row) const {
@@ -68,17 +68,12 @@ void Output::Ready() const {
   }
 }
 
-void Output::Note(std::string_view text) const {
-  WriteAll(STDERR_FILENO, "ondaro-ctl: " + OneLine(text) + "\n");
-}
+void Output::Note(std::string_view text) const { Hint("ondaro-ctl: " + std::string(text)); }
 
 void Output::Hint(std::string_view text) const { WriteAll(STDERR_FILENO, OneLine(text) + "\n"); }
 
 void Output::Error(std::string_view text) const {
-  std::string label = "ondaro-ctl:";
-  if (m_colourErr) {
-    label = std::string(RED) + label + std::string(PLAIN);
-  }
+  const std::string label = Marked("ondaro-ctl:", m_colourErr ? RED : "");
   WriteAll(STDERR_FILENO, label + " " + OneLine(text) + "\n");
 }
 
