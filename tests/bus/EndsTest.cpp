@@ -31,6 +31,17 @@ std::optional<std::string> g_description;
 
 int g_callTimeout = 0;
 
+/// What the process's shared connection has asked the bus to send it.
+std::atomic<int> g_matches{0};
+
+/// In GLib's own thread.
+GDBusMessage* CountMatches(GDBusConnection*, GDBusMessage* message, gboolean, gpointer) {
+  const gchar* const member = g_dbus_message_get_member(message);
+  g_matches += g_strcmp0(member, "AddMatch") == 0 ? 1 : 0;
+  g_matches -= g_strcmp0(member, "RemoveMatch") == 0 ? 1 : 0;
+  return message;
+}
+
 }  // namespace
 
 gboolean g_file_get_contents(const gchar*, gchar** contents, gsize*, GError** error) {
@@ -74,8 +85,10 @@ class Ends : public testing::Test {
 
   GDBusConnection* Connect() {
     m_isClosed = false;
+    g_matches = 0;
     GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
     g_dbus_connection_set_exit_on_close(connection, FALSE);
+    g_dbus_connection_add_filter(connection, CountMatches, nullptr, nullptr);
     return connection;
   }
   /// From here on m_shared is null once nobody holds the connection.
@@ -209,6 +222,7 @@ TEST_F(Ends, LeaveNothingBehindInWhateverStateTheyAreDestroyed) {
       Drain();
     }
     EXPECT_EQ(m_peer.Owner(), "");
+    EXPECT_EQ(g_matches, 0);
     EXPECT_TRUE(m_events.empty());
     EXPECT_FALSE(Logged("Start ") || Logged("pDbusConnection:"));
   }
