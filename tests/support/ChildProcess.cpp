@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cerrno>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 
@@ -81,12 +82,6 @@ bool ChildProcess::Fill(std::chrono::milliseconds limit) {
   return !m_ended;
 }
 
-bool ChildProcess::HasLine() {
-  while (Fill(std::chrono::milliseconds(0))) {
-  }
-  return m_ended || m_buffer.find('\n') != std::string::npos;
-}
-
 std::optional<std::string> ChildProcess::ReadLine(std::chrono::milliseconds limit,
                                                   const std::string& part) {
   const auto deadline = Clock::now() + limit;
@@ -106,12 +101,6 @@ std::optional<std::string> ChildProcess::ReadLine(std::chrono::milliseconds limi
   }
 }
 
-std::string ChildProcess::ReadAll() {
-  while (Fill(PATIENCE)) {
-  }
-  return std::exchange(m_buffer, {});
-}
-
 void ChildProcess::Signal(int number) const {
   if (m_pid > 0) {
     kill(m_pid, number);
@@ -124,6 +113,8 @@ void ChildProcess::Freeze() const {
 }
 
 int ChildProcess::Wait() {
+  while (Fill(PATIENCE)) {
+  }
   int status = 0;
   Checked(waitpid(m_pid, &status, 0), "waitpid");
   m_pid = -1;

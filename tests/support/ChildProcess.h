@@ -33,15 +33,11 @@ class ChildProcess {
   /// after `limit`.
   std::optional<std::string> ReadLine(std::chrono::milliseconds limit = PATIENCE,
                                       const std::string& part = "");
-  /// Everything up to the end of the output.
-  std::string ReadAll();
-  /// Takes what has arrived, without waiting; true when ReadLine() would return at once.
-  bool HasLine();
 
   void Signal(int number) const;
   /// Sends SIGSTOP and returns when the process stands still.
   void Freeze() const;
-  /// The exit code, or minus the number of the signal that ended it.
+  /// Takes the rest of the output. The exit code, or minus the number of the signal that ended it.
   int Wait();
   /// Ends it at once, whatever it does.
   void Kill();
