@@ -36,10 +36,8 @@ constexpr char EXIT_CODES[] =
     "            4 bus or daemon absent, 5 timeout";
 
 std::string CheckLog(const std::string& log) {
-  const auto isLevel = [level = log.substr(0, log.find(':'))](std::string_view known) {
-    return level == known;
-  };
-  return std::any_of(LOG_LEVELS.begin(), LOG_LEVELS.end(), isLevel)
+  const std::string_view level(log.data(), std::min(log.find(':'), log.size()));
+  return std::find(LOG_LEVELS.begin(), LOG_LEVELS.end(), level) != LOG_LEVELS.end()
              ? ""
              : "'" + log + "' begins with no level that the log has";
 }
@@ -136,12 +134,6 @@ bool Parse(CLI::App& app, const Session& session, int argc, char** argv) {
   }
 }
 
-/// The library writes ordinary calls at error priority, so the log is quiet unless asked for.
-void ChooseLog(const std::string& log) {
-  const bool isGiven = !log.empty();
-  setenv(LOG_VARIABLE, isGiven ? log.c_str() : "off", isGiven ? 1 : 0);
-}
-
 void Run(Session& session, int argc, char** argv) {
   std::string log;
   CLI::App app("Reads, changes and watches a media-sharing receiver's set.", "ondaro-ctl");
@@ -156,7 +148,8 @@ void Run(Session& session, int argc, char** argv) {
   AddVerbs(app, session);
   try {
     if (Parse(app, session, argc, argv)) {
-      ChooseLog(log);
+      // The library writes ordinary calls at error priority: the log is quiet unless asked for.
+      setenv(LOG_VARIABLE, log.empty() ? "off" : log.c_str(), log.empty() ? 0 : 1);
       session.verb();
     }
   } catch (const Failure& failure) {

@@ -143,12 +143,10 @@ void FailRefused(const std::string& what, const std::string& whoMay) {
 GDBusConnection* ConnectToBus() {
   GError* error = nullptr;
   GDBusConnection* const connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
-  if (connection == nullptr) {
-    const GLibError owned(error);
-    throw Failure(ExitCode::BusAbsent,
-                  std::string("the system bus cannot be reached: ") + error->message +
-                      "; is it running, and does DBUS_SYSTEM_BUS_ADDRESS, if set, name it?");
-  }
+  Require(connection != nullptr,
+          "the system bus cannot be reached: " + ReplyOf(nullptr, error).errorMessage +
+              "; is it running, and does DBUS_SYSTEM_BUS_ADDRESS, if set, name it?",
+          ExitCode::BusAbsent);
   g_dbus_connection_set_exit_on_close(connection, FALSE);
   return connection;
 }

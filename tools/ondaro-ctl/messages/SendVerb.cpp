@@ -33,12 +33,6 @@ void RequireSuccess(const Reply& reply) {
                 " answered with an error, " + reply.errorName + ": " + reply.errorMessage);
 }
 
-void StartSending(const std::string& event, const std::string& data) {
-  RequireOfSet(OndaroApi_IpcClient_SendDataToServer(Client(), event.c_str(), data.c_str()) == 0,
-               "the event was not sent: event and data must be UTF-8 and "
-               "together shorter than 32 MiB");
-}
-
 constexpr double MICROSECONDS = 1'000'000.0;
 
 /// Sends events, each when the daemon has answered the one before.
@@ -59,7 +53,11 @@ class Sender {
   void Send(const std::string& event, const std::string& data) {
     constexpr double PATIENCE = 25.0;
     m_answer.reset();
-    m_bus.WhenDaemonAnswers([&](const Reply& /*reply*/) { StartSending(event, data); });
+    m_bus.WhenDaemonAnswers([&](const Reply& /*reply*/) {
+      RequireOfSet(OndaroApi_IpcClient_SendDataToServer(Client(), event.c_str(), data.c_str()) == 0,
+                   "the event was not sent: event and data must be UTF-8 and together shorter than "
+                   "32 MiB");
+    });
     m_loop.Run(m_end ? SecondsUntil(*m_end) : PATIENCE, "the daemon did not answer in time");
     Require(m_answer.has_value(), "interrupted before the daemon answered");
     RequireSuccess(*m_answer);

@@ -1,4 +1,3 @@
-#include <charconv>
 #include <list>
 
 #include "ondaro/pal/CPALUtils.h"
@@ -22,12 +21,11 @@ struct StoreWatchOptions {
 };
 
 int ParseInt(const std::string& text) {
-  int value = 0;
-  const char* const end = text.data() + text.size();
-  const auto [rest, error] = std::from_chars(text.data(), end, value);
-  Require(error == std::errc() && rest == end, "'" + text + "' is not a whole number of 32 bits",
-          ExitCode::Usage);
-  return value;
+  gint64 value = 0;
+  const bool isInt =
+      g_ascii_string_to_signed(text.c_str(), 10, INT32_MIN, INT32_MAX, &value, nullptr) != FALSE;
+  Require(isInt, "'" + text + "' is not a whole number of 32 bits", ExitCode::Usage);
+  return static_cast<int>(value);
 }
 
 void StoreGet(const Output& output, const StoreOptions& options) {
@@ -102,7 +100,45 @@ CLI::App& AddKey(CLI::App& verb, StoreOptions& options) {
   return verb;
 }
 
+// ---- What the set says about itself
+// --------------------------------------------------------------
+
+std::optional<std::string> Ask(bool (*read)(std::string&)) {
+  std::string value;
+  return read(value) ? std::optional(value) : std::nullopt;
+}
+
+void Device(const Output& output, const NoOptions&) {
+  const std::optional<std::string> year = Ask(CPALUtils::GetProductYear);
+  const std::optional<std::string> model = Ask(CPALUtils::GetModelId);
+  const std::optional<std::string> directory = StateDirectory();
+  const bool isReset = CPALUtils::IsOndaroInitReset();
+  const bool isUsable = CPALUtils::IsValidPowerState();
+  if (output.IsJson()) {
+    Json::Value object = JsonObject({{"product_year", JsonOrNull(year)},
+                                     {"model_id", JsonOrNull(model)},
+                                     {"init_reset", isReset},
+                                     {"power_usable", isUsable}});
+    if (directory) {
+      object["state_directory"] = JsonOrNull(directory);
+    }
+    output.Result(object, {});
+    return;
+  }
+  output.Line({{}, "product year  ", year.value_or("(unknown)")});
+  output.Line({{}, "model id      ", model.value_or("(unknown)")});
+  output.Line({{}, "init reset    ", isReset ? "yes" : "no"});
+  output.Line({{}, "power usable  ", isUsable ? "yes" : "no"});
+  if (directory) {
+    output.Line({{}, "state in      ", *directory});
+  }
+}
+
 }  // namespace
+
+void AddDeviceVerbs(CLI::App& app, Session& session) {
+  AddVerb(app, session, "device", "Print what the set says about itself", Device);
+}
 
 void AddStoreVerbs(CLI::App& app, Session& session) {
   CLI::App& store = *app.add_subcommand("store", "Read, write and watch raw settings keys");

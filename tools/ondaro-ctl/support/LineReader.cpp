@@ -57,25 +57,21 @@ void LineReader::RequireShort(const std::string& what) const {
   }
 }
 
-void LineReader::HandOut(const Handler& handler) {
-  ++m_lines;
-  handler(std::exchange(m_pending, {}));
-}
-
 /// Waits for input once, and hands out the lines that it completes; false at the end.
 bool LineReader::Read(const Handler& handler) {
   std::string text;
   const bool goesOn = Receive(text);
+  if (!goesOn && !m_pending.empty()) {
+    text = "\n";  // which the last line may lack
+  }
   std::size_t begin = 0;
   for (std::size_t end; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1) {
     m_pending.append(text, begin, end - begin);
-    HandOut(handler);
+    ++m_lines;
+    handler(std::exchange(m_pending, {}));
   }
   m_pending.append(text, begin);
   RequireShort("line " + std::to_string(m_lines + 1));
-  if (!goesOn && !m_pending.empty()) {
-    HandOut(handler);
-  }
   return goesOn;
 }
 

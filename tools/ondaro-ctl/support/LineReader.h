@@ -40,7 +40,6 @@ class LineReader {
   [[noreturn]] void Fail(const std::string& reason) const;
   bool Receive(std::string& text) const;
   void RequireShort(const std::string& what) const;
-  void HandOut(const Handler& handler);
   bool Read(const Handler& handler);
 
   std::string m_name;

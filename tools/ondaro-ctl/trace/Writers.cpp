@@ -105,20 +105,23 @@ class Chrome : public TraceWriter {
     Name(event, -1, "process_name", m_deliveries.ProcessName(event.process));
     Name(event, event.thread, "thread_name",
          isMain ? "main thread" : "thread " + std::to_string(event.thread));
-    const std::string_view function = FunctionName(event.signature);
-    if (event.kind == Kind::Entered) {
-      const Json::Value args = JsonObject({{"signature", JsonText(event.signature)}});
-      Print("B", event, function, JsonObject({{"cat", JsonText(event.tag)}, {"args", args}}));
-    } else if (event.kind == Kind::Left) {
-      const Json::Value args = JsonObject({{"incomplete", true}});
-      Print("E", event, function, event.isWhole ? Json::Value() : JsonObject({{"args", args}}));
-    } else {
-      const Json::Value args = JsonObject({{"priority", event.priority},
-                                           {"function", JsonText(event.function)},
-                                           {"error", event.isError}});
-      Print("i", event, event.text,
-            JsonObject({{"cat", JsonText(event.tag)}, {"s", "t"}, {"args", args}}));
+    const bool isMessage = event.kind == Kind::Message;
+    const char* const phase = isMessage ? "i" : event.kind == Kind::Entered ? "B" : "E";
+    Json::Value object;
+    if (isMessage) {
+      object["s"] = "t";
+      object["args"] = JsonObject({{"priority", event.priority},
+                                   {"function", JsonText(event.function)},
+                                   {"error", event.isError}});
+    } else if (event.kind == Kind::Entered) {
+      object["args"]["signature"] = JsonText(event.signature);
+    } else if (!event.isWhole) {
+      object["args"]["incomplete"] = true;
     }
+    if (event.kind != Kind::Left) {
+      object["cat"] = JsonText(event.tag);
+    }
+    Print(phase, event, isMessage ? event.text : FunctionName(event.signature), object);
     if (sent && sent->id != 0) {
       // An arrow, from the call that sent an event to the one that it arrived in.
       const std::string name = "event " + (sent->name.empty() ? "(no name)" : sent->name);
