@@ -196,6 +196,11 @@ void PathIsTheTruth(const std::string& state) {
   const std::string copy = state + "-copy";
   SetElsewhere("db/key", "copied");
   fs::copy(state, copy, fs::copy_options::recursive);
+  SetElsewhere("db/key", "later");
+  EXPECT_EQ(Get("db/key"), "later");
+  WriteFile(file, ReadFile(copy + "/settings.db"));
+  EXPECT_TRUE(WaitUntil([] { return Get("db/key") == "copied"; }, milliseconds(1000)))
+      << "of one that has only read";
   const std::vector<std::function<void()>> changes = {
       [&] { fs::remove_all(state); },
       [&] { fs::rename(state, state + "-moved"); },
