@@ -43,7 +43,12 @@ TEST_F(Utils, FlagsAndFailedReads) {
               "true 4 SetregGetBool: Succeed to get key k");
     EXPECT_EQ(m_flag, number == 1);
   }
+  EXPECT_TRUE(CPALUtils::RegisterSetregChangedCb("k", Ignore, nullptr));
+  EXPECT_TRUE(CPALUtils::DeregisterSetregChangedCb("k", Ignore));
+  EXPECT_FALSE(CPALUtils::DeregisterSetregChangedCb("k", Ignore));
   m_fake.m_areStoreCallsFailing = true;
+  EXPECT_FALSE(CPALUtils::RegisterSetregChangedCb("k", Ignore, nullptr));
+  m_fake.TakeLog();
   ExpectAlike({
       {Told(CPALUtils::SetregSetBool("k", true)), "false 6 SetregSetBool: Failed to set key k"},
       {Told(CPALUtils::SetregGetBool("k", m_flag)), "false 6 SetregGetBool: Failed to get key k"},
