@@ -1,4 +1,5 @@
 #include <atomic>
+#include <deque>
 #include <memory>
 #include <utility>
 
@@ -32,12 +33,15 @@ class Listener : public eme::IEventListener {
 };
 
 /// Called late by a broken module, one must still be there.
-Listener& NewListener() { return *std::make_unique<Listener>().release(); }
+Listener& NewListener() {
+  static std::deque<Listener>& all = *std::make_unique<std::deque<Listener>>().release();
+  return all.emplace_back();
+}
 
 class Instance {
  public:
-  explicit Instance(Listener& listener)
-      : m_eme(eme::IEME::create(&listener, KeySystem(), false, eme::CDM_MODEL_ONDARO)) {}
+  explicit Instance(Listener& listener, const std::string& system = KeySystem())
+      : m_eme(eme::IEME::create(&listener, system, false, eme::CDM_MODEL_ONDARO)) {}
   ~Instance() { Destroy(); }
   Instance(const Instance&) = delete;
   Instance& operator=(const Instance&) = delete;
@@ -131,8 +135,8 @@ const Question CDM_01("CDM-01", [] {
 const Question CDM_02("CDM-02", [] {
   for (const std::string& system : {KeySystem(), std::string("conformance.none")}) {
     const bool isExpected = system == KeySystem() && IsModuleDeclared();
-    eme::IEME* const instance = eme::IEME::create(&Any(), system, false, eme::CDM_MODEL_ONDARO);
-    Holds((instance != nullptr) == isExpected, "created an instance of " + system,
+    const Instance instance(Any(), system);
+    Holds((instance.Get() != nullptr) == isExpected, "created an instance of " + system,
           isExpected ? "an instance" : "null", isExpected ? "null" : "an instance");
   }
   const Instance one(Any());

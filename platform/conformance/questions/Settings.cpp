@@ -117,11 +117,16 @@ void Write(const std::string& key, const Value& value) {
         "a write of " + ShowValue(value) + " to " + key + " failed");
 }
 
-Value Read(const std::string& key) {
-  // Whether free() may have them is another question; until the end they stay.
+char* ReadText(const std::string& key) {
   static std::deque<char*>& kept = *std::make_unique<std::deque<char*>>().release();
-  if (char* const text = platform_settings_get_string(key.c_str())) {
-    kept.push_back(text);
+  static std::mutex& mutex = *std::make_unique<std::mutex>().release();
+  char* const text = platform_settings_get_string(key.c_str());
+  const std::lock_guard lock(mutex);
+  return kept.emplace_back(text);
+}
+
+Value Read(const std::string& key) {
+  if (const char* const text = ReadText(key)) {
     return Text(text);
   }
   int number = 0;

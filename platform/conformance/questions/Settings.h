@@ -45,6 +45,8 @@ std::string Key(const std::string& name);
 int TryWrite(const std::string& key, const Value& value);
 /// Blocked by SET-05 or SET-08 if it fails.
 void Write(const std::string& key, const Value& value);
+/// Whether free() may have it is another question; until the end it stays.
+char* ReadText(const std::string& key);
 Value Read(const std::string& key);
 
 /// What a change callback read from its node.

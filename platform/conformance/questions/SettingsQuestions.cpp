@@ -49,7 +49,7 @@ std::string IntegerRead(const std::string& key, int (*read)(const char*, int*)) 
 }
 
 std::string SeenText(const std::string& key) {
-  const char* const text = platform_settings_get_string(key.c_str());
+  const char* const text = ReadText(key);
   return text != nullptr ? Show(text) : FAILS;
 }
 
@@ -128,8 +128,8 @@ const bool ROWS_ARE_ASKED = [] {
 const Question SET_01("SET-01", [] {
   Write(Key(FIRST), A);
   Needs("SET-05", Read(Key(FIRST)) == A, "a text that was written was not read");
-  char* const one = platform_settings_get_string(Key(FIRST).c_str());
-  char* const two = platform_settings_get_string(Key(FIRST).c_str());
+  char* const one = ReadText(Key(FIRST));
+  char* const two = ReadText(Key(FIRST));
   Holds(one != two, "read a text twice", "two copies", "the same address twice");
   one[0] = 'C';
   SameValues("changed one copy, and looked at the other", {A}, {Text(two)});
