@@ -303,6 +303,7 @@ void SettingsDatabase::Connect() {
             "; PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL" + "; PRAGMA wal_autocheckpoint=" +
             std::to_string(LOG_PAGES) + "; PRAGMA journal_size_limit=" + std::to_string(LOG_LIMIT));
     m_changes = ReadHeader().changes;
+    OpenLog();  // now, since a process is to hold no more descriptors later
   }
 }
 
