@@ -61,7 +61,8 @@ void Adopt(int descriptor, const struct stat& directory, bool isNew) {
     [[maybe_unused]] const int adopted =
         fchownat(descriptor, "", directory.st_uid, directory.st_gid, AT_EMPTY_PATH);
   }
-  if ((status.st_mode & ALLPERMS) != mode && (isNew || status.st_uid == directory.st_uid)) {
+  const bool isOurs = status.st_uid == directory.st_uid || status.st_uid == geteuid();
+  if ((status.st_mode & ALLPERMS) != mode && (isNew || isOurs)) {
     // By this name also where the descriptor stands for no more than a path.
     chmod(("/proc/self/fd/" + std::to_string(descriptor)).c_str(), mode);
   }

@@ -275,6 +275,7 @@ bool SharedSettings::ChangesAfter(Position& position, const SettingsDatabase::Wa
 }
 
 void SharedSettings::Close() noexcept {
+  SettingsDeadline::Begin();
   try {
     if (m_wasOpen) {
       Attempt([](SettingsDatabase& database) {
@@ -286,8 +287,12 @@ void SharedSettings::Close() noexcept {
   } catch (const std::exception& error) {
     LogSettingsError(std::string("at the end: ") + error.what());
   }
-  m_wasOpen = false;
-  m_database.reset();
+  // Other threads may still be in their calls, or begin one.
+  if (m_mutex.LockUntil(SettingsDeadline::End())) {
+    m_wasOpen = false;
+    m_database.reset();
+    m_mutex.Unlock();
+  }
 }
 
 void SharedSettings::BeforeFork() {
