@@ -175,6 +175,8 @@ TEST_F(DecryptionModule, FailsOnADamagedRootAndLeavesItAlone) {
 // But for what OpenSSL makes once for all of a process, which it has here.
 TEST_F(DecryptionModule, WorksOnWhereverItsFirstUseRanOutOfMemory) {
   ASSERT_EQ(RunInChild([&] { _exit(Generate()); }), 0);
+  ASSERT_EQ(
+      OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS | OPENSSL_INIT_LOAD_CONFIG, nullptr), 1);
   BIO_free(BIO_new(BIO_s_mem()));
   int failures = 0;
   for (int number = 1; number < 15'000; number += 41) {
