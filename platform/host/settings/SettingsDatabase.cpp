@@ -302,8 +302,11 @@ void SettingsDatabase::Connect() {
     Execute("PRAGMA page_size=" + std::to_string(PAGE_SIZE) +
             "; PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL" + "; PRAGMA wal_autocheckpoint=" +
             std::to_string(LOG_PAGES) + "; PRAGMA journal_size_limit=" + std::to_string(LOG_LIMIT));
+    // Until now others could end as the last and take their log along. It is opened at once, since
+    // a process is to hold no more descriptors later.
+    m_hasLog = false;
     m_changes = ReadHeader().changes;
-    OpenLog();  // now, since a process is to hold no more descriptors later
+    OpenLog();
   }
 }
 

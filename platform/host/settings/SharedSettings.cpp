@@ -141,6 +141,15 @@ void SharedSettings::Renew() {
   if (FileAt(m_path) != m_file) {
     return;
   }
+  try {
+    m_database = std::make_unique<SettingsDatabase>(m_path);
+    ++m_databases;
+    return;  // there was no log of another file, or it has gone
+  } catch (const SettingsError& error) {
+    if (error.GetKind() != Kind::REPLACED) {
+      return;  // the next attempt meets it as well
+    }
+  }
   const std::string copy = m_path + ".new";
   std::remove(copy.c_str());
   const Descriptor from(OpenStateFile(m_path, O_RDONLY, IfMissing::FAIL));
