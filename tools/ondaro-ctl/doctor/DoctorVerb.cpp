@@ -98,7 +98,7 @@ void Print(const Output& output, std::string check, const Finding& finding) {
 void RunDoctor(const Output& output, const DoctorOptions& options) {
   Require(options.keyFile.empty() == options.certFile.empty(), "--key and --cert go together",
           ExitCode::Usage);
-  const Finding description = Examine([&] { return CheckDescription(options.description); });
+  Finding description = Examine([&] { return CheckDescription(options.description); });
   bool lacksModule = false;
   BusChecks bus;
   const std::vector<std::pair<std::string, std::function<Finding()>>> checks = {
