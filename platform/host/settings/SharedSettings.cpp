@@ -144,7 +144,10 @@ void SharedSettings::Renew() {
   try {
     m_database = std::make_unique<SettingsDatabase>(m_path);
     ++m_databases;
-    return;  // there was no log of another file, or it has gone
+    // There was no log of another file, or it has gone.
+    const std::lock_guard lock(m_cacheMutex);
+    m_sight = {};
+    return;
   } catch (const SettingsError& error) {
     if (error.GetKind() != Kind::REPLACED) {
       return;  // the next attempt meets it as well
