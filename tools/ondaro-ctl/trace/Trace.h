@@ -4,12 +4,12 @@
 #include <array>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -40,55 +40,13 @@ struct TraceEvent {
   std::size_t depth = 0;  // calls that are open around it
   bool isWhole = true;    // of Left: the log has both lines; else the times say nothing
   std::int64_t duration = 0;
-  std::int64_t self = 0;  // without the calls inside
+  std::int64_t inside = 0;  // of which in calls inside
 
   std::uint64_t id = 0;  // of an event sent, found by Deliveries
 };
 
-/// Nothing for a line that is none, or of which something is missing.
-std::optional<TraceEvent> ParseLogLine(std::string_view line);
-
 /// The name in a signature, with its namespaces and class.
 std::string_view FunctionName(std::string_view signature);
-
-/// Pairs "Entered" with "Left" in each thread. Whatever lines are lost, every Entered that it hands
-/// out has its Left, the calls of a thread are nested, and its times never fall.
-class Calls {
- public:
-  using Handler = std::function<void(const TraceEvent& event)>;
-
-  explicit Calls(Handler handler) : m_handler(std::move(handler)) {}
-
-  void Add(TraceEvent event);
-
-  /// Leaves all calls that are open.
-  void Finish();
-
-  std::uint64_t Total() const { return m_total; }
-  std::uint64_t Incomplete() const { return m_incomplete; }  // of which one line was lost
-
- private:
-  struct Call {
-    std::string signature;
-    std::int64_t begin;
-    std::int64_t inside = 0;  // time of the calls inside
-  };
-  struct Thread {
-    std::vector<Call> calls;
-    std::int64_t time = 0;    // of the last event
-    std::int64_t offset = 0;  // added to the times of the log
-    TraceEvent last;          // the tracer's line before
-  };
-
-  void Enter(Thread& thread, TraceEvent event);
-  void Leave(Thread& thread, TraceEvent event, bool isWhole);
-  void LeaveDownTo(Thread& thread, std::size_t depth);
-
-  Handler m_handler;
-  std::map<std::pair<int, int>, Thread> m_threads;
-  std::uint64_t m_total = 0;
-  std::uint64_t m_incomplete = 0;
-};
 
 /// Finds which delivery belongs to which send, by what was entered: the bus keeps the order.
 class Deliveries {
@@ -99,7 +57,7 @@ class Deliveries {
   std::optional<TraceEvent> Add(const TraceEvent& event);
 
   /// "daemon 42" or "application 42", by the end of the messaging that the process has entered;
-  /// "process 42" before that.
+  /// "process 42" before that; 0 is not in the log.
   std::string ProcessName(int process) const;
 
  private:
@@ -117,21 +75,54 @@ class Deliveries {
 /// Shows the events of a log in one format.
 class TraceWriter {
  public:
-  TraceWriter(const Output& output, const Deliveries& deliveries)
-      : m_output(output), m_deliveries(deliveries) {}
+  explicit TraceWriter(const Output& output) : m_output(output) {}
   virtual ~TraceWriter() = default;
 
-  virtual void Write(const TraceEvent& event, const std::optional<TraceEvent>& sent) = 0;
+  void Show(const TraceEvent& event) { Write(event, m_deliveries.Add(event)); }
   virtual void Finish() = 0;
 
  protected:
+  virtual void Write(const TraceEvent& event, const std::optional<TraceEvent>& sent) = 0;
+
   const Output& m_output;
-  const Deliveries& m_deliveries;
+  Deliveries m_deliveries;
 };
 
-/// What makes the writer of a format, or null. What is given outlives the writer.
-using MakeWriter = std::unique_ptr<TraceWriter>(const Output& output, const Deliveries& deliveries);
-MakeWriter* FindFormat(const std::string& name);
+/// The writer of a format; a Failure when there is none of that name.
+std::unique_ptr<TraceWriter> MakeWriter(const std::string& format, const Output& output);
+
+/// Pairs "Entered" with "Left" in each thread. Whatever lines are lost, every Entered that it shows
+/// has its Left, the calls of a thread are nested, and its times never fall.
+class Calls {
+ public:
+  explicit Calls(TraceWriter& writer) : m_writer(writer) {}
+
+  /// False for a line that is none of a log, or of which something is missing.
+  bool Add(std::string_view line);
+
+  /// Leaves all calls that are open.
+  void Finish();
+
+  std::uint64_t Total() const { return m_total; }
+  std::uint64_t Incomplete() const { return m_incomplete; }  // of which one line was lost
+
+ private:
+  struct Thread {
+    std::vector<TraceEvent> calls;                                 // those open
+    std::int64_t time = 0;                                         // of the last event
+    std::int64_t offset = 0;                                       // added to the times of the log
+    std::tuple<TraceEvent::Kind, std::int64_t, std::string> last;  // the tracer's line before
+  };
+
+  void Enter(Thread& thread, TraceEvent event);
+  void Leave(Thread& thread, bool isWhole);
+  void LeaveDownTo(Thread& thread, std::size_t depth);
+
+  TraceWriter& m_writer;
+  std::map<std::pair<int, int>, Thread> m_threads;
+  std::uint64_t m_total = 0;
+  std::uint64_t m_incomplete = 0;
+};
 
 }  // namespace ondaro::ctl
 

@@ -14,26 +14,16 @@ struct TraceOptions {
   std::string format = "summary";
 };
 
-std::string CheckFormat(const std::string& name) {
-  return FindFormat(name) != nullptr ? "" : "'" + name + "' is none of summary, chrome, mermaid";
-}
-
 void Trace(const Output& output, const TraceOptions& options) {
-  Deliveries deliveries;
-  const auto writer = FindFormat(options.format)(output, deliveries);
-  Calls calls([&](const TraceEvent& event) { writer->Write(event, deliveries.Add(event)); });
+  const auto writer = MakeWriter(options.format, output);
+  Calls calls(*writer);
   std::uint64_t lines = 0;
   std::uint64_t unknown = 0;
   MainLoop loop;
   LineReader reader(options.path);
   const auto add = [&](std::string_view line) {
-    std::optional<TraceEvent> event = ParseLogLine(line);
     ++lines;
-    if (event) {
-      calls.Add(std::move(*event));
-    } else {
-      ++unknown;
-    }
+    unknown += calls.Add(line) ? 0 : 1;
   };
   reader.Follow(loop, add, [&] { loop.Stop(); });
   loop.RunFor(std::nullopt);  // or until Ctrl-C
@@ -62,8 +52,7 @@ void AddTraceVerbs(CLI::App& app, Session& session) {
                   "summary: a table of the functions (default);\n"
                   "chrome: events for trace viewers;\n"
                   "mermaid: a sequence diagram")
-      ->type_name("FORMAT")
-      ->check(CheckFormat);
+      ->type_name("FORMAT");
   trace.add_option("FILE", options.path, "The log; standard input when left out or '-'");
 }
 

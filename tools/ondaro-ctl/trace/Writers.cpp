@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <array>
-#include <cinttypes>
-#include <cstdio>
 #include <set>
 
+#include "support/ExitCode.h"
+#include "support/GLibOwner.h"
 #include "trace/Trace.h"
 
 namespace ondaro::ctl {
@@ -15,17 +15,14 @@ using Kind = TraceEvent::Kind;
 
 /// A count as it is, or microseconds as milliseconds with decimals.
 std::string Decimal(std::int64_t number, int width, int decimals) {
-  const auto value = static_cast<double>(number);
-  char text[48];
-  std::snprintf(text, sizeof text, "%*.*f", width, decimals, decimals == 0 ? value : value / 1000);
-  return text;
+  const double value = static_cast<double>(number) / (decimals == 0 ? 1 : 1000);
+  return GLibText(g_strdup_printf("%*.*f", width, decimals, value)).get();
 }
 
 // ---- A table of the functions -------------------------------------------------------------------
 
 // A damaged log may name ever new functions.
 constexpr std::size_t MOST_FUNCTIONS = 4096;
-constexpr char OTHERS[] = "(others)";
 
 enum Figure { CALLS, INCOMPLETE, ERRORS, TOTAL, SELF, LONGEST, FIGURES };
 using Figures = std::array<std::int64_t, FIGURES>;
@@ -50,7 +47,7 @@ class Summary : public TraceWriter {
       ++figures[CALLS];
       if (event.isWhole) {
         figures[TOTAL] += event.duration;
-        figures[SELF] += event.self;
+        figures[SELF] += event.duration - event.inside;
         figures[LONGEST] = std::max(figures[LONGEST], event.duration);
       } else {
         ++figures[INCOMPLETE];
@@ -81,13 +78,15 @@ class Summary : public TraceWriter {
  private:
   Figures& FiguresOf(const std::string& signature) {
     const bool isKept = m_functions.size() < MOST_FUNCTIONS || m_functions.count(signature) != 0;
-    return m_functions[isKept ? signature : OTHERS];
+    return m_functions[isKept ? signature : "(others)"];
   }
 
   std::map<std::string, Figures> m_functions;
 };
 
 // ---- Events for trace viewers -------------------------------------------------------------------
+
+constexpr char BETWEEN[] = ",";
 
 // Names of processes and threads may be given again.
 constexpr std::size_t MOST_NAMES = 4096;
@@ -109,17 +108,16 @@ class Chrome : public TraceWriter {
     const char* const phase = isMessage ? "i" : event.kind == Kind::Entered ? "B" : "E";
     Json::Value object;
     if (isMessage) {
+      object["cat"] = JsonText(event.tag);
       object["s"] = "t";
       object["args"] = JsonObject({{"priority", event.priority},
                                    {"function", JsonText(event.function)},
                                    {"error", event.isError}});
     } else if (event.kind == Kind::Entered) {
+      object["cat"] = JsonText(event.tag);
       object["args"]["signature"] = JsonText(event.signature);
     } else if (!event.isWhole) {
       object["args"]["incomplete"] = true;
-    }
-    if (event.kind != Kind::Left) {
-      object["cat"] = JsonText(event.tag);
     }
     Print(phase, event, isMessage ? event.text : FunctionName(event.signature), object);
     if (sent && sent->id != 0) {
@@ -132,7 +130,7 @@ class Chrome : public TraceWriter {
   }
 
   void Finish() override {
-    if (!m_output.IsJson() && !m_isFirst) {
+    if (!m_output.IsJson() && m_before == BETWEEN) {
       m_output.Line("]}");
     }
   }
@@ -154,15 +152,12 @@ class Chrome : public TraceWriter {
     object["pid"] = event.process;
     object["tid"] = event.thread;
     object["ts"] = event.time;
-    if (!m_output.IsJson() && m_isFirst) {
-      m_output.Line(R"({"displayTimeUnit":"ms","traceEvents":[)");
-    }
-    m_output.Line({m_output.IsJson() || m_isFirst ? "" : ",", {}, CompactJson(object)});
-    m_isFirst = false;
+    m_output.Line({m_output.IsJson() ? "" : m_before, {}, CompactJson(object)});
+    m_before = BETWEEN;
   }
 
   std::map<std::pair<int, int>, std::string> m_named;
-  bool m_isFirst = true;
+  std::string_view m_before = R"({"displayTimeUnit":"ms","traceEvents":[)";
 };
 
 // ---- A sequence diagram -------------------------------------------------------------------------
@@ -173,23 +168,18 @@ constexpr std::size_t LARGEST_DIAGRAM = 1'000'000;
 
 /// As a text of the diagram, shortened: what Mermaid, or the page around it, could take for its own
 /// is written as a character's number. A colon behind "wrap", "style" or "classDef" would be such.
-std::string Escape(std::string text) {
-  const bool isLong = g_utf8_strlen(text.c_str(), -1) > LONGEST_TEXT;
-  if (isLong) {
-    text.erase(text.begin() + (g_utf8_offset_to_pointer(text.c_str(), LONGEST_TEXT) - text.c_str()),
-               text.end());
-  }
-  const auto has = [&](const char* word) { return text.find(word) != std::string::npos; };
-  const bool hasWord = has("wrap") || has("style") || has("classDef");
-  const std::string plain = hasWord ? " _.,/()[]*-=+~?!'|@^" : " _.,/()[]*-=+~?!'|@^:";
+std::string Escape(const std::string& text) {
+  constexpr std::string_view PLAIN = " _.,/()[]*-=+~?!'|@^";
+  const long length = g_utf8_strlen(text.c_str(), -1);
+  const GLibText shown(g_utf8_substring(text.c_str(), 0, std::min(length, LONGEST_TEXT)));
+  const bool keepsColon = g_regex_match_simple("wrap|style|classDef", shown.get(), {}, {}) == FALSE;
   std::string escaped;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    const bool isPlain =
-        byte >= 0x80 || g_ascii_isalnum(c) != FALSE || plain.find(c) != std::string::npos;
-    escaped += isPlain ? std::string(1, c) : '#' + std::to_string(byte) + ';';
+  for (const char c : std::string_view(shown.get())) {
+    const bool isPlain = static_cast<signed char>(c) < 0 || g_ascii_isalnum(c) != FALSE ||
+                         PLAIN.find(c) != std::string_view::npos || (c == ':' && keepsColon);
+    escaped += isPlain ? std::string(1, c) : '#' + std::to_string(c) + ';';
   }
-  return escaped + (isLong ? "…" : "");
+  return escaped + (length > LONGEST_TEXT ? "…" : "");
 }
 
 std::string Lifeline(int process) { return "p" + std::to_string(process); }
@@ -224,7 +214,8 @@ class Diagram : public TraceWriter {
     }
     m_output.Line("sequenceDiagram");
     for (const int process : m_shown) {
-      m_output.Line("  participant " + Lifeline(process) + " as " + NameOf(process));
+      m_output.Line("  participant " + Lifeline(process) + " as " +
+                    m_deliveries.ProcessName(process));
     }
     for (const std::string& line : m_lines) {
       m_output.Line(line);
@@ -238,17 +229,13 @@ class Diagram : public TraceWriter {
   }
 
  private:
-  std::string NameOf(int process) const {
-    return process == 0 ? "not in the log" : m_deliveries.ProcessName(process);
-  }
-
   void Show(const char* kind, const TraceEvent& event, int from, const std::string& arrow,
             const std::string& bytes) {
     const Json::Value text = JsonText(bytes);
     if (m_output.IsJson()) {
       m_output.Result(JsonObject({{"time_us", event.time},
-                                  {"from", NameOf(from)},
-                                  {"to", NameOf(event.process)},
+                                  {"from", m_deliveries.ProcessName(from)},
+                                  {"to", m_deliveries.ProcessName(event.process)},
                                   {"kind", kind},
                                   {"text", text}}),
                       {});
@@ -265,18 +252,18 @@ class Diagram : public TraceWriter {
   std::size_t m_size = 0;
 };
 
-template <class Writer>
-std::unique_ptr<TraceWriter> Make(const Output& output, const Deliveries& deliveries) {
-  return std::make_unique<Writer>(output, deliveries);
-}
-
 }  // namespace
 
-MakeWriter* FindFormat(const std::string& name) {
-  return name == "summary"   ? Make<Summary>
-         : name == "chrome"  ? Make<Chrome>
-         : name == "mermaid" ? Make<Diagram>
-                             : nullptr;
+std::unique_ptr<TraceWriter> MakeWriter(const std::string& format, const Output& output) {
+  if (format == "summary") {
+    return std::make_unique<Summary>(output);
+  }
+  if (format == "chrome") {
+    return std::make_unique<Chrome>(output);
+  }
+  Require(format == "mermaid", "--format: '" + format + "' is none of summary, chrome, mermaid",
+          ExitCode::Usage);
+  return std::make_unique<Diagram>(output);
 }
 
 }  // namespace ondaro::ctl
