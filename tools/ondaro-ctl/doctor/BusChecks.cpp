@@ -2,19 +2,8 @@
 #include "support/ExitCode.h"
 
 namespace ondaro::ctl {
-namespace {
 
 using State = Finding::State;
-
-const Finding UNTOLD = {State::Unknown, "can be told while there is a daemon"};
-
-void NoteSignal(GDBusConnection* /*connection*/, const gchar* /*sender*/, const gchar* /*path*/,
-                const gchar* /*interface*/, const gchar* /*signal*/, GVariant* /*parameters*/,
-                gpointer userData) {
-  *static_cast<bool*>(userData) = true;
-}
-
-}  // namespace
 
 Finding BusChecks::Reach() {
   m_pConnection.reset(ConnectToBus());
@@ -55,7 +44,9 @@ bool BusChecks::HearsEventsMadeUp() const {
   bool isHeard = false;
   const guint subscription = g_dbus_connection_signal_subscribe(
       connection, nullptr, DAEMON_NAME, "doctor", nullptr, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
-      NoteSignal, &isHeard, nullptr);
+      [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant*,
+         gpointer heard) { *static_cast<bool*>(heard) = true; },
+      &isHeard, nullptr);
   g_dbus_connection_emit_signal(connection, g_dbus_connection_get_unique_name(connection),
                                 DAEMON_PATH, DAEMON_NAME, "doctor", nullptr, nullptr);
   // What the bus let through arrived before its answer.
@@ -73,20 +64,19 @@ Finding BusChecks::Refused(const std::string& what, const std::string& whoMay) c
           "the bus refuses this user " + what + ": " + whoMay};
 }
 
+Finding BusChecks::Permission(std::optional<bool> may, const std::string& deed,
+                              const std::string& what, const std::string& whoMay) const {
+  return !may   ? Finding{State::Unknown, "can be told while there is a daemon"}
+         : *may ? Finding{State::Ok, "this user may " + deed}
+                : Refused(what, whoMay);
+}
+
 Finding BusChecks::Own() const {
-  if (!m_mayOwn) {
-    return UNTOLD;
-  }
-  return *m_mayOwn ? Finding{State::Ok, "this user may be the daemon"}
-                   : Refused("the daemon's name", WHO_MAY_OWN);
+  return Permission(m_mayOwn, "be the daemon", "the daemon's name", WHO_MAY_OWN);
 }
 
 Finding BusChecks::Call() const {
-  if (!m_mayCall) {
-    return UNTOLD;
-  }
-  return *m_mayCall ? Finding{State::Ok, "this user may call the daemon"}
-                    : Refused("calls of the daemon", WHO_MAY_CALL);
+  return Permission(m_mayCall, "call the daemon", "calls of the daemon", WHO_MAY_CALL);
 }
 
 Finding BusChecks::Hear() const {

@@ -3,8 +3,6 @@
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 
-#include <algorithm>
-#include <iterator>
 #include <random>
 
 #include "doctor/DoctorChecks.h"
@@ -18,6 +16,8 @@ namespace {
 using State = Finding::State;
 
 /// A function of libcrypto, which is loaded here and not with the tool: no other verb needs it.
+#define CRYPTO(function) Crypto<decltype(function)>(#function)
+
 template <class Function>
 Function* Crypto(const char* name) {
   static void* const LIBRARY = dlopen("libcrypto.so.3", RTLD_NOW | RTLD_LOCAL);
@@ -32,16 +32,13 @@ template <class T>
 using Owned = std::unique_ptr<T, void (*)(T*)>;
 
 Owned<X509> ParseCertificate(const std::string& bytes) {
-  const Owned<BIO> input(Crypto<decltype(BIO_new_mem_buf)>("BIO_new_mem_buf")(
-                             bytes.data(), static_cast<int>(bytes.size())),
-                         Crypto<decltype(BIO_free_all)>("BIO_free_all"));
-  Owned<X509> certificate(Crypto<decltype(PEM_read_bio_X509)>("PEM_read_bio_X509")(
-                              input.get(), nullptr, nullptr, nullptr),
-                          Crypto<decltype(X509_free)>("X509_free"));
+  const Owned<BIO> input(CRYPTO(BIO_new_mem_buf)(bytes.data(), static_cast<int>(bytes.size())),
+                         CRYPTO(BIO_free_all));
+  Owned<X509> certificate(CRYPTO(PEM_read_bio_X509)(input.get(), nullptr, nullptr, nullptr),
+                          CRYPTO(X509_free));
   if (certificate == nullptr) {
     const auto* begin = reinterpret_cast<const unsigned char*>(bytes.data());
-    certificate.reset(
-        Crypto<decltype(d2i_X509)>("d2i_X509")(nullptr, &begin, static_cast<long>(bytes.size())));
+    certificate.reset(CRYPTO(d2i_X509)(nullptr, &begin, static_cast<long>(bytes.size())));
   }
   Require(certificate != nullptr, "the certificate is neither PEM nor DER");
   return certificate;
@@ -52,23 +49,21 @@ bool Verifies(const X509& certificate, const std::string& hash, const std::strin
     return reinterpret_cast<const unsigned char*>(text.data());
   };
   const Owned<EVP_PKEY_CTX> context(
-      Crypto<decltype(EVP_PKEY_CTX_new)>("EVP_PKEY_CTX_new")(
-          Crypto<decltype(X509_get0_pubkey)>("X509_get0_pubkey")(&certificate), nullptr),
-      Crypto<decltype(EVP_PKEY_CTX_free)>("EVP_PKEY_CTX_free"));
-  return context != nullptr &&
-         Crypto<decltype(EVP_PKEY_verify_init)>("EVP_PKEY_verify_init")(context.get()) == 1 &&
-         Crypto<decltype(EVP_PKEY_CTX_set_signature_md)>("EVP_PKEY_CTX_set_signature_md")(
-             context.get(), Crypto<decltype(EVP_sha256)>("EVP_sha256")()) == 1 &&
-         Crypto<decltype(EVP_PKEY_verify)>("EVP_PKEY_verify")(
-             context.get(), bytes(signature), signature.size(), bytes(hash), hash.size()) == 1;
+      CRYPTO(EVP_PKEY_CTX_new)(CRYPTO(X509_get0_pubkey)(&certificate), nullptr),
+      CRYPTO(EVP_PKEY_CTX_free));
+  return context != nullptr && CRYPTO(EVP_PKEY_verify_init)(context.get()) == 1 &&
+         CRYPTO(EVP_PKEY_CTX_set_signature_md)(context.get(), CRYPTO(EVP_sha256)()) == 1 &&
+         CRYPTO(EVP_PKEY_verify)(context.get(), bytes(signature), signature.size(), bytes(hash),
+                                 hash.size()) == 1;
 }
 
 std::string RandomHash() {
   constexpr int HASH_SIZE = 32;
-  std::string hash;
+  std::string hash(HASH_SIZE, '\0');
   std::random_device random;
-  std::generate_n(std::back_inserter(hash), HASH_SIZE,
-                  [&] { return static_cast<char>(random() & 0xffU); });
+  for (char& byte : hash) {
+    byte = static_cast<char>(random() & 0xffU);
+  }
   return hash;
 }
 

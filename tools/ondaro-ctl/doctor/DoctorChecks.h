@@ -41,6 +41,8 @@ class BusChecks {
 
  private:
   bool HearsEventsMadeUp() const;
+  Finding Permission(std::optional<bool> may, const std::string& deed, const std::string& what,
+                     const std::string& whoMay) const;
   Finding Refused(const std::string& what, const std::string& whoMay) const;
 
   std::unique_ptr<GDBusConnection, GObjectRelease> m_pConnection;
