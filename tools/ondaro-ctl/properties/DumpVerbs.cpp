@@ -40,19 +40,14 @@ void Dump(const Output& output, const NoOptions&) {
   }
 }
 
-struct Assignment {
-  const Property* property;
-  std::string value;
-};
-
-using Assignments = std::vector<Assignment>;
+using Assignments = std::vector<std::pair<const Property*, std::string>>;
 
 void Add(Assignments& to, const std::string& name, const std::string& value, bool force) {
   const Property& property = FindProperty(name);
   if (!force) {
     RequireTaken(property, value, "; --force stores false for it");
   }
-  to.push_back({&property, value});
+  to.emplace_back(&property, value);
 }
 
 void ParseObject(Assignments& to, std::string_view line, bool force) {

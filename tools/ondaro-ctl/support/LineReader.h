@@ -19,9 +19,6 @@ class LineReader {
   explicit LineReader(const std::string& path);
   ~LineReader();
 
-  LineReader(const LineReader&) = delete;
-  LineReader& operator=(const LineReader&) = delete;
-
   /// Hands out all lines, of input that is kept as a whole: that has a bound as well.
   void ReadAll(const Handler& handler);
 

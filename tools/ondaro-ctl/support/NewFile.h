@@ -17,9 +17,6 @@ class NewFile {
   NewFile(const std::string& path, mode_t mode, bool replace);
   ~NewFile();
 
-  NewFile(const NewFile&) = delete;
-  NewFile& operator=(const NewFile&) = delete;
-
   void Write(std::string_view bytes) const;
 
   /// Puts the file in its place; without it, the destructor removes what there is.
