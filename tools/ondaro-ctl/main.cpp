@@ -54,7 +54,6 @@ void AddVerbs(CLI::App& app, Session& session) {
   AddDumpVerbs(app, session);
   AddWatchVerbs(app, session);
   AddStoreVerbs(app, session);
-  AddDeviceVerbs(app, session);
   AddAuthVerbs(app, session);
   AddMessageVerbs(app, session);
   AddSendVerb(app, session);

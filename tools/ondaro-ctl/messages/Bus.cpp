@@ -1,19 +1,11 @@
 #include "messages/Bus.h"
 
 #include <atomic>
-#include <list>
-#include <memory>
 #include <utility>
 
 #include "support/ExitCode.h"
 
 namespace ondaro::ctl {
-
-/// Shared with the bus's own thread, which may still hold it when the bus object is gone.
-struct Tap {
-  MainLoop& loop;
-  std::list<Bus::MessageHandler> handlers;  // the loop's thread only; none when the bus is gone
-};
 
 namespace {
 
@@ -56,49 +48,9 @@ void OnAnswer(GObject* connection, GAsyncResult* result, gpointer userData) {
   }
 }
 
-struct Seen {
-  std::shared_ptr<Tap> tap;
-  std::unique_ptr<GDBusMessage, GObjectRelease> message;
-  bool isIncoming;
-};
-
 // What one thread gives to GLib and another gets from it is ordered by GLib's locks. Where GLib is
-// not instrumented ThreadSanitizer sees only these.
+// not instrumented ThreadSanitizer sees only this.
 std::atomic<unsigned> g_given{0};
-
-template <class T>
-gpointer Give(T value) {
-  auto* const given = new T(std::move(value));
-  g_given.fetch_add(1, std::memory_order_release);
-  return given;
-}
-
-template <class T>
-T& Get(gpointer given) {
-  static_cast<void>(g_given.load(std::memory_order_acquire));
-  return *static_cast<T*>(given);
-}
-
-template <class T>
-void Drop(gpointer given) {
-  delete &Get<T>(given);
-}
-
-gboolean Deliver(gpointer userData) {
-  const auto& seen = Get<Seen>(userData);
-  for (const Bus::MessageHandler& handler : seen.tap->handlers) {
-    seen.tap->loop.Protect([&] { handler(seen.message.get(), seen.isIncoming); });
-  }
-  return G_SOURCE_REMOVE;
-}
-
-GDBusMessage* OnMessage(GDBusConnection* /*connection*/, GDBusMessage* message, gboolean isIncoming,
-                        gpointer userData) {
-  Seen seen{Get<std::shared_ptr<Tap>>(userData), {}, isIncoming != FALSE};
-  seen.message.reset(G_DBUS_MESSAGE(g_object_ref(message)));
-  g_idle_add_full(G_PRIORITY_DEFAULT, Deliver, Give(std::move(seen)), Drop<Seen>);
-  return message;
-}
 
 }  // namespace
 
@@ -151,16 +103,18 @@ GDBusConnection* ConnectToBus() {
   return connection;
 }
 
+Bus* Bus::s_pLiving = nullptr;
+
 Bus::Bus(MainLoop& loop)
     : m_loop(loop),
       m_pConnection(ConnectToBus()),
       m_nClosedHandler(g_signal_connect(m_pConnection, "closed", G_CALLBACK(OnClosed), this)),
-      m_pTap(std::make_shared<Tap>(Tap{loop, {}})),
-      m_nFilter(g_dbus_connection_add_filter(m_pConnection, OnMessage, Give(m_pTap),
-                                             Drop<std::shared_ptr<Tap>>)) {}
+      m_nFilter(g_dbus_connection_add_filter(m_pConnection, OnMessage, nullptr, nullptr)) {
+  s_pLiving = this;
+}
 
 Bus::~Bus() {
-  m_pTap->handlers.clear();
+  s_pLiving = nullptr;
   g_dbus_connection_remove_filter(m_pConnection, m_nFilter);
   g_signal_handler_disconnect(m_pConnection, m_nClosedHandler);
   if (m_nOwnerWatch != 0) {
@@ -171,17 +125,34 @@ Bus::~Bus() {
 }
 
 void Bus::AfterRoundTrip(std::function<void()> then) {
-  AfterAnswer(CallBus("GetId"), [then = std::move(then)](const Reply& /*reply*/) { then(); });
+  Call(CallBus("GetId"), [then = std::move(then)](const Reply& /*reply*/) { then(); });
 }
 
-void Bus::WhenDaemonAnswers(Handler then) { AfterAnswer(CallDaemon(), std::move(then)); }
-
-void Bus::AfterAnswer(const BusCall& call, Handler then) {
+void Bus::Call(const BusCall& call, Handler then) {
   constexpr int WITHOUT_TIMEOUT = G_MAXINT;
   auto answer = std::make_unique<Answer>(Answer{m_loop, std::move(then)});
   g_dbus_connection_call(m_pConnection, call.destination, call.path, call.interface, call.method,
                          call.parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, WITHOUT_TIMEOUT, nullptr,
                          OnAnswer, answer.release());
+}
+
+/// In the bus's own thread, also when the bus object is gone: touches nothing of that.
+GDBusMessage* Bus::OnMessage(GDBusConnection* /*connection*/, GDBusMessage* message,
+                             gboolean /*isIncoming*/, gpointer /*userData*/) {
+  g_given.fetch_add(1, std::memory_order_release);
+  g_idle_add_full(G_PRIORITY_DEFAULT, Deliver, g_object_ref(message), g_object_unref);
+  return message;
+}
+
+gboolean Bus::Deliver(gpointer userData) {
+  static_cast<void>(g_given.load(std::memory_order_acquire));
+  GDBusMessage* const message = G_DBUS_MESSAGE(userData);
+  if (s_pLiving != nullptr) {
+    for (const MessageHandler& handler : s_pLiving->m_handlers) {
+      s_pLiving->m_loop.Protect([&] { handler(message, g_dbus_message_get_sender(message)); });
+    }
+  }
+  return G_SOURCE_REMOVE;
 }
 
 void Bus::OnClosed(GDBusConnection* /*connection*/, gboolean /*remote*/, GError* /*error*/,
@@ -202,14 +173,13 @@ void Bus::OnOwner(GDBusConnection* /*connection*/, const gchar* /*name*/, const 
   pThis->m_loop.Protect([&] { pThis->m_onOwner(owner); });
 }
 
-void Bus::WatchMessages(MessageHandler handler) { m_pTap->handlers.push_back(std::move(handler)); }
-
 void Bus::WatchReplies(const std::string& method, Handler handler) {
-  WatchMessages([method, handler = std::move(handler), serial = guint32{0}](
-                    GDBusMessage* message, bool isIncoming) mutable {
-    if (!isIncoming && g_strcmp0(g_dbus_message_get_member(message), method.c_str()) == 0) {
+  m_handlers.emplace_back([method, handler = std::move(handler), serial = guint32{0}](
+                              GDBusMessage* message, const char* sender) mutable {
+    if (sender == nullptr && g_strcmp0(g_dbus_message_get_member(message), method.c_str()) == 0) {
       serial = g_dbus_message_get_serial(message);
-    } else if (isIncoming && serial != 0 && g_dbus_message_get_reply_serial(message) == serial) {
+    } else if (sender != nullptr && serial != 0 &&
+               g_dbus_message_get_reply_serial(message) == serial) {
       handler(ReplyOf(message));
     }
   });
@@ -217,13 +187,12 @@ void Bus::WatchReplies(const std::string& method, Handler handler) {
 
 void Bus::WatchEvents(
     std::function<void(const std::string& event, const std::string& data)> handler) {
-  WatchMessages([handler = std::move(handler)](GDBusMessage* message, bool isIncoming) {
-    const GDBusMessageType type = g_dbus_message_get_message_type(message);
-    const char* const member = type == G_DBUS_MESSAGE_TYPE_METHOD_CALL ? DAEMON_METHOD
-                               : type == G_DBUS_MESSAGE_TYPE_SIGNAL    ? DAEMON_SIGNAL
-                                                                       : nullptr;
-    if (isIncoming && member != nullptr &&
-        g_strcmp0(g_dbus_message_get_member(message), member) == 0 &&
+  m_handlers.emplace_back([handler = std::move(handler)](GDBusMessage* message,
+                                                         const char* sender) {
+    const bool isCall = g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_METHOD_CALL;
+    if (sender != nullptr &&
+        g_strcmp0(g_dbus_message_get_member(message), isCall ? DAEMON_METHOD : DAEMON_SIGNAL) ==
+            0 &&
         g_strcmp0(g_dbus_message_get_interface(message), DAEMON_NAME) == 0 &&
         g_strcmp0(g_dbus_message_get_path(message), DAEMON_PATH) == 0 &&
         g_strcmp0(g_dbus_message_get_signature(message), "ss") == 0) {

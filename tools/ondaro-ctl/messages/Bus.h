@@ -4,6 +4,7 @@
 #include <gio/gio.h>
 
 #include <functional>
+#include <list>
 #include <memory>
 #include <string>
 
@@ -92,19 +93,14 @@ class Bus {
   /// the bus answered to it.
   void AfterRoundTrip(std::function<void()> then);
 
-  /// Calls `then` when there is no daemon or one that answers: the library asks it the same before
-  /// it hands out the application's end, and does not return from that to the loop.
-  void WhenDaemonAnswers(Handler then);
+  /// Calls `then` with the answer, which may take its time. That to CallDaemon() comes when there
+  /// is no daemon or one that answers: the library asks the same before it hands out the
+  /// application's end, and does not return from that to the loop.
+  void Call(const BusCall& call, Handler then);
 
   /// Calls `handler` with the daemon name's owner now, when there is one, and whenever that
   /// changes.
   void WatchOwner(std::function<void(const std::string& owner)> handler);
-
-  /// Calls `handler`, in the loop, with every message that comes or goes, whoever in the process
-  /// sends or takes it: the library keeps the outcome of its own calls to itself, and events
-  /// without a handler.
-  using MessageHandler = std::function<void(GDBusMessage* message, bool isIncoming)>;
-  void WatchMessages(MessageHandler handler);
 
   /// Calls `handler` with the reply to the latest call of `method`.
   void WatchReplies(const std::string& method, Handler handler);
@@ -113,7 +109,14 @@ class Bus {
   void WatchEvents(std::function<void(const std::string& event, const std::string& data)> handler);
 
  private:
-  void AfterAnswer(const BusCall& call, Handler then);
+  /// Called, in the loop, with every message that comes or goes, whoever in the process sends or
+  /// takes it: the library keeps the outcome of its own calls to itself, and events without a
+  /// handler. Only what comes has a sender.
+  using MessageHandler = std::function<void(GDBusMessage* message, const char* sender)>;
+
+  static GDBusMessage* OnMessage(GDBusConnection* connection, GDBusMessage* message,
+                                 gboolean isIncoming, gpointer userData);
+  static gboolean Deliver(gpointer message);
   static void OnClosed(GDBusConnection* connection, gboolean remote, GError* error,
                        gpointer userData);
   static void OnOwner(GDBusConnection* connection, const gchar* name, const gchar* owner,
@@ -124,8 +127,10 @@ class Bus {
   gulong m_nClosedHandler;
   guint m_nOwnerWatch = 0;
   std::function<void(const std::string& owner)> m_onOwner;
-  std::shared_ptr<struct Tap> m_pTap;
+  std::list<MessageHandler> m_handlers;
   guint m_nFilter;
+
+  static Bus* s_pLiving;  // of the loop's thread alone; the process has one connection
 };
 
 }  // namespace ondaro::ctl

@@ -10,11 +10,6 @@
 namespace ondaro::ctl {
 namespace {
 
-struct EventOptions {
-  std::vector<std::string> names;
-  Limits limits;
-};
-
 void Show(Feed& feed, const std::string& event, const std::string& data) {
   feed.Show(JsonObject({{"event", JsonText(event)}, {"data", JsonText(data)}}), event, data);
 }
@@ -31,10 +26,11 @@ struct Named {
 };
 
 /// One end of the messaging, showing events: those named, as the library delivers them, or all.
+template <class Handle>
 class End {
  public:
-  End(const Output& output, const EventOptions& options)
-      : m_feed(output, options.limits), m_bus(m_feed.Loop()) {
+  End(const Output& output, const FeedOptions& options)
+      : m_feed(output, options), m_bus(m_feed.Loop()) {
     for (const std::string& name : options.names) {
       m_named.push_back({m_feed, name});
     }
@@ -47,16 +43,23 @@ class End {
   }
 
  protected:
+  void Register(void (*add)(Handle, const char*, void (*)(const char*, void*), void*)) {
+    for (Named& named : m_named) {
+      add(m_pHandle, named.name.c_str(), Named::OnEvent, &named);
+    }
+  }
+
   Feed m_feed;
   Bus m_bus;
   std::list<Named> m_named;
+  Handle m_pHandle = nullptr;
 };
 
 // ---- The daemon's end ---------------------------------------------------------------------------
 
-class Server : private End {
+class Server : private End<OndaroApi_IpcServer_h> {
  public:
-  Server(const Output& output, const EventOptions& options) : End(output, options) {
+  Server(const Output& output, const FeedOptions& options) : End(output, options) {
     m_bus.WatchReplies("RequestName", [](const Reply& reply) {
       if (reply.IsRefusal()) {
         FailRefused("the daemon's name", WHO_MAY_OWN);
@@ -64,17 +67,11 @@ class Server : private End {
     });
     m_pHandle = Made(OndaroFactory_GetIpcServerHandle(),
                      "the interface description of the daemon could not be used");
-    for (Named& named : m_named) {
-      OndaroApi_IpcServer_RegisterEventHandler(m_pHandle, named.name.c_str(), Named::OnEvent,
-                                               &named);
-    }
+    Register(OndaroApi_IpcServer_RegisterEventHandler);
     m_bus.WatchOwner([this](const std::string& owner) { OwnedBy(owner); });
   }
 
   ~Server() { OndaroApi_IpcServer_UnregisterEventHandler(m_pHandle); }
-
-  Server(const Server&) = delete;
-  Server& operator=(const Server&) = delete;
 
   void Run() {
     m_feed.Out().Note(std::string("asking the bus for the name ") + DAEMON_NAME);
@@ -118,7 +115,6 @@ class Server : private End {
     m_bus.Flush();
   }
 
-  OndaroApi_IpcServer_h m_pHandle;
   bool m_hasQueued = false;
   bool m_isReading = false;
   LineReader m_input{"-"};
@@ -134,7 +130,7 @@ void RequireHeard(const Reply& reply) {
 
 void Ignore(const char* /*data*/, void* /*userData*/) {}
 
-class Listener : private End {
+class Listener : private End<OndaroApi_IpcClient_h> {
  public:
   using End::End;
 
@@ -144,56 +140,41 @@ class Listener : private End {
     }
   }
 
-  Listener(const Listener&) = delete;
-  Listener& operator=(const Listener&) = delete;
-
   void Run() {
-    m_bus.WhenDaemonAnswers([this](const Reply& reply) {
+    m_bus.Call(CallDaemon(), [this](const Reply& reply) {
       RequireHeard(reply);
-      Register();
+      m_pHandle = Client();
+      Register(OndaroApi_IpcClient_RegisterEventHandler);
+      if (m_named.empty()) {
+        // What the library subscribes to with its first handler brings all events.
+        OndaroApi_IpcClient_RegisterEventHandler(m_pHandle, "", Ignore, nullptr);
+      }
       m_bus.AfterRoundTrip([this] {
         m_feed.Out().Ready();
         m_bus.WatchOwner(
-            [this](const std::string& /*owner*/) { m_bus.WhenDaemonAnswers(RequireHeard); });
+            [this](const std::string& /*owner*/) { m_bus.Call(CallDaemon(), RequireHeard); });
       });
     });
     m_feed.Run();
   }
-
- private:
-  void Register() {
-    m_pHandle = Client();
-    for (Named& named : m_named) {
-      OndaroApi_IpcClient_RegisterEventHandler(m_pHandle, named.name.c_str(), Named::OnEvent,
-                                               &named);
-    }
-    if (m_named.empty()) {
-      // What the library subscribes to with its first handler brings all events.
-      OndaroApi_IpcClient_RegisterEventHandler(m_pHandle, "", Ignore, nullptr);
-    }
-  }
-
-  OndaroApi_IpcClient_h m_pHandle = nullptr;
 };
 
 template <class Which>
-void RunEnd(const Output& output, const EventOptions& options) {
+void RunEnd(const Output& output, const FeedOptions& options) {
   Which(output, options).Run();
-}
-
-template <class Which>
-void AddEnd(CLI::App& app, Session& session, const char* name, const char* description) {
-  auto [verb, options] = AddVerb(app, session, name, description, RunEnd<Which>);
-  verb.add_option("EVENT", options.names, "Names of the events to print; all when left out");
-  AddLimits(verb, options.limits);
 }
 
 }  // namespace
 
 void AddMessageVerbs(CLI::App& app, Session& session) {
-  AddEnd<Server>(app, session, "serve",
-                 "Be the daemon: print events, send lines 'EVENT DATA' of standard input");
-  AddEnd<Listener>(app, session, "listen", "Be an application: print events of the daemon");
+  constexpr char NAMES[] = "Names of the events to print; all when left out";
+  AddFeed(AddVerb(app, session, "serve",
+                  "Be the daemon: print events, send lines 'EVENT DATA' of standard input",
+                  RunEnd<Server>),
+          "EVENT", NAMES);
+  AddFeed(AddVerb(app, session, "listen", "Be an application: print events of the daemon",
+                  RunEnd<Listener>),
+          "EVENT", NAMES);
 }
 
 }  // namespace ondaro::ctl

@@ -53,7 +53,7 @@ class Sender {
   void Send(const std::string& event, const std::string& data) {
     constexpr double PATIENCE = 25.0;
     m_answer.reset();
-    m_bus.WhenDaemonAnswers([&](const Reply& /*reply*/) {
+    m_bus.Call(CallDaemon(), [&](const Reply& /*reply*/) {
       RequireOfSet(OndaroApi_IpcClient_SendDataToServer(Client(), event.c_str(), data.c_str()) == 0,
                    "the event was not sent: event and data must be UTF-8 and together shorter than "
                    "32 MiB");

@@ -8,11 +8,6 @@
 namespace ondaro::ctl {
 namespace {
 
-struct WatchOptions {
-  std::vector<std::string> names;
-  Limits limits;
-};
-
 void Show(Feed& feed, const Property& property, std::optional<std::string>& value,
           const std::string& changed) {
   feed.Show(
@@ -21,8 +16,8 @@ void Show(Feed& feed, const Property& property, std::optional<std::string>& valu
   value = changed;
 }
 
-void RunWatch(const Output& output, const WatchOptions& options) {
-  Feed feed(output, options.limits);
+void RunWatch(const Output& output, const FeedOptions& options) {
+  Feed feed(output, options);
   std::map<const Property*, std::optional<std::string>> values;  // one, also when it is named twice
   for (const std::string& name : options.names) {
     values[&FindProperty(name)];
@@ -49,29 +44,26 @@ struct WaitOptions {
 };
 
 struct Condition {
-  enum class Wanted { Change, Equal, NotEqual };
-
   const Property* property;
-  Wanted wanted;
-  std::string value;
+  std::optional<std::string> value;  // nothing for any change
+  bool isNegated;
 
+  /// A value that cannot be read fulfils none.
   bool HoldsFor(const std::optional<std::string>& present) const {
-    // A value that cannot be read fulfils neither.
-    return wanted != Wanted::Change && present && (*present == value) == (wanted == Wanted::Equal);
+    return value && present && (present == value) != isNegated;
   }
 };
 
 Condition ParseCondition(const std::string& text) {
-  using Wanted = Condition::Wanted;
   const std::size_t equal = text.find('=');
   if (equal == std::string::npos) {
-    return {&FindProperty(text), Wanted::Change, {}};
+    return {&FindProperty(text), {}, false};
   }
   const bool isNegated = equal > 0 && text[equal - 1] == '!';
-  const Property& property = FindProperty(text.substr(0, isNegated ? equal - 1 : equal));
+  const Property& property = FindProperty(text.substr(0, equal - (isNegated ? 1 : 0)));
   const std::string value = text.substr(equal + 1);
   RequireTaken(property, value, "");
-  return {&property, isNegated ? Wanted::NotEqual : Wanted::Equal, value};
+  return {&property, value, isNegated};
 }
 
 void RunWait(const Output& output, const WaitOptions& options) {
@@ -80,8 +72,7 @@ void RunWait(const Output& output, const WaitOptions& options) {
   MainLoop loop;
   // Subscribed before the first read, so that no change slips between the two.
   const PropertySubscription subscription(loop, *condition.property, [&](const std::string& value) {
-    if (!fulfilled &&
-        (condition.wanted == Condition::Wanted::Change || condition.HoldsFor(value))) {
+    if (!fulfilled && (!condition.value || condition.HoldsFor(value))) {
       fulfilled = value;
       loop.Stop();
     }
@@ -101,10 +92,8 @@ void RunWait(const Output& output, const WaitOptions& options) {
 }  // namespace
 
 void AddWatchVerbs(CLI::App& app, Session& session) {
-  auto [watch, watched] =
-      AddVerb(app, session, "watch", "Print changes of properties as they happen", RunWatch);
-  watch.add_option("NAME", watched.names, "Properties; all that have change events when left out");
-  AddLimits(watch, watched.limits);
+  AddFeed(AddVerb(app, session, "watch", "Print changes of properties as they happen", RunWatch),
+          "NAME", "Properties; all that have change events when left out");
 
   auto [wait, awaited] =
       AddVerb(app, session, "wait", "Wait until a property has a value, or changes", RunWait);

@@ -15,11 +15,6 @@ struct StoreOptions {
   bool isInt = false;
 };
 
-struct StoreWatchOptions {
-  std::vector<std::string> keys;
-  Limits limits;
-};
-
 int ParseInt(const std::string& text) {
   gint64 value = 0;
   const bool isInt =
@@ -84,10 +79,10 @@ class Shown {
   std::string m_key;
 };
 
-void StoreWatch(const Output& output, const StoreWatchOptions& options) {
-  Feed feed(output, options.limits);
+void StoreWatch(const Output& output, const FeedOptions& options) {
+  Feed feed(output, options);
   std::list<Shown> subscriptions;
-  for (const std::string& key : options.keys) {
+  for (const std::string& key : options.names) {
     subscriptions.emplace_back(feed, key);
   }
   output.Ready();
@@ -136,10 +131,6 @@ void Device(const Output& output, const NoOptions&) {
 
 }  // namespace
 
-void AddDeviceVerbs(CLI::App& app, Session& session) {
-  AddVerb(app, session, "device", "Print what the set says about itself", Device);
-}
-
 void AddStoreVerbs(CLI::App& app, Session& session) {
   CLI::App& store = *app.add_subcommand("store", "Read, write and watch raw settings keys");
   store.require_subcommand(1);
@@ -149,10 +140,11 @@ void AddStoreVerbs(CLI::App& app, Session& session) {
   auto [set, written] = AddVerb(store, session, "set", "Write a key", StoreSet);
   AddKey(set, written).add_option("VALUE", written.value, "Its new value")->required();
 
-  auto [watch, watched] =
-      AddVerb(store, session, "watch", "Print every write to keys as it happens", StoreWatch);
-  watch.add_option("KEY", watched.keys, "The settings keys")->required();
-  AddLimits(watch, watched.limits);
+  AddFeed(AddVerb(store, session, "watch", "Print every write to keys as it happens", StoreWatch),
+          "KEY", "The settings keys")
+      .required();
+
+  AddVerb(app, session, "device", "Print what the set says about itself", Device);
 }
 
 }  // namespace ondaro::ctl

@@ -11,7 +11,7 @@ namespace ondaro::ctl {
 /// Shows what arrives in a loop, a line each with the time, until the limits are reached.
 class Feed {
  public:
-  Feed(const Output& output, const Limits& limits) : m_output(output), m_limits(limits) {}
+  Feed(const Output& output, const FeedOptions& limits) : m_output(output), m_limits(limits) {}
 
   const Output& Out() const { return m_output; }
   MainLoop& Loop() { return m_loop; }
@@ -29,7 +29,7 @@ class Feed {
 
  private:
   const Output& m_output;
-  const Limits& m_limits;
+  const FeedOptions& m_limits;
   std::uint64_t m_shown = 0;
   MainLoop m_loop;
 };

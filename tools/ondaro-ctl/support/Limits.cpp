@@ -36,11 +36,14 @@ CLI::Option& AddSpeed(CLI::App& verb, double& speed) {
                              "above 0, up to 1000000"));
 }
 
-void AddLimits(CLI::App& verb, Limits& limits) {
-  verb.add_option("-n,--count", limits.count, "End after that many")
+CLI::Option& AddFeed(std::pair<CLI::App&, FeedOptions&> verb, const char* name,
+                     const char* description) {
+  auto& [app, options] = verb;
+  app.add_option("-n,--count", options.count, "End after that many")
       ->type_name("COUNT")
       ->check(Within<std::uint64_t>(1, UINT64_MAX, "from 1"));
-  AddTimeout(verb, limits.seconds);
+  AddTimeout(app, options.seconds);
+  return *app.add_option(name, options.names, description);
 }
 
 }  // namespace ondaro::ctl

@@ -26,8 +26,7 @@ struct Session {
 void AddPropertyVerbs(CLI::App& app, Session& session);  // get set list
 void AddDumpVerbs(CLI::App& app, Session& session);      // dump load
 void AddWatchVerbs(CLI::App& app, Session& session);     // watch wait
-void AddStoreVerbs(CLI::App& app, Session& session);     // store get|set|watch
-void AddDeviceVerbs(CLI::App& app, Session& session);    // device
+void AddStoreVerbs(CLI::App& app, Session& session);     // store get|set|watch device
 void AddAuthVerbs(CLI::App& app, Session& session);      // auth generate|sign|system-id
 void AddMessageVerbs(CLI::App& app, Session& session);   // serve listen
 void AddSendVerb(CLI::App& app, Session& session);       // send
@@ -36,14 +35,16 @@ void AddTraceVerbs(CLI::App& app, Session& session);     // trace
 
 struct NoOptions {};
 
-/// How long a verb that waits goes on.
-struct Limits {
-  std::uint64_t count = 0;  // 0 for without end
-  std::optional<double> seconds;
+/// Of a verb that shows what arrives.
+struct FeedOptions {
+  std::vector<std::string> names;  // of what
+  std::uint64_t count = 0;         // how often, 0 for without end
+  std::optional<double> seconds;   // how long
 };
 
-/// Limits of a verb that shows what arrives: -n and --timeout.
-void AddLimits(CLI::App& verb, Limits& limits);
+/// Adds the names, -n and --timeout.
+CLI::Option& AddFeed(std::pair<CLI::App&, FeedOptions&> verb, const char* name,
+                     const char* description);
 void AddTimeout(CLI::App& verb, std::optional<double>& seconds,
                 const char* description = "Give up after SECONDS, with exit code 5");
 inline constexpr double LONGEST_TIMEOUT = 1'000'000.0;
