@@ -8,6 +8,7 @@
 // Beside the time that passes stands the processor time of all three processes, the bus's too: it
 // says much the same on an idle machine and can still be trusted on a busy one.
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <gio/gio.h>
 #include <unistd.h>
 
@@ -25,7 +26,7 @@
 #include "BusLog.h"
 #include "ondaro/OndaroApi.h"
 #include "ondaro/pal/CPALFactory.h"
-#include "support/ChildProcess.h"
+#include "support/Child.h"
 #include "support/Files.h"
 #include "support/PlainPeer.h"
 #include "support/PrivateBus.h"
@@ -34,7 +35,6 @@
 namespace ondaro::bench {
 namespace {
 
-using test::ChildProcess;
 using test::PlainPeer;
 
 constexpr const char* PLAIN_NAME = "com.halvex.tv.plains";
@@ -72,12 +72,55 @@ void Await(const char* what, const Predicate& done) {
   }
 }
 
+/// A program whose standard input is told what to do.
+class Daemon {
+ public:
+  explicit Daemon(const std::vector<std::string>& command) : Daemon(command, Pipe()) {}
+  ~Daemon() { close(m_input); }
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+
+  pid_t Pid() const { return m_child.Pid(); }
+  void Write(const std::string& text) const {
+    if (write(m_input, text.data(), text.size()) < 0) {
+      throw std::runtime_error("a daemon does not read");
+    }
+  }
+
+ private:
+  struct Ends {
+    int reading = -1, writing = -1;
+  };
+  static Ends Pipe() {
+    int ends[2] = {-1, -1};
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+      throw std::runtime_error("no pipe");
+    }
+    return {ends[0], ends[1]};
+  }
+  Daemon(const std::vector<std::string>& command, Ends pipe)
+      : m_child(
+            [&] {
+              dup2(pipe.reading, STDIN_FILENO);
+              execl(command[0].c_str(), command[0].c_str(),
+                    command.size() > 1 ? command[1].c_str() : nullptr, nullptr);
+              _exit(1);
+            },
+            0),
+        m_input(pipe.writing) {
+    close(pipe.reading);
+  }
+
+  test::Child m_child;
+  int m_input;
+};
+
 /// One way to talk to a daemon: the library's or the plain one.
 struct End {
   std::function<void(const std::string&)> call;
   std::function<long()> answered;
   std::function<long()> heard;
-  ChildProcess* daemon;
+  Daemon* daemon;
 };
 
 class LibraryEnd {
@@ -86,7 +129,7 @@ class LibraryEnd {
     OndaroApi_IpcClient_RegisterEventHandler(
         m_ipc, "event", [](const char*, void* heard) { ++*static_cast<long*>(heard); }, &m_heard);
   }
-  End AsEnd(ChildProcess* daemon) {
+  End AsEnd(Daemon* daemon) {
     return {[this](const std::string& data) {
               OndaroApi_IpcClient_SendDataToServer(m_ipc, "event", data.c_str());
             },
@@ -107,7 +150,7 @@ class PlainEnd {
     g_dbus_connection_signal_subscribe(connection, nullptr, PLAIN_NAME, test::SIGNAL, PLAIN_PATH,
                                        nullptr, G_DBUS_SIGNAL_FLAGS_NONE, OnSignal, this, nullptr);
   }
-  End AsEnd(ChildProcess* daemon) {
+  End AsEnd(Daemon* daemon) {
     return {[this](const std::string& data) {
               g_dbus_proxy_call(m_proxy, test::METHOD, g_variant_new("(ss)", "event", data.c_str()),
                                 G_DBUS_CALL_FLAGS_NONE, -1, nullptr, OnAnswer, this);
@@ -139,7 +182,7 @@ class PlainEnd {
 
 void AwaitOwner(PlainPeer& observer, const char* name, bool owned) {
   if (!test::WaitUntil([&] {
-        return observer.CallBus("NameHasOwner", g_variant_new("(s)", name)) ==
+        return test::CallBus(observer.Connection(), "NameHasOwner", g_variant_new("(s)", name)) ==
                (owned ? "(true,)" : "(false,)");
       })) {
     throw std::runtime_error(std::string("waited in vain for the owner of ") + name);
@@ -215,7 +258,7 @@ void Start(benchmark::State& state, PlainPeer& observer, const char* program, co
     test::SyncWithBus(observer.Connection());
     test::Drain();
     const auto start = Clock::now();
-    const ChildProcess daemon({program});
+    const Daemon daemon({program});
     Await("the daemon's name", [&] { return owned; });
     state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
     state.counters["processor_us"] = ProcessorTime({daemon.Pid()});
@@ -275,8 +318,8 @@ void RunTraffic(PlainPeer& observer, pid_t bus, bool toFile) {
     command.push_back(directory / "daemon.log");
     LogToFile((directory / "application.log").c_str());
   }
-  ChildProcess libraryDaemon(command);
-  ChildProcess plainDaemon({ONDARO_BENCH_PLAIN_DAEMON});
+  Daemon libraryDaemon(command);
+  Daemon plainDaemon({ONDARO_BENCH_PLAIN_DAEMON});
   AwaitOwner(observer, test::BUS_NAME, true);
   AwaitOwner(observer, PLAIN_NAME, true);
   LibraryEnd library;

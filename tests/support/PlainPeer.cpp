@@ -9,18 +9,26 @@ namespace ondaro::test {
 
 namespace {
 
-constexpr const char* BUS = "org.freedesktop.DBus";
-constexpr const char* BUS_PATH = "/org/freedesktop/DBus";
+/// Takes both over, of which one is there.
+std::string Print(GVariant* reply, GError* error) {
+  gchar* const printed = reply != nullptr ? g_variant_print(reply, TRUE)
+                                          : g_strconcat("error: ", error->message, nullptr);
+  std::string text = printed;
+  g_free(printed);
+  g_clear_error(&error);
+  g_clear_pointer(&reply, g_variant_unref);
+  return text;
+}
 
 }  // namespace
 
-void SyncWithBus(GDBusConnection* connection) {
+std::string CallBus(GDBusConnection* connection, const char* member, GVariant* body) {
+  constexpr const char* BUS = "org.freedesktop.DBus";
+  GError* error = nullptr;
   GVariant* reply =
-      g_dbus_connection_call_sync(connection, BUS, BUS_PATH, BUS, "GetId", nullptr, nullptr,
-                                  G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-  if (reply != nullptr) {
-    g_variant_unref(reply);
-  }
+      g_dbus_connection_call_sync(connection, BUS, "/org/freedesktop/DBus", BUS, member, body,
+                                  nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+  return Print(reply, error);
 }
 
 PlainPeer::PlainPeer()
@@ -32,6 +40,15 @@ PlainPeer::PlainPeer()
   if (m_connection == nullptr) {
     throw std::runtime_error("no connection to the bus");
   }
+  g_dbus_connection_signal_subscribe(
+      m_connection, nullptr, nullptr, nullptr, OBJECT_PATH, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+      [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* body,
+         gpointer heard) {
+        static_cast<std::vector<std::string>*>(heard)->push_back(
+            Print(g_variant_ref(body), nullptr));
+      },
+      &m_heard, nullptr);
+  SyncWithBus(m_connection);
 }
 
 PlainPeer::~PlainPeer() {
@@ -42,58 +59,33 @@ PlainPeer::~PlainPeer() {
 
 bool PlainPeer::Own() {
   constexpr guint ALLOW_REPLACEMENT = 1, REPLACE_EXISTING = 2, DO_NOT_QUEUE = 4;
-  return CallBus("RequestName", g_variant_new("(su)", BUS_NAME,
-                                              ALLOW_REPLACEMENT | REPLACE_EXISTING |
-                                                  DO_NOT_QUEUE)) == "(uint32 1,)";
+  constexpr guint FLAGS = ALLOW_REPLACEMENT | REPLACE_EXISTING | DO_NOT_QUEUE;
+  return CallBus(m_connection, "RequestName", g_variant_new("(su)", BUS_NAME, FLAGS)) ==
+         "(uint32 1,)";
 }
-
-void PlainPeer::Release() { CallBus("ReleaseName", g_variant_new("(s)", BUS_NAME)); }
 
 std::string PlainPeer::Owner() {
-  const std::string reply = CallBus("GetNameOwner", g_variant_new("(s)", BUS_NAME));
-  return reply.substr(0, 2) == "('" ? reply.substr(2, reply.size() - 5) : std::string();
+  const std::string reply = CallBus(m_connection, "GetNameOwner", g_variant_new("(s)", BUS_NAME));
+  return reply.front() == '(' ? reply : "";
 }
 
-void PlainPeer::Listen(const char* interface) {
-  g_dbus_connection_signal_subscribe(
-      m_connection, nullptr, interface, SIGNAL, OBJECT_PATH, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
-      [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* body,
-         gpointer events) {
-        const gchar* name = nullptr;
-        const gchar* data = nullptr;
-        g_variant_get(body, "(&s&s)", &name, &data);
-        static_cast<std::vector<Event>*>(events)->emplace_back(name, data);
-      },
-      &m_heard, nullptr);
-  SyncWithBus(m_connection);
-}
-
-void PlainPeer::Emit(GVariant* body, const char* member, const char* interface,
-                     const char* destination, const char* path) {
+void PlainPeer::Emit(GVariant* body, const char* member, const char* interface, const char* path,
+                     const char* destination) {
   g_dbus_connection_emit_signal(m_connection, destination, path, interface, member, body, nullptr);
   SyncWithBus(m_connection);
 }
 
-void PlainPeer::EmitEvent(const std::string& name, const std::string& data) {
-  Emit(g_variant_new("(ss)", name.c_str(), data.c_str()));
-}
-
-std::string PlainPeer::Call(GVariant* body, const char* member, const char* interface,
-                            const char* path, const char* destination, int timeoutMilliseconds) {
+std::string PlainPeer::Call(GVariant* body, const char* member, const char* path,
+                            const char* destination, int timeoutMilliseconds) {
   std::string result;
   g_dbus_connection_call(
-      m_connection, destination, path, interface, member, body, nullptr, G_DBUS_CALL_FLAGS_NONE,
+      m_connection, destination, path, INTERFACE, member, body, nullptr, G_DBUS_CALL_FLAGS_NONE,
       timeoutMilliseconds, nullptr,
       [](GObject* source, GAsyncResult* ready, gpointer text) {
         GError* error = nullptr;
         GVariant* reply = g_dbus_connection_call_finish(reinterpret_cast<GDBusConnection*>(source),
                                                         ready, &error);
-        gchar* printed = reply != nullptr ? g_variant_print(reply, TRUE)
-                                          : g_strconcat("error: ", error->message, nullptr);
-        *static_cast<std::string*>(text) = printed;
-        g_free(printed);
-        g_clear_error(&error);
-        g_clear_pointer(&reply, g_variant_unref);
+        *static_cast<std::string*>(text) = Print(reply, error);
       },
       &result);
   // Bounded by the call's own timeout, after which `result` is not written any more.
@@ -101,10 +93,6 @@ std::string PlainPeer::Call(GVariant* body, const char* member, const char* inte
     g_main_context_iteration(g_main_context_get_thread_default(), TRUE);
   }
   return result;
-}
-
-std::string PlainPeer::CallBus(const char* member, GVariant* body) {
-  return Call(body, member, BUS, BUS_PATH, BUS);
 }
 
 }  // namespace ondaro::test

@@ -1,10 +1,10 @@
 #ifndef ONDARO_TESTS_SUPPORT_PRIVATEBUS_H
 #define ONDARO_TESTS_SUPPORT_PRIVATEBUS_H
 
-#include <memory>
+#include <optional>
 #include <string>
 
-#include "support/ChildProcess.h"
+#include "support/Child.h"
 #include "support/Files.h"
 
 namespace ondaro::test {
@@ -21,25 +21,18 @@ class PrivateBus {
  public:
   /// `policy` goes into the daemon's configuration as it is.
   explicit PrivateBus(const std::string& policy = OPEN_POLICY);
-  ~PrivateBus();
-
-  PrivateBus(const PrivateBus&) = delete;
-  PrivateBus& operator=(const PrivateBus&) = delete;
 
   pid_t Pid() const { return m_daemon->Pid(); }
 
   /// Ends the daemon; every connection closes.
-  void Kill();
-  /// The daemon stands still: connections stay, nothing is delivered.
-  void Freeze();
-  void Thaw();
+  void Kill() { m_daemon.reset(); }
   /// Starts the daemon, again at the same address after Kill().
   void Start();
 
  private:
   const TemporaryDirectory m_directory;
-  const std::string m_address;
-  std::unique_ptr<ChildProcess> m_daemon;
+  const std::string m_configuration = m_directory / "bus.conf";
+  std::optional<Child> m_daemon;
 };
 
 }  // namespace ondaro::test

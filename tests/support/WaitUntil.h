@@ -5,9 +5,9 @@
 
 #include <chrono>
 
-#include "support/ChildProcess.h"
-
 namespace ondaro::test {
+
+constexpr std::chrono::seconds PATIENCE{30};
 
 /// Iterates the thread's main context until `predicate` holds; false when `limit` passed first.
 /// The predicate may look at what other threads and processes did: it is asked again and again.
