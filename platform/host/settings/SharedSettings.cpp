@@ -113,7 +113,7 @@ void SharedSettings::OpenBell() {
   auto bell = std::make_unique<const SettingsBell>(BellPath());
   std::lock_guard lock(m_cacheMutex);
   m_bell = std::move(bell);
-  m_sight = {};
+  ++m_generation;
 }
 
 void SharedSettings::OpenDatabase() {
@@ -146,7 +146,7 @@ void SharedSettings::Renew() {
     ++m_databases;
     // There was no log of another file, or it has gone.
     const std::lock_guard lock(m_cacheMutex);
-    m_sight = {};
+    ++m_generation;
     return;
   } catch (const SettingsError& error) {
     if (error.GetKind() != Kind::REPLACED) {
@@ -196,13 +196,13 @@ void SharedSettings::SetAside() {
   LogSettingsError(m_path + " is damaged; it is kept as " + name + ", and a new one begun");
 }
 
-const SharedSettings::Value* SharedSettings::Remembered(const std::string& key) {
-  if (m_bell == nullptr || Clock::now() >= m_mustAsk) {
+const SharedSettings::Value* SharedSettings::Remembered(const std::string& key,
+                                                        const SettingsBell::Sight& sight) {
+  if (sight != m_sight || Clock::now() >= m_mustAsk) {
     return nullptr;
   }
   const auto found = m_cache.find(key);
-  const bool isKnown = found != m_cache.end() && found->second.generation == m_generation &&
-                       m_bell->Look() == m_sight;
+  const bool isKnown = found != m_cache.end() && found->second.generation == m_generation;
   return isKnown ? &found->second.value : nullptr;
 }
 
@@ -229,10 +229,10 @@ void SharedSettings::Remember(const std::string& key, const Value& value,
   m_cache[key] = {value, m_generation};
 }
 
-SharedSettings::Value SharedSettings::Query(const std::string& key) {
+SharedSettings::Value SharedSettings::Query(const std::string& key,
+                                            const SettingsBell::Sight& before) {
   return Attempt([&](SettingsDatabase& database) {
-    // A commit after this look at the bell changes it, so what is remembered ends with it.
-    const SettingsBell::Sight before = m_bell->Look();
+    // A commit after that look at the bell changes it, so what is remembered ends with it.
     const bool isSettled = m_bell->IsSettled(before);
     Value value = database.Get(key);
     if (isSettled) {
@@ -324,6 +324,7 @@ void SharedSettings::AfterForkInParent() {
 
 void SharedSettings::AfterForkInChild() {
   m_bell.reset();
+  ++m_generation;
   m_wasOpen = false;
   m_cacheMutex.unlock();
   m_mutex.Renew();

@@ -20,6 +20,10 @@ class SettingsMutex {
  public:
   bool LockUntil(SettingsDeadline::Clock::time_point end) {
     std::unique_lock lock(m_mutex);
+    if (!m_isTaken && m_waiting.empty()) {
+      m_isTaken = true;
+      return true;
+    }
     const auto place = m_waiting.insert(m_waiting.end(), std::this_thread::get_id());
     const bool isTaken =
         m_changed.wait_until(lock, end, [&] { return !m_isTaken && m_waiting.begin() == place; });
@@ -73,14 +77,16 @@ class SharedSettings {
   /// the key was last read, that takes a look at the bell; else the database is asked.
   template <typename Use>
   void Read(const std::string& key, Use use) {
+    SettingsBell::Sight sight;
     {
       std::lock_guard lock(m_cacheMutex);
-      if (const Value* known = Remembered(key)) {
+      sight = m_bell != nullptr ? m_bell->Look() : sight;
+      if (const Value* known = Remembered(key, sight)) {
         use(*known);
         return;
       }
     }
-    use(Query(key));
+    use(Query(key, sight));
   }
 
   void Write(const std::string& key, const SettingsValue& value);
@@ -115,9 +121,9 @@ class SharedSettings {
     std::uint64_t generation = 0;
   };
 
-  const Value* Remembered(const std::string& key);
+  const Value* Remembered(const std::string& key, const SettingsBell::Sight& sight);
   void Remember(const std::string& key, const Value& value, const SettingsBell::Sight& sight);
-  Value Query(const std::string& key);
+  Value Query(const std::string& key, const SettingsBell::Sight& before);
   template <typename Operation>
   auto Attempt(Operation operation);
   void Open();
