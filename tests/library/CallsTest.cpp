@@ -1,21 +1,20 @@
 // All exported functions: when memory runs out at any point of a call, and when the process has
 // destroyed their services already.
 
+#include <cxxabi.h>
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
 
 #include "Allocations.h"
 #include "ondaro/OndaroApi.h"
 #include "support/FakePlatform.h"
 #include "support/PrivateBus.h"
 #include "support/WaitUntil.h"
-
-extern "C" int __cxa_atexit(void (*handler)(void*), void* argument, void* object);
 
 namespace {
 
@@ -92,8 +91,8 @@ void Destroy() { OndaroApi_CoreAuth_DestroyCoreAuthInfo(&g_result.first); }
 
 struct SCall {
   void (*call)();
-  std::string success;
-  std::vector<std::string> failures;  // the last one is that of the last allocation
+  std::string success = "0";
+  std::vector<std::string> failures = {"0"};  // the last one is that of the last allocation
 };
 
 const std::string WITH_TEXT = std::string("1 ") + TEXT;
@@ -101,24 +100,24 @@ const std::string LENGTH = " " + std::to_string(sizeof(TEXT) - 1);
 
 // Never destroyed: called at the very end too.
 const auto& CALLS = *new std::vector<SCall>{
-    {GetConfig, "1", {"0"}},
-    {GetClient, "1", {"0"}},
-    {GetServer, "1", {"0"}},
-    {GetAuth, "1", {"0"}},
-    {Set, "1", {"0"}},
+    {GetConfig, "1"},
+    {GetClient, "1"},
+    {GetServer, "1"},
+    {GetAuth, "1"},
+    {Set, "1"},
     {GetText, WITH_TEXT + LENGTH, {"0", "1 error 5", "0 null 5", "0 null" + LENGTH}},
     {GetWithData, WITH_TEXT + LENGTH, {"0", "0 null" + LENGTH}},
-    {Watch, "0", {"0"}},
-    {Unwatch, "0", {"0"}},
-    {ClientWatch, "0", {"0"}},
-    {ClientUnwatch, "0", {"0"}},
+    {Watch},
+    {Unwatch},
+    {ClientWatch},
+    {ClientUnwatch},
     {ClientSend, "0", {"-1"}},
-    {ServerWatch, "0", {"0"}},
-    {ServerUnwatch, "0", {"0"}},
+    {ServerWatch},
+    {ServerUnwatch},
     {ServerSend, "0", {"-1"}},
-    {Generate, WITH_TEXT + " " + TEXT, {"0"}},
-    {Sign, WITH_TEXT, {"0"}},
-    {GetChain, "1", {"0"}},
+    {Generate, WITH_TEXT + " " + TEXT},
+    {Sign, WITH_TEXT},
+    {GetChain, "1"},
     {Destroy, "0", {}}};  // without a service behind it, so it never fails
 
 void Require(bool holds, const SCall& call, const std::string& what) {
@@ -130,30 +129,30 @@ void Require(bool holds, const SCall& call, const std::string& what) {
 
 /// The lines at error priority that are no plain traces.
 std::vector<std::string> TakeErrors() {
-  std::vector<std::string> lines = FakePlatform::Get().TakeLogTexts();
-  const auto isOther = [](const std::string& line) {
-    return line[0] != '6' || line.find("CALLTRACE_ERROR: ") != std::string::npos ||
-           line.find(": key : ") != std::string::npos;
-  };
-  lines.erase(std::remove_if(lines.begin(), lines.end(), isOther), lines.end());
+  std::vector<std::string> lines;
+  for (const SLogEntry& entry : FakePlatform::Get().TakeLog()) {
+    if (entry.priority == 6 && entry.function.find("TRACE") == std::string::npos &&
+        entry.body.rfind("key : ", 0) != 0) {
+      lines.push_back(entry.body);
+    }
+  }
   return lines;
 }
 
+int g_nStoreCalls = 0;
 std::string g_lastFailure;
 
-/// The allocation with this number fails, and so do those after it or not. False when there was
-/// none with this number.
-bool RunOutOfMemory(const SCall& call, int number, bool areLaterFailing) {
-  FakePlatform& fake = FakePlatform::Get();
-  fake.m_storeCalls.clear();
-  fake.TakeLog();
+/// The allocation with this number fails, and so do those up to the last. False when there was none
+/// with this number.
+bool RunOutOfMemory(const SCall& call, int number, int last) {
+  FakePlatform::Get().TakeLog();
+  g_nStoreCalls = 0;
   Allocations::count = 0;
-  Allocations::areLaterFailing = areLaterFailing;
-  Allocations::failing = number;
+  Allocations::firstFailing = number;
+  Allocations::lastFailing = last;
   call.call();
   const bool hasFailed = Allocations::count >= number;
-  Allocations::failing = 0;
-  Allocations::areLaterFailing = false;
+  Allocations::lastFailing = 0;
   const std::string result = g_result.Take();
   const std::vector<std::string> errors = TakeErrors();
   const std::string where = result + " at allocation " + std::to_string(number);
@@ -165,7 +164,7 @@ bool RunOutOfMemory(const SCall& call, int number, bool areLaterFailing) {
   Require(!errors.empty(), call, where + ", without a line");
   g_lastFailure = result;
   // A value that cannot be kept for comparison does not keep events from coming.
-  Require(fake.m_storeCalls.size() != 1 || call.call != Watch, call, where + ": not subscribed");
+  Require(g_nStoreCalls != 1 || call.call != Watch, call, where + ": not subscribed");
   return true;
 }
 
@@ -175,8 +174,8 @@ void RunOutOfMemoryEverywhere() {
     Require(call.call != ServerSend || ondaro::test::WaitUntil(isServing), call, "never");
     bool hasFailed = true;
     for (int number = 1; hasFailed; ++number) {
-      hasFailed = RunOutOfMemory(call, number, true);
-      hasFailed = RunOutOfMemory(call, number, false) || hasFailed;
+      hasFailed = RunOutOfMemory(call, number, INT_MAX);
+      hasFailed = RunOutOfMemory(call, number, number) || hasFailed;
       Require(hasFailed || number == 1 || g_lastFailure == call.failures.back(), call,
               g_lastFailure + " at the last allocation");
     }
@@ -186,12 +185,19 @@ void RunOutOfMemoryEverywhere() {
 
 /// One error line each, and the failure; nothing is delivered any more.
 void CallAfterTheEnd() {
+  const std::string handle =
+      g_config != nullptr ? "handle ended with its service in " : "handle is null in ";
   for (const SCall& call : CALLS) {
     FakePlatform::Get().TakeLog();
     call.call();
     const std::string result = g_result.Take();
     Require(result == (call.failures.empty() ? call.success : call.failures.front()), call, result);
-    Require(TakeErrors().size() == (call.failures.empty() ? 0 : 1), call, "lines");
+    const std::vector<std::string> errors = TakeErrors();
+    Require(errors.size() == (call.failures.empty() ? 0 : 1), call, "lines");
+    const std::string expected =
+        &call < &CALLS[4] ? "exception : PAL Exception: InvalidCase: the service ended" : handle;
+    Require(errors.empty() || errors[0].rfind(expected, 0) == 0, call,
+            errors.empty() ? "" : errors[0]);
   }
   FakePlatform::Get().Change("db/ondaro/property/enterprise_enrollment", "after the end");
   ondaro::test::Drain();
@@ -203,7 +209,7 @@ bool g_isCalledAfterAll = false;
 /// Registered before the library is loaded, and so called when its constants are gone: as a handler
 /// is that a process registered before it opened the library.
 [[gnu::section(".preinit_array"), gnu::used]] void (*const g_beforeAll)() = [] {
-  __cxa_atexit(
+  abi::__cxa_atexit(
       [](void*) {
         if (g_isCalledAfterAll) {
           CallAfterTheEnd();
@@ -233,6 +239,7 @@ class Calls : public testing::Test {
   Calls() {
     FakePlatform& fake = FakePlatform::Get();
     fake.Reset();
+    fake.m_onStoreCall = [](const std::string&) { return ++g_nStoreCalls > 0; };
     fake.m_key = fake.m_cert = fake.m_sign = fake.m_systemId = TEXT;
   }
 

@@ -1,9 +1,9 @@
-#include <stdexcept>
-#include <utility>
+#include <glib.h>
 
-#include "model/Step.h"
+#include <stdexcept>
+
+#include "model/Subject.h"
 #include "ondaro/OndaroApi.h"
-#include "ondaro/api/CException.h"
 #include "support/FakePlatform.h"
 #include "support/PlainPeer.h"
 #include "support/PrivateBus.h"
@@ -13,77 +13,30 @@ namespace ondaro::model {
 
 namespace {
 
-/// Without addresses, the bus library's wording of errors, and what a signature's text has but
-/// the name.
-std::string Comparable(std::string line) {
-  static const std::string error = "g_dbus_proxy_call_finish error : ";
-  if (const std::size_t at = line.find(error); at != std::string::npos) {
-    line.resize(at + error.size());
-  }
-  for (std::size_t at = 0; (at = line.find("0x", at)) != std::string::npos; at += 2) {
-    line.erase(at + 2, line.find_first_not_of("0123456789abcdef", at + 2) - at - 2);
-  }
-  const std::size_t arguments = line.find('('), bracket = line.rfind('[', arguments);
-  if (line.find("Ondaro", bracket) < arguments) {
-    line.erase(arguments + 1, line.find(")]", arguments) - arguments - 1);
-    line.erase(bracket + 1, line.find_last_of("[ ", arguments) - bracket);
-  }
-  return line;
-}
+/// Of a line: addresses, connections, the bus library's wording of errors, and what a signature's
+/// text has but the name.
+constexpr char INCOMPARABLE[] =
+    "0x\\K[0-9a-f]+|sender(_name)?\\K:[0-9:.]+|call_finish error : \\K.*|"
+    "\\[\\K[^(]* (?=\\S*Ondaro)|Ondaro[^ (]*\\(\\K[^]]*(?=\\)])";
 
-void RaiseIf(Fault fault) {
-  if (fault == Fault::STANDARD) {
-    throw std::runtime_error("fault%s%n");
-  }
-  if (fault == Fault::FOREIGN) {
-    throw 7;
-  }
-  if (fault == Fault::API) {
-    throw NOndaroAPI::CAPIException("fault", "%s%n");
-  }
-}
-
-/// Does the steps to the library, on a bus of its own and over the scripted platform. One a
-/// process: the library's services live as long.
-class Library {
+/// On a bus of its own and over the scripted platform.
+class Library : public Subject {
  public:
-  Library() {
+  Library() : Subject(FakePlatform::Get().m_values) {
     for (unsigned number = 0; number < 64; ++number) {
       m_slots.push_back({this, number});
     }
-    m_fake.m_onStoreCall = [this] {
-      const std::string call = std::exchange(m_fake.m_storeCalls, {}).back();
-      Note("STORE", call);
-      RaiseIf(m_fault);
-      if (m_fault == Fault::NONE && call.rfind("set_", 0) == 0) {
-        m_written.push_back(call.substr(call.find(' ') + 1));
-      }
-    };
+    m_store[APPLICATION] = APPLICATION_PID;
+    m_fake.m_onStoreCall = [this](const std::string& call) { return IsStoreWorking(call); };
     g_dbus_connection_set_exit_on_close(m_connection, FALSE);
     // The client before there is a daemon, whose properties it would ask for.
     m_client = OndaroFactory_GetIpcClientHandle();
     m_server = OndaroFactory_GetIpcServerHandle();
     m_config = OndaroFactory_GetSystemConfigHandle();
-    if (!test::WaitUntil([] { return test::PlainPeer().Owner() != ""; })) {
+    if (!test::WaitUntil([] { return !test::PlainPeer().Owner().empty(); })) {
       throw std::runtime_error("the name was not acquired");
     }
-    Settle();
-  }
-
-  Lines Perform(const Step* step) {
-    m_nScriptsLeft = SCRIPTS_PER_STEP;
-    if (step != nullptr) {
-      Do(*step);
-    }
-    Lines lines;
-    const std::string name = g_dbus_connection_get_unique_name(m_connection);
-    for (const SLogEntry& entry : m_fake.TakeLog()) {
-      lines.push_back(Comparable(entry.Text()));
-      if (const std::size_t at = lines.back().find(name); at != std::string::npos) {
-        lines.back().replace(at, name.size(), "own");
-      }
-    }
-    return lines;
+    Deliver();
   }
 
  private:
@@ -92,33 +45,12 @@ class Library {
     unsigned script;
   };
 
-  void Note(const char* kind, const std::string& what) {
-    m_fake.Record({0, 0, kind, "", "", "", 0, what});
-  }
-
-  void Do(const Step& step) {
-    try {
-      if (step.op < OPS_OF_CALLBACKS) {
-        Note("RESULT", Call(step));
-      } else if (step.op == CHANGE) {
-        Change(step);
-      } else if (step.op == FAIL) {
-        m_fault = FaultOf(step);
-        m_fake.m_areStoreCallsFailing = m_fault == Fault::STATUS;
-      } else {
-        Settle();
-      }
-    } catch (int) {
-      Note("THROWN", "foreign");
-    }
-  }
-
-  std::string Call(const Step& step) {
-    const char* const key = KeyOf(step).property.c_str();
-    const char* const name = EventNameOf(step).c_str();
-    const char* const value = ValueOf(step).c_str();
-    const auto callback = ScriptNumberOf(step) != NO_SCRIPT ? OnEvent : nullptr;
-    Slot* const slot = &m_slots[ScriptNumberOf(step)];
+  std::string Call(const Step& step) override {
+    const char* const key = KeyOf(step).property;
+    const char* const name = EventNameOf(step);
+    const char* const value = ValueOf(step);
+    const auto callback = ScriptOf(step) != NO_SCRIPT ? OnEvent : nullptr;
+    Slot* const slot = &m_slots[ScriptOf(step)];
     int result = 0;
     switch (step.op) {
       case GET:
@@ -160,65 +92,46 @@ class Library {
   std::string Get(const char* key) {
     uint32_t length = 0;
     const char* value = OndaroApi_SystemConfig_GetProperty(m_config, key, &length);
-    const std::string result = value != nullptr ? value + std::to_string(length) : "null";
+    std::string result = value != nullptr ? value + std::to_string(length) : "null";
     OndaroApi_SystemConfig_DestroyProperty(value);
     return result;
   }
 
   static void OnEvent(const char* data, void* slotOfScript) {
     const auto [library, number] = *static_cast<Slot*>(slotOfScript);
-    const std::string before = data;
-    library->Note("EVENT", std::to_string(number) + " " + before);
-    if (library->m_nScriptsLeft-- <= 0) {
-      return;
-    }
-    const Script script = ScriptOf(number);
-    for (const Step& step : script.steps) {
-      library->Do(step);
-    }
-    if (data != before) {
-      library->Note("EVENT", "with data that is gone");
-    }
-    RaiseIf(script.ending);
+    library->RunScript(number, data);
   }
 
-  void Change(const Step& step) {
-    const std::string& key = KeyOf(step).store;
-    const Content content = ContentOf(step);
-    platform_settings_node unreadable{key, std::nullopt};
-    if (content == Content::NO_NODE || content == Content::UNREADABLE) {
-      m_fake.Notify(key, content == Content::NO_NODE ? nullptr : &unreadable);
-    } else if (!key.empty()) {
-      m_fake.Change(key, content == Content::NUMBER ? SettingsValue(Pick(NUMBERS, step.b))
-                                                    : SettingsValue(ValueOf(step)));
-    }
+  void Notify(const std::string& key, const News& news) override {
+    platform_settings_node node{key, news.value};
+    m_fake.Notify(key, news.hasNode ? &node : nullptr);
   }
 
   /// Every message is in the log when it is dispatched, so silence means that none is left.
-  void Deliver() {
-    for (int before = -1; before != m_fake.m_nLogCalls;) {
-      before = m_fake.m_nLogCalls;
+  void Deliver() override {
+    std::size_t before = 0;
+    do {
+      before = m_lines.size();
       test::SyncWithBus(m_connection);
       test::Drain();
-    }
+      Collect();
+    } while (m_lines.size() != before);
   }
 
-  /// The store tells of the writes when all else has arrived; either may cause more.
-  void Settle() {
-    for (Deliver(); !m_written.empty(); Deliver()) {
-      for (const std::string& key : std::exchange(m_written, {})) {
-        platform_settings_node node{key, m_fake.m_values.at(key)};
-        m_fake.Notify(key, &node);
-      }
+  void Collect() override {
+    static GRegex* const incomparable = g_regex_new(
+        INCOMPARABLE, static_cast<GRegexCompileFlags>(G_REGEX_RAW | G_REGEX_OPTIMIZE), {}, nullptr);
+    for (const SLogEntry& entry : m_fake.TakeLog()) {
+      gchar* const line =
+          g_regex_replace_literal(incomparable, entry.Text().c_str(), -1, 0, "", {}, nullptr);
+      m_lines.emplace_back(line);
+      g_free(line);
     }
   }
 
   FakePlatform& m_fake = FakePlatform::Get();
   GDBusConnection* const m_connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
   std::vector<Slot> m_slots;
-  int m_nScriptsLeft = 0;
-  Fault m_fault = Fault::NONE;
-  std::vector<std::string> m_written;  // keys whose subscribers are still to be told
   OndaroApi_SystemConfig_h m_config = nullptr;
   OndaroApi_IpcClient_h m_client = nullptr;
   OndaroApi_IpcServer_h m_server = nullptr;
@@ -226,11 +139,11 @@ class Library {
 
 }  // namespace
 
-Performer MakeLibrary() {
+Subject& TheLibrary() {
   // Both outlive the services, which end with the process.
   static const test::PrivateBus bus;
   static auto* const library = new Library;
-  return [](const Step* step) { return library->Perform(step); };
+  return *library;
 }
 
 }  // namespace ondaro::model

@@ -3,14 +3,13 @@
 
 #include <algorithm>
 #include <deque>
-#include <map>
+#include <functional>
 #include <memory>
-#include <optional>
 #include <set>
 #include <utility>
-#include <variant>
 
-#include "model/Step.h"
+#include "model/Subject.h"
+#include "ondaro/api/CException.h"
 
 namespace ondaro::model {
 
@@ -22,8 +21,6 @@ const std::string BUS_NAME = "com.halvex.tv.ondaro", BUS_PATH = "/com/halvex/tv/
 const std::string COMPLETION = "_SendDataToServerAyncResultCallback";
 const std::string INVALID_CASE = "PAL Exception: InvalidCase: ";
 const std::map<std::string, int> USAGE = {{"false", 0}, {"default", 1}, {"true", 2}, {"set", 3}};
-
-using Value = std::variant<std::string, int>;
 
 std::string FlagText(int number) { return number == 1 ? "true" : "false"; }
 
@@ -62,78 +59,36 @@ const Property* Find(const std::string& nameOrKey) {
   return found != std::end(properties) ? found : nullptr;
 }
 
+std::string TextOfCaught() {
+  try {
+    throw;
+  } catch (const std::exception& exception) {
+    return std::string("exception : ") + exception.what();
+  } catch (int) {
+    return "exception : of unknown type";
+  }
+}
+
 /// What the library is to do: its results, its events and its log, one after the other. Shares no
-/// code with it.
-class Model {
+/// code with it but the exceptions that the steps are made to raise.
+class Model : public Subject {
  public:
-  Lines Perform(const Step* step) {
-    m_nScriptsLeft = SCRIPTS_PER_STEP;
-    if (step != nullptr) {
-      Do(*step);
-    } else {
-      Construct();
-    }
-    return std::exchange(m_lines, {});
-  }
-
- private:
-  struct Raised {
-    Fault fault;
-    std::string text;
-    std::string detail = {};
-  };
-
-  struct Message {
-    std::string name, data;
-  };
-
-  /// A traced function: "Entered" now and "Left" on every way out.
-  class Scope {
-   public:
-    Scope(Model& model, const char* tag, const std::string& name, int priority = INFO)
-        : m_model(model), m_tag(tag), m_nPriority(priority), m_signature("[" + name + "()]") {
-      m_tracer = tag == API ? "ONDARO_API_CALL_TRACER" : "ONDAROCALLTRACE";
-      m_tracer += priority == ERROR ? "_ERROR" : "";
-      m_model.Log(m_nPriority, m_tag, m_tracer, m_signature + "Entered ");
-    }
-    ~Scope() { m_model.Log(m_nPriority, m_tag, "~" + m_tracer, m_signature + "Left"); }
-    Scope(const Scope&) = delete;
-    Scope& operator=(const Scope&) = delete;
-
-   private:
-    Model& m_model;
-    const char* m_tag;
-    int m_nPriority;
-    std::string m_signature, m_tracer;
-  };
-
-  void Log(int priority, const std::string& tag, const std::string& function,
-           const std::string& body) {
-    m_lines.push_back(std::to_string(priority) + " " + tag + " " + function + ": " + body);
-  }
-  void Note(const char* kind, const std::string& what) { Log(0, kind, "", what); }
-  void Error(const std::string& function, const std::string& body) {
-    Log(ERROR, PAL, function, body);
-  }
-
-  // ---- Steps and the frame of the exported functions --------------------------------------------
-
-  void Construct() {
+  Model() : Subject(m_values) {
     for (const std::string family : {"IpcClient", "IpcServer", "SystemConfig"}) {
       const std::string type = "C" + family, pal = "NOndaroPAL::" + type + "Impl::";
       {
-        const Scope scope(*this, PAL, pal + type + "Impl");
+        const Scope scope = Enter(PAL, pal + type + "Impl");
         if (family == "SystemConfig") {
           Log(INFO, PAL, type + "Impl", "Chip: NONE");
           Log(INFO, PAL, "_PrintPropertyMap", "SDR: 1");
           for (const char* map : {"GetFunctionMap", "SetFunctionMap", "CbManagerMap"}) {
-            const Scope init(*this, PAL, std::string(pal).append("_Init").append(map));
+            Enter(PAL, std::string(pal).append("_Init").append(map));
           }
         } else if (family == "IpcServer") {
           Log(DEBUG, PAL, type + "Impl", "g_bus_own_name return: 1");
         }
       }
-      const Scope scope(*this, API, "NOndaroAPI::" + type + "::" + type);
+      Enter(API, std::string("NOndaroAPI::").append(type).append("::").append(type));
     }
     const std::string connection = "pDbusConnection:0x,  name:" + BUS_NAME;
     const std::string node = "pThis->m_pBusNodeInfo";
@@ -144,136 +99,119 @@ class Model {
     Log(INFO, PAL, "BusNameAcquiredCallback", connection);
   }
 
-  void Do(const Step& step) {
-    if (step.op == SETTLE) {
-      Settle();
-    } else if (step.op == CHANGE) {
-      Change(step);
-    } else if (step.op == FAIL) {
-      m_fault = FaultOf(step);
-    } else {
-      try {
-        Note("RESULT", Call(step));
-      } catch (const Raised&) {
-        Note("THROWN", "foreign");
-      }
-    }
+ private:
+  using Scope = std::shared_ptr<void>;
+
+  /// A traced function: "Entered" now and "Left" on every way out.
+  Scope Enter(const std::string& tag, const std::string& name, int priority = INFO) {
+    std::string tracer = tag == API ? "ONDARO_API_CALL_TRACER" : "ONDAROCALLTRACE";
+    tracer += priority == ERROR ? "_ERROR" : "";
+    const std::string signature = "[" + name + "()]";
+    Log(priority, tag, tracer, signature + "Entered ");
+    return {nullptr, [=](void*) { Log(priority, tag, "~" + tracer, signature + "Left"); }};
   }
 
-  /// Its name, its tag's families aside, and what it returns when it fails.
-  struct Function {
-    std::string family, name, failure;
-  };
+  void Log(int priority, const std::string& tag, const std::string& function,
+           const std::string& body) {
+    m_lines.push_back(std::to_string(priority) + " " + tag + " " + function + ": " + body);
+  }
+  void Error(const std::string& function, const std::string& body) {
+    Log(ERROR, PAL, function, body);
+  }
 
-  std::string Call(const Step& step) {
-    static const Function functions[] = {{"SystemConfig", "GetProperty", "null"},
-                                         {"SystemConfig", "SetProperty", "0"},
-                                         {"SystemConfig", "RegisterEventHandler", "0"},
-                                         {"SystemConfig", "UnregisterEventHandler", "0"},
-                                         {"IpcServer", "RegisterEventHandler", "0"},
-                                         {"IpcServer", "UnregisterEventHandler", "0"},
-                                         {"IpcServer", "SendDataToClient", "-1"},
-                                         {"IpcClient", "RegisterEventHandler", "0"},
-                                         {"IpcClient", "UnregisterEventHandler", "0"},
-                                         {"IpcClient", "SendDataToServer", "-1"}};
+  // ---- The frame of the exported functions ------------------------------------------------------
+
+  std::string Call(const Step& step) override {
+    static const struct {
+      std::string family, name, failure;
+    } functions[] = {{"SystemConfig", "GetProperty", "null"},
+                     {"SystemConfig", "SetProperty", "0"},
+                     {"SystemConfig", "RegisterEventHandler", "0"},
+                     {"SystemConfig", "UnregisterEventHandler", "0"},
+                     {"IpcServer", "RegisterEventHandler", "0"},
+                     {"IpcServer", "UnregisterEventHandler", "0"},
+                     {"IpcServer", "SendDataToClient", "-1"},
+                     {"IpcClient", "RegisterEventHandler", "0"},
+                     {"IpcClient", "UnregisterEventHandler", "0"},
+                     {"IpcClient", "SendDataToServer", "-1"}};
     const auto& [family, name, failure] = functions[step.op];
-    const std::string fullName = "OndaroApi_" + family + "_" + name;
-    const Scope scope(*this, API, fullName);
-    try {
-      if (step.op == CLIENT_WATCH && ScriptNumberOf(step) == NO_SCRIPT) {
-        throw Raised{Fault::API, "apicallback is null", "(api/callback is null)"};
-      }
-      std::optional<Scope> wrapper, implementation;
-      if (step.op >= SERVER_WATCH) {
-        wrapper.emplace(*this, API, "NOndaroAPI::C" + family + "::" + name);
-      }
-      if (step.op >= SERVER_WATCH && step.op != CLIENT_UNWATCH) {
-        implementation.emplace(*this, PAL, "NOndaroPAL::C" + family + "Impl::" + name,
-                               step.op < SERVER_SEND ? ERROR : INFO);
-      }
-      return Body(step, EventNameOf(step), ScriptNumberOf(step));
-    } catch (const Raised& raised) {
-      if (raised.fault == Fault::FOREIGN) {
-        throw;
-      }
-      Log(ERROR, API, fullName,
-          "exception : " + raised.text + (step.op == SET ? "" : raised.detail));
+    const std::string function = "OndaroApi_" + family + "_" + name;
+    const Scope scope = Enter(API, function);
+    const bool hasNoKey = step.op <= SET && KeyOf(step).property == nullptr;
+    if (hasNoKey || (step.op == SET && ValueOf(step) == nullptr)) {
+      Log(ERROR, API, function,
+          std::string(hasNoKey ? "key" : "val") + " is null in [" + function + "()]");
       return failure;
     }
+    try {
+      return step.op < SERVER_WATCH ? Configure(step) : Exchange(step, family, name);
+    } catch (const NOndaroAPI::CException& raised) {
+      const std::string &origin = raised.GetOrigin(), &message = raised.GetMessage();
+      Log(ERROR, API, function,
+          "exception : " + origin + message +
+              (step.op == SET ? "" : "(" + origin + "/" + message + ")"));
+    } catch (const std::exception&) {
+      Log(ERROR, API, function, TextOfCaught());
+    }
+    return failure;
   }
 
-  std::string Body(const Step& step, const std::string& name, unsigned handler) {
-    switch (step.op) {
-      case GET: {
-        const std::string value = Get(KeyOf(step).property);
-        return value + std::to_string(value.size());
-      }
-      case SET:
-        return std::to_string(Set(KeyOf(step).property, ValueOf(step)));
-      case WATCH:
-        Watch(KeyOf(step).property, handler);
-        break;
-      case UNWATCH:
-        Unwatch(KeyOf(step).property);
-        break;
-      case SERVER_WATCH:
-        m_serverHandlers[name] = handler;
-        break;
-      case SERVER_UNWATCH:
-        m_serverHandlers.clear();
-        break;
-      case SERVER_SEND:
-        Send("SendDataToClient", name, ValueOf(step));
-        break;
-      case CLIENT_WATCH:
-        m_subscription = m_subscription != 0 ? m_subscription : ++m_nSubscriptions;
-        m_clientHandlers[name] = handler;
-        break;
-      case CLIENT_UNWATCH:
-        m_subscription = 0;
-        m_clientHandlers.clear();
-        break;
-      default:
-        Send("SendDataToServer", name, ValueOf(step));
+  std::string Configure(const Step& step) {
+    const std::string key = KeyOf(step).property;
+    if (step.op == GET) {
+      const std::string value = Get(key);
+      return value + std::to_string(value.size());
+    }
+    if (step.op == SET) {
+      return std::to_string(Set(key, ValueOf(step)));
+    }
+    if (step.op == WATCH) {
+      Watch(key, ScriptOf(step));
+    } else {
+      Unwatch(key);
     }
     return "0";
   }
 
-  static void RaiseIf(Fault fault) {
-    if (fault > Fault::STATUS) {
-      const std::string foreign = "of unknown type", text = "fault%s%n";
-      throw Raised{fault, fault == Fault::FOREIGN ? foreign : text,
-                   fault == Fault::API ? "(fault/%s%n)" : ""};
-    }
-  }
-
-  void RunHandler(unsigned handler, const std::string& data) {
-    if (handler == NO_SCRIPT) {
-      return;
-    }
-    Note("EVENT", std::to_string(handler) + " " + data);
-    if (m_nScriptsLeft-- > 0) {
-      const Script script = ScriptOf(handler);
-      for (const Step& step : script.steps) {
-        Do(step);
-      }
-      RaiseIf(script.ending);
-    }
-  }
-
   using Handlers = std::map<std::string, unsigned>;
 
-  /// The handler of that name, if any; what it throws does not pass back into C.
-  bool CallHandler(const Handlers& handlers, const std::string& name, const std::string& data,
-                   const std::string& function) {
-    const auto entry = handlers.find(name);
-    try {
-      RunHandler(entry != handlers.end() ? entry->second : NO_SCRIPT, data);
-    } catch (const Raised& raised) {
-      Error(function, "exception : " + raised.text);
-      return true;
+  std::string Exchange(const Step& step, const std::string& family, const std::string& operation) {
+    const bool isRegistering = step.op == SERVER_WATCH || step.op == CLIENT_WATCH;
+    const bool isUnregistering = step.op == SERVER_UNWATCH || step.op == CLIENT_UNWATCH;
+    if (step.op == CLIENT_WATCH && ScriptOf(step) == NO_SCRIPT) {
+      throw NOndaroAPI::CAPIException("api", "callback is null");
     }
-    return entry != handlers.end();
+    // Null is no string.
+    const std::string event = isUnregistering ? "" : EventNameOf(step);
+    const std::string data = isRegistering || isUnregistering ? "" : ValueOf(step);
+    const Scope wrapper = Enter(API, "NOndaroAPI::C" + family + "::" + operation);
+    Scope implementation;
+    if (step.op != CLIENT_UNWATCH) {
+      implementation = Enter(PAL, "NOndaroPAL::C" + family + "Impl::" + operation,
+                             step.op < SERVER_SEND ? ERROR : INFO);
+    }
+    Handlers& handlers = step.op < CLIENT_WATCH ? m_serverHandlers : m_clientHandlers;
+    if (isRegistering) {
+      handlers[event] = ScriptOf(step);
+    } else if (isUnregistering) {
+      handlers.clear();
+    } else {
+      Send(operation, event, data);
+    }
+    if (step.op == CLIENT_WATCH && m_subscription == 0) {
+      m_subscription = ++m_nSubscriptions;
+    } else if (step.op == CLIENT_UNWATCH) {
+      m_subscription = 0;
+    }
+    return "0";
+  }
+
+  /// The handler of that name, if any.
+  void RunHandler(const Handlers& handlers, const std::string& name, const std::string& data) {
+    const auto entry = handlers.find(name);
+    if (entry != handlers.end() && entry->second != NO_SCRIPT) {
+      RunScript(entry->second, data.c_str());
+    }
   }
 
   // ---- Properties -------------------------------------------------------------------------------
@@ -308,10 +246,10 @@ class Model {
   std::string SystemId() {
     if (!std::exchange(m_hasModule, true)) {
       {
-        const Scope scope(*this, PAL, "NOndaroPAL::CCoreAuthImpl::CCoreAuthImpl");
+        const Scope scope = Enter(PAL, "NOndaroPAL::CCoreAuthImpl::CCoreAuthImpl");
         Log(INFO, API, "CCoreAuthImpl", "EME instance = [0x] ,created. ");
       }
-      const Scope scope(*this, API, "NOndaroAPI::CCoreAuth::CCoreAuth");
+      Enter(API, "NOndaroAPI::CCoreAuth::CCoreAuth");
     }
     return "system-id";
   }
@@ -320,10 +258,7 @@ class Model {
     Error("_SetProperty", "key : " + key);
     const Property* property = Find(key);
     if (key == "ONDARO_SET_PROCESS_GRP") {
-      Log(INFO, API, "SetProcessGroup",
-          "pid of caller process : " + std::to_string(getpid()) + ", pid of appid (" + value +
-              ") : -1\n");
-      return true;
+      return SetProcessGroup(value);
     }
     if (property == nullptr) {
       return Error("_SetProperty", "property[" + key + "] is undefined"), false;
@@ -338,6 +273,17 @@ class Model {
     return Write(property->key, word != USAGE.end() ? word->second : 0);
   }
 
+  bool SetProcessGroup(const std::string& application) {
+    const bool isRunning = application == APPLICATION;
+    Log(INFO, API, "SetProcessGroup",
+        "pid of caller process : " + std::to_string(getpid()) + ", pid of appid (" + application +
+            ") : " + std::to_string(isRunning ? APPLICATION_PID : -1) + "\n");
+    if (!isRunning) {
+      Log(ERROR, API, "SetProcessGroup", "set process group fail\n");
+    }
+    return isRunning;
+  }
+
   void Watch(const std::string& key, unsigned handler) {
     Error("RegisterEventHandler", "key : " + key);
     m_configHandlers[key] = handler;
@@ -349,7 +295,7 @@ class Model {
       const auto text = Read<std::string>(property->key, "get_string ", "SetregGetStr");
       m_cache[property->key] = text.value_or(m_cache[property->key]);
     }
-    const bool isDone = StoreCall("subscribe " + property->key);
+    const bool isDone = IsStoreWorking("subscribe " + property->key);
     if (isDone) {
       m_subscribed.insert(property->key);
     }
@@ -361,7 +307,7 @@ class Model {
     const Property* property = Find(key);
     if (property != nullptr && !property->callback.empty()) {
       const bool isDone =
-          StoreCall("unsubscribe " + property->key) && m_subscribed.erase(property->key) != 0;
+          IsStoreWorking("unsubscribe " + property->key) && m_subscribed.erase(property->key) != 0;
       LogSubscription("DeregisterSetregChangedCb", "Un register", property->key, isDone);
     }
   }
@@ -373,15 +319,9 @@ class Model {
                : "Failed to " + verb + " for setreg key " + key + " nottification");
   }
 
-  bool StoreCall(const std::string& call) {
-    Note("STORE", call);
-    RaiseIf(m_fault);
-    return m_fault == Fault::NONE;
-  }
-
   template <typename T>
   std::optional<T> Read(const std::string& key, const char* call, const char* function) {
-    const auto entry = StoreCall(call + key) ? m_store.find(key) : m_store.end();
+    const auto entry = IsStoreWorking(call + key) ? m_store.find(key) : m_store.end();
     if (entry == m_store.end() || !std::holds_alternative<T>(entry->second)) {
       return Error(function, "Failed to get key " + key), std::nullopt;
     }
@@ -394,133 +334,116 @@ class Model {
   bool Write(const std::string& key, const Value& value) {
     const int* number = std::get_if<int>(&value);
     const char* function = number != nullptr ? "SetregSetInt" : "SetregSetStr";
-    if (!StoreCall((number != nullptr ? "set_int " : "set_string ") + key)) {
+    if (!IsStoreWorking((number != nullptr ? "set_int " : "set_string ") + key)) {
       return Error(function, "Failed to set key " + key), false;
     }
     m_store[key] = value;
-    m_written.push_back(key);
     const std::string text = number != nullptr ? std::to_string(*number) : std::get<0>(value);
     Log(INFO, PAL, function, "Succeed to set key " + key + " as " + text);
     return true;
   }
 
-  void Change(const Step& step) {
-    const Property* property = Find(KeyOf(step).property);
-    const Content content = ContentOf(step);
-    if (property == nullptr) {
-      return;
-    }
-    std::optional<Value> value;
-    if (content == Content::NUMBER || content == Content::TEXT) {
-      value = content == Content::NUMBER ? Value(Pick(NUMBERS, step.b)) : Value(ValueOf(step));
-      m_store[property->key] = *value;
-    }
-    const bool isSubscribed = m_subscribed.count(property->key) != 0;
-    if (isSubscribed && content == Content::NO_NODE) {
-      Error(property->callback + "ChangedCallback", "exception : PAL Exception: Nullptr: pKeyNode");
-    } else if (isSubscribed) {
-      Deliver(*property, value);
+  void Notify(const std::string& key, const News& news) override {
+    if (m_subscribed.count(key) != 0) {
+      const Property& property = *Find(key);
+      try {
+        Tell(property, news);
+      } catch (...) {
+        Error(property.callback + "ChangedCallback", TextOfCaught());
+      }
     }
   }
 
-  void Deliver(const Property& property, const std::optional<Value>& value) {
-    const std::string function = property.callback + "ChangedCallback";
+  void Tell(const Property& property, const News& news) {
+    if (!news.hasNode) {
+      throw std::runtime_error("PAL Exception: Nullptr: pKeyNode");
+    }
     const bool isText = property.toText == nullptr;
-    if (!value || std::holds_alternative<std::string>(*value) != isText) {
+    if (!news.value || std::holds_alternative<std::string>(*news.value) != isText) {
       const std::string reader = isText ? "GetSetregStrFromKeynode" : "GetSetregIntFromKeynode";
       Error(reader, std::string("failed to get ") + (isText ? "str" : "int") + " from keynode");
-      Error(function, "throw " + reader);
-      return Error(function, "exception : " + INVALID_CASE + reader);
+      Error(property.callback + "ChangedCallback", "throw " + reader);
+      throw std::runtime_error(INVALID_CASE + reader);
     }
-    const std::string text = isText ? std::get<0>(*value) : property.toText(std::get<int>(*value));
+    const std::string text =
+        isText ? std::get<0>(*news.value) : property.toText(std::get<1>(*news.value));
     if (!property.isFiltered || std::exchange(m_cache[property.key], text) != text) {
-      CallHandler(m_configHandlers, property.name, text, function);
+      RunHandler(m_configHandlers, property.name, text);
     }
   }
 
   // ---- Messaging --------------------------------------------------------------------------------
 
-  /// One that was subscribed again after the signal arrived does not get it.
-  void Send(const std::string& function, const std::string& name, const std::string& data) {
-    for (const auto& [what, text] : {std::pair("appEvt", name), std::pair("data", data)}) {
+  /// A signal reaches no client that subscribed again after it arrived.
+  void Send(const std::string& operation, const std::string& event, const std::string& data) {
+    for (const auto& [what, text] : {std::pair("appEvt", event), std::pair("data", data)}) {
       if (g_utf8_validate(text.c_str(), -1, nullptr) == FALSE) {
-        throw Raised{Fault::STANDARD, INVALID_CASE + what + " is not valid UTF-8"};
+        throw std::runtime_error(INVALID_CASE + what + " is not valid UTF-8");
       }
     }
-    const Message message = {name, data};
-    if (function == "SendDataToServer") {
-      Log(INFO, PAL, function, "Values are being sent. appEvt : " + name + ", surfaceId : " + data);
-      m_onTheWay.emplace_back([=] { ArriveCall(message); });
+    if (operation == "SendDataToServer") {
+      Log(INFO, PAL, operation,
+          "Values are being sent. appEvt : " + event + ", surfaceId : " + data);
+      m_onTheWay.emplace_back([=] { ArriveCall(event, data); });
     } else {
-      Log(DEBUG, PAL, function, "DBUS success emit signal");
+      Log(DEBUG, PAL, operation, "DBUS success emit signal");
       m_onTheWay.emplace_back([=, subscription = m_subscription] {
         if (subscription != 0 && subscription == m_subscription) {
-          ArriveSignal(message);
+          ArriveSignal(event, data);
         }
       });
     }
   }
 
-  /// All that is on its way arrives in the order in which it was sent, and then the store tells of
-  /// the writes; either may cause more.
-  void Settle() {
-    while (!m_onTheWay.empty() || !m_written.empty()) {
-      while (!m_onTheWay.empty()) {
-        const auto arrive = m_onTheWay.front();
-        m_onTheWay.pop_front();
-        arrive();
-      }
-      for (const std::string& key : std::exchange(m_written, {})) {
-        if (m_subscribed.count(key) != 0) {
-          Deliver(*Find(key), m_store.at(key));
-        }
-      }
+  /// In the order in which they were sent.
+  void Deliver() override {
+    for (; !m_onTheWay.empty(); m_onTheWay.pop_front()) {
+      m_onTheWay.front()();
     }
   }
 
-  void ArriveCall(const Message& message) {
-    const std::string where = " sender:own  object_path:" + BUS_PATH +
-                              "  interface_name:" + BUS_NAME + "  method_name:sendDataToServer";
+  void ArriveCall(const std::string& name, const std::string& data) {
+    const std::string where = " sender  object_path:" + BUS_PATH + "  interface_name:" + BUS_NAME +
+                              "  method_name:sendDataToServer";
+    const char* function = "HandleAppData";
     Log(INFO, PAL, "BusInterfaceMethodCallback", "Start" + where);
     {
-      const char* function = "HandleAppData";
-      const Scope scope(*this, PAL, "NOndaroPAL::CIpcServerImpl::HandleAppData");
-      Log(INFO, PAL, function, "appEvt : " + message.name + ", data : " + message.data);
-      if (!CallHandler(m_serverHandlers, message.name, message.data, function)) {
-        Error(function, "appEvt " + message.name + " is not registered");
+      const Scope scope = Enter(PAL, "NOndaroPAL::CIpcServerImpl::HandleAppData");
+      Log(INFO, PAL, function, "appEvt : " + name + ", data : " + data);
+      if (m_serverHandlers.count(name) == 0) {
+        Error(function, "appEvt " + name + " is not registered");
         for (const auto& entry : m_serverHandlers) {
           Error(function, "registered appEvt : " + entry.first);
         }
+      }
+      try {
+        RunHandler(m_serverHandlers, name, data);
+      } catch (...) {
+        Error(function, TextOfCaught());
       }
       m_onTheWay.emplace_back([=] { Log(INFO, PAL, COMPLETION, "g_dbus_proxy_call result : 0"); });
     }
     Log(INFO, PAL, "BusInterfaceMethodCallback", "Finish" + where);
   }
 
-  void ArriveSignal(const Message& message) {
+  void ArriveSignal(const std::string& name, const std::string& data) {
     const char* function = "_DbusSignalCallback";
-    const std::string where = " sender_name:own, object_path:" + BUS_PATH +
+    const std::string where = " sender_name, object_path:" + BUS_PATH +
                               ",  interface_name:" + BUS_NAME + ",  signal_name:sendDataToClient";
-    const Scope scope(*this, PAL, "NOndaroPAL::CIpcClientImpl::_DbusSignalCallback");
+    const Scope scope = Enter(PAL, "NOndaroPAL::CIpcClientImpl::_DbusSignalCallback");
     Error(function, "Start" + where);
     try {
-      const Scope dispatch(*this, PAL, "NOndaroPAL::CIpcClientImpl::_CallDbusClientCallback");
-      const auto handler = m_clientHandlers.find(message.name);
-      RunHandler(handler != m_clientHandlers.end() ? handler->second : NO_SCRIPT, message.data);
-    } catch (const Raised& raised) {
-      Error(function, "exception : " + raised.text);
+      const Scope dispatch = Enter(PAL, "NOndaroPAL::CIpcClientImpl::_CallDbusClientCallback");
+      RunHandler(m_clientHandlers, name, data);
+    } catch (...) {
+      Error(function, TextOfCaught());
     }
     Error(function, "Finish" + where);
   }
 
-  Lines m_lines;
-  int m_nScriptsLeft = 0;
-  Fault m_fault = Fault::NONE;
+  Values m_values;
   Handlers m_configHandlers, m_serverHandlers, m_clientHandlers;
-
-  std::map<std::string, Value> m_store;
   std::set<std::string> m_subscribed;
-  std::vector<std::string> m_written;  // keys whose subscribers are still to be told
   std::map<std::string, std::string> m_cache;
   bool m_hasModule = false;
 
@@ -530,9 +453,9 @@ class Model {
 
 }  // namespace
 
-Performer MakeModel() {
-  const auto model = std::make_shared<Model>();
-  return [model](const Step* step) { return model->Perform(step); };
+Subject& TheModel() {
+  static auto* const model = new Model;
+  return *model;
 }
 
 }  // namespace ondaro::model

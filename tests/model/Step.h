@@ -1,10 +1,11 @@
 #ifndef ONDARO_TESTS_MODEL_STEP_H
 #define ONDARO_TESTS_MODEL_STEP_H
 
-#include <functional>
 #include <iterator>
+#include <optional>
 #include <random>
 #include <string>
+#include <variant>
 #include <vector>
 
 /// What the random driver does to the library, as plain data: every step means something in every
@@ -42,7 +43,8 @@ enum class Fault { NONE, STATUS, STANDARD, API, FOREIGN };
 
 /// A property and where the settings store keeps it, if it does.
 struct Key {
-  std::string property, store;
+  const char* property;
+  std::string store;
 };
 inline const Key KEYS[] = {
     {"ONDARO_STATUS", "memory/menu/network/ondaro_status"},
@@ -59,22 +61,17 @@ inline const Key KEYS[] = {
     {"TARGET_REPOSITORY", ""},
     {"SDR", ""},
     {"ONDARO_STATUS:a:b", ""},
-    {":x", ""}};
-inline const std::string EVENT_NAMES[] = {"a", "b", "B", "", "%s%n", "\xC3\xA4", "\xFF"};
-inline const std::string VALUES[] = {"x",
-                                     "y",
-                                     "",
-                                     "true",
-                                     "false",
-                                     "default",
-                                     "set",
-                                     "True",
-                                     "sometimes",
-                                     "%s%n%5$d",
-                                     "\xC3\xBC",
-                                     "\xFFnot8",
-                                     std::string(20'000, 'l')};
+    {":x", ""},
+    {nullptr, ""}};
+inline const char* const EVENT_NAMES[] = {"a", "b", "B", "", "%s%n", "\xC3\xA4", "\xFF", nullptr};
+inline const std::string LONG_VALUE(20'000, 'l');
+inline const char* const VALUES[] = {
+    "x",    "y",         "",         "true",     "false",    "default",          "set",
+    "True", "sometimes", "%s%n%5$d", "\xC3\xBC", "\xFFnot8", LONG_VALUE.c_str(), nullptr};
 constexpr int NUMBERS[] = {0, 1, 2, 3, 7, -1};
+/// An application that runs; others do not.
+constexpr const char* APPLICATION = "x";
+constexpr int APPLICATION_PID = 4711;
 
 template <typename Table>
 const auto& Pick(const Table& table, unsigned number) {
@@ -82,17 +79,18 @@ const auto& Pick(const Table& table, unsigned number) {
 }
 
 inline const Key& KeyOf(const Step& step) { return Pick(KEYS, step.a); }
-inline const std::string& EventNameOf(const Step& step) { return Pick(EVENT_NAMES, step.a); }
-inline const std::string& ValueOf(const Step& step) { return Pick(VALUES, step.b); }
-/// What a key changes to by another process: a number or a text, or what cannot be read.
-enum class Content { NUMBER, TEXT, UNREADABLE, NO_NODE };
-inline Content ContentOf(const Step& step) {
-  const unsigned kind = step.b / 16 % 16;
-  return kind < 2 ? Content(kind + 2) : Content(kind % 2);
-}
+inline const char* EventNameOf(const Step& step) { return Pick(EVENT_NAMES, step.a); }
+inline const char* ValueOf(const Step& step) { return Pick(VALUES, step.b); }
 inline Fault FaultOf(const Step& step) {
   return step.a % 12 < 5 ? Fault(step.a % 12) : Fault::NONE;
 }
+
+using Value = std::variant<std::string, int>;
+/// What the store tells of a change: a value, one that cannot be read, or nothing at all.
+struct News {
+  bool hasNode;
+  std::optional<Value> value;
+};
 
 class Dice {
  public:
@@ -117,34 +115,9 @@ class Dice {
   std::mt19937 m_engine;
 };
 
-/// What a callback does when called: a few steps, and an exception at the end of some.
-struct Script {
-  Steps steps;
-  Fault ending = Fault::NONE;
-};
-/// Stands for no callback at all.
+/// Which script a callback runs when called; there are as many, and the first is no callback.
+inline unsigned ScriptOf(const Step& step) { return step.b % 64; }
 constexpr unsigned NO_SCRIPT = 0;
-inline unsigned ScriptNumberOf(const Step& step) { return step.b % 64; }
-inline Script ScriptOf(unsigned number) {
-  Dice dice(number);
-  Script script;
-  for (unsigned left = dice.Below(4); left > 0; --left) {
-    script.steps.push_back(dice.Throw(OPS_OF_CALLBACKS));
-  }
-  if (dice.Below(3) == 0) {
-    script.ending = dice.Below(2) == 0 ? Fault::STANDARD : Fault::FOREIGN;
-  }
-  return script;
-}
-/// How many scripts may run within one step: callbacks may cause each other without end.
-constexpr int SCRIPTS_PER_STEP = 6;
-
-/// What is observed of a step, in order: log lines, events, calls to the platform, results.
-using Lines = std::vector<std::string>;
-/// Performs a step. Made, it has the services made already; null is for that.
-using Performer = std::function<Lines(const Step*)>;
-Performer MakeModel();
-Performer MakeLibrary();
 
 }  // namespace ondaro::model
 

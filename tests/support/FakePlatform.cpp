@@ -1,6 +1,7 @@
 #include "support/FakePlatform.h"
 
 #include <glib.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
@@ -8,6 +9,8 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/AppManager.h"
+#include "platform/ContentDecryptionModule.h"
 #include "platform/DevicePower.h"
 #include "platform/Log.h"
 #include "platform/SystemInfo.h"
@@ -16,7 +19,7 @@ namespace {
 
 thread_local int g_entered = 0;
 
-/// The set, from those of its functions that allocate.
+/// The set, from its own functions.
 struct SEntered {
   SEntered() { ++g_entered; }
   ~SEntered() { --g_entered; }
@@ -29,8 +32,6 @@ bool FakePlatform::IsEntered() { return g_entered > 0; }
 
 void FakePlatform::Reset() {
   static_cast<SPlatform&>(*this) = {};
-  m_isLogDiscarded = false;
-  m_nLogCalls = 0;
   TakeLog();
 }
 
@@ -53,25 +54,16 @@ std::vector<SLogEntry> FakePlatform::TakeLog() {
   return std::exchange(m_log, {});
 }
 
-std::vector<std::string> FakePlatform::TakeLogTexts() {
-  std::vector<std::string> texts;
-  for (const SLogEntry& entry : TakeLog()) {
-    texts.push_back(entry.Text());
-  }
-  return texts;
-}
-
 void FakePlatform::Change(const std::string& key, const SettingsValue& value) {
   m_values[key] = value;
   platform_settings_node node{key, value};
   Notify(key, &node);
 }
 
-void FakePlatform::Notify(const std::string& key, platform_settings_node* node) {
-  const auto subscription = m_subscriptions.find(key);
-  if (subscription != m_subscriptions.end()) {
-    const SSubscription copy = subscription->second;
-    copy.callback(node, copy.userData);
+void FakePlatform::Notify(const std::string& key, platform_settings_node* node) const {
+  if (const auto entry = m_subscriptions.find(key); entry != m_subscriptions.end()) {
+    const auto [callback, userData] = entry->second;
+    callback(node, userData);
   }
 }
 
@@ -79,87 +71,76 @@ void FakePlatform::Notify(const std::string& key, platform_settings_node* node) 
 
 int platform_log_print(int buffer, int priority, const char* tag, const char* format, ...) {
   const SEntered fake;
-  ++fake->m_nLogCalls;
-  if (fake->m_isLogDiscarded) {
-    return 0;
-  }
   std::va_list arguments;
   va_start(arguments, format);
-  std::va_list prefix;
-  va_copy(prefix, arguments);
-  SLogEntry entry{buffer, priority, tag, format, "", "", 0, ""};
-  entry.file = va_arg(prefix, const char*);
-  entry.function = va_arg(prefix, const char*);
-  entry.line = va_arg(prefix, int);
-  va_end(prefix);
   gchar* const text = g_strdup_vprintf(format, arguments);
   va_end(arguments);
-  entry.body = std::strstr(text, " > ") + std::strlen(" > ");
+  va_start(arguments, format);
+  const char* const file = va_arg(arguments, const char*);
+  const char* const function = va_arg(arguments, const char*);
+  const int line = va_arg(arguments, int);
+  va_end(arguments);
+  g_assert(buffer == 0 && line > 0 && g_str_has_prefix(format, "%s: %s(%d) > ") != FALSE);
+  fake->Record({priority, tag, file, function, std::strstr(text, " > ") + std::strlen(" > ")});
   g_free(text);
-  fake->Record(std::move(entry));
   return -1;  // the library ignores it
 }
 
 namespace {
 
-bool EnterStore(const std::string& call) {
+bool IsWorking(const char* call, const char* key) {
   const SEntered fake;
-  fake->m_storeCalls.push_back(call);
-  if (fake->m_onStoreCall) {
-    fake->m_onStoreCall();
-  }
-  return !fake->m_areStoreCallsFailing;
+  return !fake->m_onStoreCall || fake->m_onStoreCall(std::string(call) + " " + key);
 }
 
-int ReadInt(const char* call, const char* key, int* value) {
+/// What is held by that name, if it is of that type.
+template <typename T>
+const T* Held(const char* name) {
   const SEntered fake;
-  const bool isWorking = EnterStore(std::string(call) + " " + key);
-  const auto entry = fake->m_values.find(key);
-  if (!isWorking || entry == fake->m_values.end() || !std::holds_alternative<int>(entry->second)) {
-    *value = 77;  // garbage
-    return 1;
-  }
-  *value = std::get<int>(entry->second);
-  return 0;
+  const auto entry = fake->m_values.find(name);
+  return entry != fake->m_values.end() ? std::get_if<T>(&entry->second) : nullptr;
 }
 
-int Write(const char* call, const char* key, const std::variant<const char*, int>& value) {
-  const SEntered entered;
-  if (!EnterStore(std::string(call) + " " + key)) {
+int GiveNumber(const int* number, int* value) {
+  *value = number != nullptr ? *number : 77;  // garbage
+  return number != nullptr ? 0 : 1;
+}
+
+template <typename T>
+int Write(const char* call, const char* key, T value) {
+  const SEntered fake;
+  if (!IsWorking(call, key)) {
     return -5;
   }
-  const auto store = [key](const auto& written) { FakePlatform::Get().m_values[key] = written; };
-  std::visit(store, value);
+  fake->m_values[key] = value;
   return 0;
+}
+
+template <typename T>
+const T* In(const platform_settings_node* node) {
+  return node->value ? std::get_if<T>(&*node->value) : nullptr;
 }
 
 }  // namespace
 
 char* platform_settings_get_string(const char* key) {
-  const SEntered fake;
-  if (!EnterStore(std::string("get_string ") + key)) {
-    return nullptr;
-  }
-  const auto entry = fake->m_values.find(key);
-  if (entry == fake->m_values.end() || !std::holds_alternative<std::string>(entry->second)) {
-    return nullptr;
-  }
-  return strdup(std::get<std::string>(entry->second).c_str());
+  const auto* text = IsWorking("get_string", key) ? Held<std::string>(key) : nullptr;
+  return text != nullptr ? strdup(text->c_str()) : nullptr;
+}
+
+int platform_settings_get_int(const char* key, int* value) {
+  return GiveNumber(IsWorking("get_int", key) ? Held<int>(key) : nullptr, value);
+}
+
+int platform_settings_get_bool(const char* key, int* value) {
+  return GiveNumber(IsWorking("get_bool", key) ? Held<int>(key) : nullptr, value);
 }
 
 int platform_settings_set_string(const char* key, const char* value) {
   return Write("set_string", key, value);
 }
 
-int platform_settings_get_int(const char* key, int* value) {
-  return ReadInt("get_int", key, value);
-}
-
 int platform_settings_set_int(const char* key, int value) { return Write("set_int", key, value); }
-
-int platform_settings_get_bool(const char* key, int* value) {
-  return ReadInt("get_bool", key, value);
-}
 
 int platform_settings_set_bool(const char* key, int value) { return Write("set_bool", key, value); }
 
@@ -168,97 +149,83 @@ const char* platform_settings_node_name(platform_settings_node* node) {
 }
 
 const char* platform_settings_node_string(platform_settings_node* node) {
-  const auto* text = node->value ? std::get_if<std::string>(&*node->value) : nullptr;
+  const auto* text = In<std::string>(node);
   return text != nullptr ? text->c_str() : nullptr;
 }
 
 int platform_settings_node_int(platform_settings_node* node) {
-  const auto* number = node->value ? std::get_if<int>(&*node->value) : nullptr;
-  if (number == nullptr) {
-    errno = EINVAL;
-    return -1;
-  }
-  return *number;
+  const int* number = In<int>(node);
+  errno = number == nullptr ? EINVAL : errno;
+  return number != nullptr ? *number : -1;
 }
 
 int platform_settings_subscribe(const char* key, platform_settings_changed_cb callback,
                                 void* user_data) {
-  const SEntered entered;
-  if (!EnterStore(std::string("subscribe ") + key)) {
-    return 1;
+  const SEntered fake;
+  const bool isWorking = IsWorking("subscribe", key);
+  if (isWorking) {
+    fake->m_subscriptions[key] = {callback, user_data};
   }
-  FakePlatform::Get().m_subscriptions[key] = {callback, user_data};
-  return 0;
+  return isWorking ? 0 : 1;
 }
 
 int platform_settings_unsubscribe(const char* key, platform_settings_changed_cb callback) {
-  const SEntered entered;
-  if (!EnterStore(std::string("unsubscribe ") + key)) {
+  const SEntered fake;
+  const auto entry = fake->m_subscriptions.find(key);
+  if (!IsWorking("unsubscribe", key) || entry == fake->m_subscriptions.end()) {
     return 1;
   }
-  auto& subscriptions = FakePlatform::Get().m_subscriptions;
-  const auto entry = subscriptions.find(key);
-  if (entry == subscriptions.end() || entry->second.callback != callback) {
-    return 1;
-  }
-  subscriptions.erase(entry);
+  g_assert(entry->second.first == callback);
+  fake->m_subscriptions.erase(entry);
   return 0;
 }
 
 int platform_system_info_get_custom_int(const char* key, int* value) {
-  const std::optional<int>& year = FakePlatform::Get().m_productYear;
-  if (!year || std::string(key) != "com.halvex/featureconf/product.tv_year") {
-    *value = -99;
-    return -1;
-  }
-  *value = *year;
-  return 0;
+  return GiveNumber(Held<int>(key), value);
 }
 
-int platform_power_get_state() { return FakePlatform::Get().m_powerState; }
+int platform_power_get_state() {
+  const int* state = Held<int>("power");
+  return state != nullptr ? *state : -1;
+}
 
-int platform_app_get_pid(const char*) { return FakePlatform::Get().m_appPid; }
+int platform_app_get_pid(const char* app_id) {
+  const int* pid = Held<int>(app_id);
+  return pid != nullptr ? *pid : -1;
+}
 
 int platform_app_set_process_group(int app_pid, int caller_pid) {
-  FakePlatform& fake = FakePlatform::Get();
-  fake.m_groupRequests.emplace_back(app_pid, caller_pid);
-  return fake.m_setGroupResult;
+  return app_pid > 0 && caller_pid == getpid() ? 0 : -1;
 }
 
 // ---- Content decryption module ------------------------------------------------------------------
 
 namespace {
 
-int EnterCdm(const std::string& call) {
-  const SEntered fake;
-  fake->m_cdmCalls.push_back(call);
-  return fake->m_operationStatus;
-}
-
 class PlainModule : public eme::IEME {
  public:
   int getStringProperty(const std::string& query, const std::string& parameter, std::string& result,
                         const std::string& option) override {
-    const SEntered entered;
-    result = FakePlatform::Get().m_systemId;
-    return EnterCdm("query[" + query + "][" + parameter + "][" + option + "]");
+    const SEntered fake;
+    g_assert(query == "getSystemId" && parameter == " " && option.empty());
+    result += fake->m_systemId;
+    return fake->m_operationStatus;
   }
 };
 
 class KeyModule : public PlainModule, public IWVCDM {
  public:
   int generateDeviceKeyAndCert(std::string& key, std::string& cert) override {
-    const SEntered entered;
-    const int status = EnterCdm("generate[" + key + "][" + cert + "]");
-    key = FakePlatform::Get().m_key;
-    cert = FakePlatform::Get().m_cert;
-    return status;
+    const SEntered fake;
+    key += fake->m_key;
+    cert += fake->m_cert;
+    return fake->m_operationStatus;
   }
   int ondaroSign(const std::string& key, const std::string& hash, std::string& sign) override {
-    const SEntered entered;
-    const int status = EnterCdm("sign[" + key + "][" + hash + "][" + sign + "]");
-    sign = FakePlatform::Get().m_sign;
-    return status;
+    const SEntered fake;
+    fake->m_signed = key + " " + hash;
+    sign += fake->m_sign;
+    return fake->m_operationStatus;
   }
 };
 
@@ -269,25 +236,25 @@ namespace eme {
 void IEventListener::onHostNetwork(const std::string&) {}
 
 int IEME::isKeySystemSupported(const std::string& keySystem) {
-  const SEntered entered;
-  EnterCdm("supported[" + keySystem + "]");
+  g_assert(keySystem == "com.widevine.alpha");
   return FakePlatform::Get().m_supportStatus;
 }
 
 IEME* IEME::create(IEventListener* listener, const std::string& keySystem, bool secure,
                    CDM_MODEL model) {
   const SEntered fake;
-  EnterCdm("create[" + keySystem + "][" + std::to_string(secure) + "][" + std::to_string(model) +
-           "]");
-  if (listener == nullptr || fake->m_isCreateFailing) {
+  g_assert(keySystem == "com.widevine.alpha" && !secure && model == 1);
+  if (fake->m_isCreateFailing) {
     return nullptr;
   }
+  ++fake->m_nInstances;
   listener->onMessage("session", kLicenseRequest, "message");
   listener->onHostNetwork("session");
   return fake->m_hasKeyInterface ? new KeyModule : new PlainModule;
 }
 
 int IEME::destroy(IEME* instance) {
+  --FakePlatform::Get().m_nInstances;
   delete instance;
   return FakePlatform::Get().m_destroyStatus;
 }

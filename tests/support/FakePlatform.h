@@ -6,25 +6,16 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <ostream>
 #include <string>
 #include <variant>
 #include <vector>
 
-#include "platform/AppManager.h"
-#include "platform/ContentDecryptionModule.h"
 #include "platform/SettingsStore.h"
 
-/// One call of the platform log: what was passed, and the prefix values on their own.
+/// One message of the platform log, its prefix taken apart.
 struct SLogEntry {
-  int buffer;
   int priority;
-  std::string tag;
-  std::string format;
-  std::string file;
-  std::string function;
-  int line;
-  std::string body;  // formatted, without the prefix
+  std::string tag, file, function, body;
 
   /// "6 ONDARO_PAL _GetProperty: key : SDR"
   std::string Text() const {
@@ -40,38 +31,31 @@ struct platform_settings_node {
   std::optional<SettingsValue> value;
 };
 
-struct SSubscription {
-  platform_settings_changed_cb callback;
-  void* userData;
-};
-
 /// What the set does, and what was asked of it.
 struct SPlatform {
   bool m_isLogEchoed = false;  // to standard error, for exits
 
+  /// The settings and, as numbers, the set's features by their keys, "power" and the process ids of
+  /// applications by theirs.
   std::map<std::string, SettingsValue> m_values;
-  std::vector<std::string> m_storeCalls;
-  std::function<void()> m_onStoreCall;  // may throw
-  bool m_areStoreCallsFailing = false;
-  std::map<std::string, SSubscription> m_subscriptions;
-
-  std::optional<int> m_productYear;
-  int m_powerState = 0;
-  int m_appPid = -1;
-  int m_setGroupResult = 0;
-  std::vector<std::pair<int, int>> m_groupRequests;
+  /// Called with each call of the store, "get_int KEY": whether it works. May throw.
+  std::function<bool(const std::string& call)> m_onStoreCall;
+  std::map<std::string, std::pair<platform_settings_changed_cb, void*>> m_subscriptions;
 
   int m_supportStatus = 11;
   bool m_isCreateFailing = false;
   bool m_hasKeyInterface = true;
   int m_operationStatus = 0;
   int m_destroyStatus = 0;
+  int m_nInstances = 0;
+  /// What the module appends to the strings that it is to fill.
   std::string m_key = "key", m_cert = "cert", m_sign = "sign", m_systemId = "system-id";
-  std::vector<std::string> m_cdmCalls;
+  std::string m_signed;  // the key and the hash
 };
 
 /// The set beneath the library under test: the test executable defines the seam's functions, so
-/// the shipped library calls these. Everything is scripted and recorded here.
+/// the shipped library calls these. Everything is scripted and recorded here; a call that no set
+/// would understand ends the process.
 class FakePlatform : public SPlatform {
  public:
   static FakePlatform& Get();
@@ -81,14 +65,11 @@ class FakePlatform : public SPlatform {
   static bool IsEntered();
 
   std::vector<SLogEntry> TakeLog();
-  std::vector<std::string> TakeLogTexts();
   void Record(SLogEntry entry);
-  std::atomic<bool> m_isLogDiscarded{false};
-  std::atomic<int> m_nLogCalls{0};
 
   /// Writes the value and calls the subscriber, as the set's store does.
   void Change(const std::string& key, const SettingsValue& value);
-  void Notify(const std::string& key, platform_settings_node* node);
+  void Notify(const std::string& key, platform_settings_node* node) const;
 
  private:
   std::mutex m_mutex;
