@@ -205,18 +205,21 @@ void PathIsTheTruth(const std::string& state) {
   EXPECT_TRUE(WaitUntil([] { return Get("db/key") == "copied"; }, milliseconds(1000)))
       << "of one that has only read";
   EXPECT_EQ(Get("db/new"), "(none)");
-  const std::vector<std::function<void()>> changes = {
-      [&] { fs::remove_all(state); },
-      [&] { fs::rename(state, state + "-moved"); },
-      [&] {
-        fs::remove_all(state);
-        fs::copy(copy, state, fs::copy_options::recursive);
-      },
-      [&] {
-        fs::copy(copy + "/settings.db", state + "/new");
-        fs::rename(state + "/new", file);
-      },
-      [&] { WriteFile(file, ReadFile(copy + "/settings.db")); },
+  const std::vector<std::pair<const char*, std::function<void()>>> changes = {
+      {"(none)", [&] { fs::remove_all(state); }},
+      {"(none)", [&] { fs::rename(state, state + "-moved"); }},
+      {"copied",
+       [&] {
+         fs::remove_all(state);
+         fs::copy(copy, state, fs::copy_options::recursive);
+       }},
+      {"copied",
+       [&] {
+         fs::copy(copy + "/settings.db", state + "/new");
+         fs::rename(state + "/new", file);
+       }},
+      {"copied", [&] { WriteFile(file, ReadFile(copy + "/settings.db")); }},
+      {"before", [&] { fs::remove(file + "-shm"); }},
   };
   for (std::size_t change = 0; change < changes.size(); ++change) {
     const std::string value = std::to_string(change);
@@ -224,13 +227,14 @@ void PathIsTheTruth(const std::string& state) {
     Watch("db/watched");
     EXPECT_TRUE(Set("db/key", "before"));
     Get("db/key");
-    changes[change]();
-    const std::string expected = change < 2 ? "(none)" : "copied";
+    changes[change].second();
     if (change % 2 == 0) {
       EXPECT_TRUE(Set("db/own", value)) << change;
       Elsewhere([&] { EXPECT_EQ(Get("db/own"), value) << change; });
     }
-    EXPECT_TRUE(WaitUntil([&] { return Get("db/key") == expected; }, milliseconds(1000))) << change;
+    EXPECT_TRUE(
+        WaitUntil([&] { return Get("db/key") == changes[change].first; }, milliseconds(1000)))
+        << change;
     SetElsewhere("db/watched", value);
     EXPECT_TRUE(Sees(value, milliseconds(1000))) << change;
   }

@@ -153,6 +153,15 @@ bool HasLog(const std::string& path) {
   return stat((path + LOG_SUFFIX).c_str(), &status) == 0 && status.st_size > 0;
 }
 
+/// The engine's log and its index.
+std::pair<ino_t, ino_t> LookBeside(const std::string& path) {
+  struct stat log {};
+  struct stat index {};
+  stat((path + LOG_SUFFIX).c_str(), &log);
+  stat((path + "-shm").c_str(), &index);
+  return {log.st_ino, index.st_ino};
+}
+
 /// Of a number as the engine writes them.
 std::uint32_t NumberAt(const unsigned char* bytes) {
   std::uint32_t number = 0;
@@ -242,6 +251,8 @@ SettingsDatabase::SettingsDatabase(const std::string& path)
   Connect();
   if (!m_isAlone) {
     MakeTables();
+    // Both are there by now, and nobody takes them along while this connection is open.
+    m_beside = LookBeside(path);
   }
 }
 
@@ -382,16 +393,14 @@ SettingsDatabase::Header SettingsDatabase::ReadHeader() const {
 
 /// False while there is none.
 bool SettingsDatabase::OpenLog() {
-  const std::string path = m_path + LOG_SUFFIX;
-  struct stat there {};
-  struct stat own {};
-  if (stat(path.c_str(), &there) != 0 && errno == ENOENT) {
-    return false;
-  }
-  if (m_log == nullptr || fstat(m_log->Number(), &own) != 0 || own.st_ino != there.st_ino) {
+  if (m_beside == FilesBeside{}) {
+    const std::string path = m_path + LOG_SUFFIX;
     m_log = std::make_unique<Descriptor>(OpenStateFile(path, O_RDONLY, IfMissing::FAIL));
+    if (m_log->Number() < 0 && errno != ENOENT) {
+      throw std::system_error(errno, std::generic_category(), path);
+    }
   }
-  return true;
+  return m_log->Number() >= 0;
 }
 
 bool SettingsDatabase::IsCurrent() {
@@ -399,6 +408,9 @@ bool SettingsDatabase::IsCurrent() {
   constexpr std::size_t PAGE_AT = FRAME_AT + 24;
   int hasMoved = 0;
   sqlite3_file_control(m_connection.get(), "main", SQLITE_FCNTL_HAS_MOVED, &hasMoved);
+  if (m_beside != FilesBeside{} && m_beside != LookBeside(m_path)) {
+    return false;
+  }
   // A session that begins just now is found the second time.
   for (int look = 0; look < 2 && hasMoved == 0; ++look) {
     unsigned char bytes[PAGE_AT + Header::SIZE] = {};

@@ -2,10 +2,12 @@
 #define ONDARO_PLATFORM_HOST_SETTINGSDATABASE_H
 
 #include <sqlite3.h>
+#include <sys/types.h>
 
 #include <functional>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "Settings.h"
@@ -32,8 +34,9 @@ class SettingsDatabase {
   /// the last one.
   void FoldWhenClosed() noexcept;
 
-  /// False once the file at the path is another one, or its content and the engine's log beside it,
-  /// or what this connection knows of them, do not belong together: a copy was put in its place.
+  /// False once a file at its path is another one, or the content of the database and the engine's
+  /// log beside it, or what this connection knows of them, do not belong together: a copy was put
+  /// in its place.
   bool IsCurrent();
 
   std::optional<SettingsValue> Get(std::string_view key);
@@ -107,6 +110,8 @@ class SettingsDatabase {
   const bool m_isAlone;
   bool m_hasLog = false;  // the engine's has been seen
   std::unique_ptr<const Descriptor> m_log;
+  using FilesBeside = std::pair<ino_t, ino_t>;
+  FilesBeside m_beside;                                 // once the engine has opened them
   std::string m_signature = "PRAGMA application_id=0";  // the statement that writes
   std::uint32_t m_signed = 0;                           // this session's number
   std::uint32_t m_changes = 0;                          // in the file when it had not
