@@ -234,7 +234,7 @@ template <typename Store>
 void Register(const std::string& kind) {
   for (const std::string key : {MEMORY_KEY, DURABLE_KEY}) {
     const auto name = [&](const std::string& what) {
-      return what + " of a " + key.substr(0, key.find('/')) + " key/" + kind;
+      return what + " of a " + key.substr(0, key.find('/')).append(" key/").append(kind);
     };
     for (const int keys : {100, 100'000}) {
       if (key == MEMORY_KEY) {

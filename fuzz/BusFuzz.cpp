@@ -99,7 +99,7 @@ void Send(Side side, const std::string& name, const std::string& data) {
   if (!g_model[side].isCut && !receiver.isCut && receiver.registration != 0) {
     g_arrived.push_back({other, receiver.registration, side == CLIENT, name, data});
   } else if (side == CLIENT) {
-    g_ends.push_back(REFUSED);
+    g_ends.emplace_back(REFUSED);
   }
 }
 
