@@ -35,6 +35,12 @@ bool Set(const std::string& key, const std::string& value) {
   return platform_settings_set_string(key.c_str(), value.c_str()) == 0;
 }
 
+auto Module() {
+  return std::unique_ptr<eme::IEME, decltype(&eme::IEME::destroy)>(
+      eme::IEME::create(nullptr, "com.widevine.alpha", false, eme::CDM_MODEL_ONDARO),
+      &eme::IEME::destroy);
+}
+
 /// A process that ends as programs do, so that what it leaves is complete.
 template <typename Body>
 void Elsewhere(Body body) {
@@ -147,8 +153,7 @@ void ClosedStreamsStayClosed(const std::string& state) {
   }
   Watch("db/key");
   std::string id;
-  eme::IEME* module =
-      eme::IEME::create(nullptr, "com.widevine.alpha", false, eme::CDM_MODEL_ONDARO);
+  const auto module = Module();
   module->getStringProperty("getSystemId", " ", id, "");
   platform_settings_set_string("db/key", nullptr);  // an error line
   EXPECT_TRUE(Set("db/key", "value") && Sees("value"));
@@ -316,8 +321,7 @@ void NoLinkIsFollowed(const std::string& state) {
     fs::create_symlink(outside / (name == "cdm" ? "cdm" : "file"), state + "/" + name);
     Elsewhere([&] {
       std::string id;
-      eme::IEME* module =
-          eme::IEME::create(nullptr, "com.widevine.alpha", false, eme::CDM_MODEL_ONDARO);
+      const auto module = Module();
       EXPECT_NE(name == "cdm" ? module->getStringProperty("getSystemId", " ", id, "") == 0
                               : Set("db/key", "value"),
                 true)
@@ -409,11 +413,10 @@ void LimitsFailCallsOnly(const std::string& state) {
   fs::create_directory(state + "/cdm");
   EXPECT_EQ(mkfifo((state + "/cdm/development-root-cert.pem").c_str(), 0600), 0);
   std::string text[2];
-  eme::IEME* module =
-      eme::IEME::create(nullptr, "com.widevine.alpha", false, eme::CDM_MODEL_ONDARO);
+  const auto module = Module();
   EXPECT_NE(module->getStringProperty("getSystemId", " ", text[0], ""), 0);
   fs::remove_all(state + "/cdm");
-  EXPECT_EQ(dynamic_cast<IWVCDM*>(module)->generateDeviceKeyAndCert(text[0], text[1]), 0);
+  EXPECT_EQ(dynamic_cast<IWVCDM*>(module.get())->generateDeviceKeyAndCert(text[0], text[1]), 0);
   EXPECT_EQ(std::system(("openssl x509 -noout -dates -in " + state +
                          "/cdm/development-root-cert.pem | grep -c '1970\\|9999' | grep -q 2")
                             .c_str()),

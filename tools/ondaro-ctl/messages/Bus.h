@@ -116,7 +116,7 @@ class Bus {
 
   static GDBusMessage* OnMessage(GDBusConnection* connection, GDBusMessage* message,
                                  gboolean isIncoming, gpointer userData);
-  static gboolean Deliver(gpointer message);
+  static gboolean Deliver(gpointer userData);
   static void OnClosed(GDBusConnection* connection, gboolean remote, GError* error,
                        gpointer userData);
   static void OnOwner(GDBusConnection* connection, const gchar* name, const gchar* owner,
