@@ -28,6 +28,8 @@ TEST(Set, IsReadFromTheSettings) {
   EXPECT_EQ(platform_power_get_state(), 0) << "usable unless the settings say otherwise";
   ASSERT_EQ(platform_settings_set_string("host/power/state", "1"), 0);
   EXPECT_LT(platform_power_get_state(), 0);
+  ASSERT_EQ(platform_settings_set_string("host/power/state", "0"), 0);
+  EXPECT_EQ(platform_power_get_state(), 0);
 }
 
 /// A process that waits to be ended, once it has done something and shows it in its files.
