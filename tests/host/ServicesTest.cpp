@@ -28,7 +28,7 @@ TEST(Set, IsReadFromTheSettings) {
   EXPECT_EQ(platform_power_get_state(), 0) << "usable unless the settings say otherwise";
   ASSERT_EQ(platform_settings_set_string("host/power/state", "1"), 0);
   EXPECT_LT(platform_power_get_state(), 0);
-  ASSERT_EQ(platform_settings_set_string("host/power/state", "0"), 0);
+  ASSERT_EQ(platform_settings_set_int("host/power/state", 0), 0);
   EXPECT_EQ(platform_power_get_state(), 0);
 }
 
