@@ -27,8 +27,7 @@ constexpr char LOG_SUFFIX[] = "-wal";
 constexpr std::int64_t TRIM_BATCH = 256;  // the log is trimmed once in so many writes
 constexpr std::int64_t READ_BATCH = 128;  // changes looked at before a follower's loop goes round
 constexpr int PAGE_SIZE = 1024;           // most writes are of three pages with little in them
-constexpr int LOG_PAGES = 4096;           // in the engine's log before they go into the file
-constexpr int LOG_LIMIT = LOG_PAGES * PAGE_SIZE;  // to which it is cut when it begins anew
+constexpr int LOG_LIMIT = 2 << 20;        // to which the engine's log is cut when it begins anew
 
 // A value has no declared type, so that it keeps the one it is given. `item.seq` is the number of
 // the key's last write, `item.boot` the boot that a key of `memory/` lives in; a row of another
@@ -311,8 +310,8 @@ void SettingsDatabase::Connect() {
   Execute("PRAGMA mmap_size=0; PRAGMA temp_store=MEMORY; PRAGMA cache_spill=OFF");
   if (sqlite3_db_readonly(connection, "main") == 0) {
     Execute("PRAGMA page_size=" + std::to_string(PAGE_SIZE) +
-            "; PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL" + "; PRAGMA wal_autocheckpoint=" +
-            std::to_string(LOG_PAGES) + "; PRAGMA journal_size_limit=" + std::to_string(LOG_LIMIT));
+            "; PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA journal_size_limit=" +
+            std::to_string(LOG_LIMIT));
     // Until now others could end as the last and take their log along. It is opened at once, since
     // a process is to hold no more descriptors later.
     m_hasLog = false;
