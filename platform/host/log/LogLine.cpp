@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <charconv>
 #include <cstdio>
 #include <cstring>
 
@@ -87,27 +86,13 @@ void LogLine::AppendHeader(int priority, const char* tag) {
   if (t_ids.process == 0) {
     t_ids = {getpid(), gettid()};
   }
-  AppendNumber(now.tv_sec, 5, ' ');
-  *m_end++ = '.';
-  AppendNumber(now.tv_nsec / 1000, 6, '0');
-  *m_end++ = ' ';
-  AppendNumber(t_ids.process, 5, ' ');
-  *m_end++ = ' ';
-  AppendNumber(t_ids.thread, 5, ' ');
-  *m_end++ = ' ';
-  *m_end++ = "VDIWEF"[std::clamp(priority, 2, 7) - 2];
-  *m_end++ = ' ';
+  m_end += std::snprintf(m_end, SMALL_GAP, "%5lld.%06ld %5d %5d %c ",
+                         static_cast<long long>(now.tv_sec), now.tv_nsec / 1000, t_ids.process,
+                         t_ids.thread, "VDIWEF"[std::clamp(priority, 2, 7) - 2]);
   const std::size_t size = tag == nullptr ? 0 : std::strlen(tag);
   AppendText(tag, size, size, TAG_ROOM, true);
   *m_end++ = ':';
   *m_end++ = ' ';
-}
-
-void LogLine::AppendNumber(std::int64_t number, std::ptrdiff_t width, char fill) {
-  char digits[24];
-  const char* const end = std::to_chars(digits, digits + sizeof digits, number).ptr;
-  m_end = std::fill_n(m_end, std::max<std::ptrdiff_t>(0, width - (end - digits)), fill);
-  m_end = std::copy(static_cast<const char*>(digits), end, m_end);
 }
 
 /// Appends a text of `size` bytes, of which `have` are at hand. What does not fit is left out by
@@ -131,33 +116,26 @@ void LogLine::AppendText(const char* text, std::size_t have, std::size_t size, s
     }
     const std::size_t length = CharacterSize(at, have - shown);
     const char* const worst = m_end + 4 * length;
-    if (worst > limit || (!isTag && worst > at + length)) {
+    if (worst > limit || (!isTag && worst >= at + length)) {
       break;
     }
     AppendCharacter(at, length, isTag);
     shown += length;
   }
   if (shown < size) {
-    *m_end++ = '\\';
-    *m_end++ = '+';
-    AppendNumber(static_cast<long>(size - shown), 1, ' ');
+    m_end += std::snprintf(m_end, OMISSION_ROOM, "\\+%zu", size - shown);
   }
 }
 
 void LogLine::AppendCharacter(const char* text, std::size_t size, bool isTag) {
-  constexpr char HEX[] = "0123456789abcdef";
   const bool isControl = IsControl(text, size);
   for (; size > 0; --size) {
     const char character = *text++;
-    const auto byte = static_cast<unsigned char>(character);
     if (character == '\\' || character == '\n' || character == '\t') {
       *m_end++ = '\\';
       *m_end++ = character == '\n' ? 'n' : character == '\t' ? 't' : '\\';
     } else if (isControl || (isTag && (character == ' ' || character == ':'))) {
-      *m_end++ = '\\';
-      *m_end++ = 'x';
-      *m_end++ = HEX[byte >> 4];
-      *m_end++ = HEX[byte & 0xf];
+      m_end += std::snprintf(m_end, 5, "\\x%02x", static_cast<unsigned char>(character));
     } else {
       *m_end++ = character;
     }

@@ -3,7 +3,6 @@
 
 #include <cstdarg>
 #include <cstddef>
-#include <cstdint>
 
 namespace ondaro::host {
 
@@ -22,7 +21,6 @@ class LogLine {
 
  private:
   void AppendHeader(int priority, const char* tag);
-  void AppendNumber(std::int64_t number, std::ptrdiff_t width, char fill);
   void AppendCharacter(const char* text, std::size_t size, bool isTag);
   void AppendText(const char* text, std::size_t have, std::size_t size, std::size_t room,
                   bool isTag);
