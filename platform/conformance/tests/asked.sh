@@ -8,11 +8,11 @@ trap 'rm -rf "$scratch"' EXIT
 
 # The names that are written out in the sources, by kind.
 sources() {
-  grep -ohE '"(db|memory)/[^"]+"' "$1"/*.cpp | sed 's/"\(.*\)"/key \1/'
-  grep -ohE '"com\.halvex/[^"]+"' "$1"/*.cpp | sed 's/"\(.*\)"/feature \1/'
-  sed -nE 's/.* KEY_SYSTEM = "(.*)";/key system \1/p' "$1"/*.cpp
+  grep -rohE '"(db|memory)/[^"]+"' "$1" | sed 's/"\(.*\)"/key \1/'
+  grep -rohE '"com\.halvex/[^"]+"' "$1" | sed 's/"\(.*\)"/feature \1/'
+  sed -nE 's/.* KEY_SYSTEM = "(.*)";/key system \1/p' "$1"/*/*.cpp
   sed -nE 's/.*PRIORITY_[A-Z]+ = ([0-9]+);/log priority \1/p' "$1"/*.h
-  grep -ohE '"ONDARO_(API|PAL)"' "$1"/*.h "$1"/*.cpp | sed 's/"\(.*\)"/log tag \1/'
+  grep -rohE '"ONDARO_(API|PAL)"' "$1" | sed 's/"\(.*\)"/log tag \1/'
 }
 guide() {
   sed -n '/^## What the library asks/,$p' "$1" | sed -nE 's/^\| ([a-z ]+) \| `([^`]+)` \|.*/\1 \2/p'

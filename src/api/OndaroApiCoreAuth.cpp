@@ -3,8 +3,8 @@
 #include <string>
 #include <utility>
 
-#include "ApiFrame.h"
 #include "Debug.h"
+#include "api/ApiFrame.h"
 #include "ondaro/OndaroApi.h"
 #include "ondaro/pal/CPALFactory.h"
 

@@ -2,11 +2,11 @@
 
 #include <unistd.h>
 
-#include "BusContract.h"
 #include "CallbackFunnel.h"
-#include "GLibPtr.h"
 #include "LiveObjects.h"
 #include "OndaroPALDebug.h"
+#include "messaging/BusContract.h"
+#include "messaging/GLibPtr.h"
 #include "ondaro/pal/CException.h"
 
 namespace NOndaroPAL {

@@ -1,8 +1,8 @@
 #include <cstring>
 
-#include "ApiFrame.h"
 #include "Debug.h"
-#include "EventCallback.h"
+#include "api/ApiFrame.h"
+#include "api/EventCallback.h"
 #include "ondaro/OndaroApi.h"
 #include "ondaro/pal/CPALFactory.h"
 

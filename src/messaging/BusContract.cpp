@@ -1,4 +1,4 @@
-#include "BusContract.h"
+#include "messaging/BusContract.h"
 
 #include "ondaro/pal/CException.h"
 

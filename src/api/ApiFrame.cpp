@@ -1,4 +1,4 @@
-#include "ApiFrame.h"
+#include "api/ApiFrame.h"
 
 #include <cxxabi.h>
 

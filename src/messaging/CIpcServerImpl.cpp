@@ -4,12 +4,12 @@
 
 #include <string_view>
 
-#include "BusContract.h"
 #include "CallbackFunnel.h"
-#include "GLibPtr.h"
 #include "InterfaceDescription.h"
 #include "LiveObjects.h"
 #include "OndaroPALDebug.h"
+#include "messaging/BusContract.h"
+#include "messaging/GLibPtr.h"
 #include "ondaro/pal/CException.h"
 
 namespace NOndaroPAL {
