@@ -1,7 +1,5 @@
 #include <glib.h>
 
-#include <stdexcept>
-
 #include "model/Subject.h"
 #include "ondaro/OndaroApi.h"
 #include "support/FakePlatform.h"
@@ -23,99 +21,66 @@ constexpr char INCOMPARABLE[] =
 class Library : public Subject {
  public:
   Library() : Subject(FakePlatform::Get().m_values) {
-    for (unsigned number = 0; number < 64; ++number) {
-      m_slots.push_back({this, number});
-    }
-    m_store[APPLICATION] = APPLICATION_PID;
     m_fake.m_onStoreCall = [this](const std::string& call) { return IsStoreWorking(call); };
     g_dbus_connection_set_exit_on_close(m_connection, FALSE);
-    // The client before there is a daemon, whose properties it would ask for.
-    m_client = OndaroFactory_GetIpcClientHandle();
-    m_server = OndaroFactory_GetIpcServerHandle();
-    m_config = OndaroFactory_GetSystemConfigHandle();
-    if (!test::WaitUntil([] { return !test::PlainPeer().Owner().empty(); })) {
-      throw std::runtime_error("the name was not acquired");
-    }
+    g_assert(test::WaitUntil([] { return !test::PlainPeer().Owner().empty(); }));
     Deliver();
   }
 
  private:
-  struct Slot {
-    Library* library;
-    unsigned script;
-  };
-
   std::string Call(const Step& step) override {
-    const char* const key = KeyOf(step).property;
-    const char* const name = EventNameOf(step);
-    const char* const value = ValueOf(step);
+    const char *const name = NameOf(step), *const value = ValueOf(step);
     const auto callback = ScriptOf(step) != NO_SCRIPT ? OnEvent : nullptr;
-    Slot* const slot = &m_slots[ScriptOf(step)];
+    char* const script = &s_scripts[ScriptOf(step)];
+    const bool isConfig = step.family == CONFIG, isServer = step.family == SERVER;
     int result = 0;
-    switch (step.op) {
-      case GET:
-        return Get(key);
-      case SET:
-        result = OndaroApi_SystemConfig_SetProperty(m_config, key, value);
-        break;
-      case WATCH:
-        OndaroApi_SystemConfig_RegisterEventHandler(m_config, key, callback, slot);
-        break;
-      case UNWATCH:
-        OndaroApi_SystemConfig_UnregisterEventHandler(m_config, key);
-        break;
-      case SERVER_WATCH:
-        OndaroApi_IpcServer_RegisterEventHandler(m_server, name, callback, slot);
-        break;
-      case SERVER_UNWATCH:
-        OndaroApi_IpcServer_UnregisterEventHandler(m_server);
-        break;
-      case SERVER_SEND:
-        result = OndaroApi_IpcServer_SendDataToClient(m_server, name, value);
-        break;
-      case CLIENT_WATCH:
-        OndaroApi_IpcClient_RegisterEventHandler(m_client, name, callback, slot);
-        break;
-      case CLIENT_UNWATCH:
-        OndaroApi_IpcClient_UnregisterEventHandler(m_client);
-        break;
-      default:
-        result = OndaroApi_IpcClient_SendDataToServer(m_client, name, value);
+    if (step.op == GET) {
+      return Get(name);
+    }
+    if (step.op == SEND) {
+      result = isConfig   ? OndaroApi_SystemConfig_SetProperty(m_config, name, value)
+               : isServer ? OndaroApi_IpcServer_SendDataToClient(m_server, name, value)
+                          : OndaroApi_IpcClient_SendDataToServer(m_client, name, value);
+    } else if (step.op == WATCH) {
+      isConfig   ? OndaroApi_SystemConfig_RegisterEventHandler(m_config, name, callback, script)
+      : isServer ? OndaroApi_IpcServer_RegisterEventHandler(m_server, name, callback, script)
+                 : OndaroApi_IpcClient_RegisterEventHandler(m_client, name, callback, script);
+    } else {
+      isConfig   ? OndaroApi_SystemConfig_UnregisterEventHandler(m_config, name)
+      : isServer ? OndaroApi_IpcServer_UnregisterEventHandler(m_server)
+                 : OndaroApi_IpcClient_UnregisterEventHandler(m_client);
     }
     // An event is on its way to the handlers of this moment, not of those when it is delivered.
-    if (step.op == SERVER_SEND || step.op == CLIENT_SEND) {
-      test::SyncWithBus(m_connection);
-    }
+    test::SyncWithBus(m_connection);
     return std::to_string(result);
   }
 
-  std::string Get(const char* key) {
+  std::string Get(const char* name) {
     uint32_t length = 0;
-    const char* value = OndaroApi_SystemConfig_GetProperty(m_config, key, &length);
+    const char* value = OndaroApi_SystemConfig_GetProperty(m_config, name, &length);
     std::string result = value != nullptr ? value + std::to_string(length) : "null";
     OndaroApi_SystemConfig_DestroyProperty(value);
     return result;
   }
 
-  static void OnEvent(const char* data, void* slotOfScript) {
-    const auto [library, number] = *static_cast<Slot*>(slotOfScript);
-    library->RunScript(number, data);
+  static void OnEvent(const char* data, void* script) {
+    const auto number = static_cast<char*>(script) - s_scripts;
+    TheLibrary().RunScript(static_cast<unsigned>(number), data);
   }
 
-  void Notify(const std::string& key, const News& news) override {
-    platform_settings_node node{key, news.value};
-    m_fake.Notify(key, news.hasNode ? &node : nullptr);
+  void Notify(const std::string& key, const std::optional<Value>* value) override {
+    platform_settings_node node{key, value != nullptr ? *value : std::nullopt};
+    m_fake.Notify(key, value != nullptr ? &node : nullptr);
   }
 
   /// Every message is in the log when it is dispatched, so silence means that none is left.
   void Deliver() override {
-    std::size_t before = 0;
-    do {
+    for (std::size_t before = SIZE_MAX; before != m_lines.size();) {
       before = m_lines.size();
       test::SyncWithBus(m_connection);
       test::Drain();
       Collect();
-    } while (m_lines.size() != before);
+    }
   }
 
   void Collect() override {
@@ -130,11 +95,12 @@ class Library : public Subject {
   }
 
   FakePlatform& m_fake = FakePlatform::Get();
+  static inline char s_scripts[SCRIPTS];  // their addresses tell them apart
   GDBusConnection* const m_connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-  std::vector<Slot> m_slots;
-  OndaroApi_SystemConfig_h m_config = nullptr;
-  OndaroApi_IpcClient_h m_client = nullptr;
-  OndaroApi_IpcServer_h m_server = nullptr;
+  // The client before there is a daemon, whose properties it would ask for.
+  const OndaroApi_IpcClient_h m_client = OndaroFactory_GetIpcClientHandle();
+  const OndaroApi_IpcServer_h m_server = OndaroFactory_GetIpcServerHandle();
+  const OndaroApi_SystemConfig_h m_config = OndaroFactory_GetSystemConfigHandle();
 };
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "model/Subject.h"
 
+#include <exception>
 #include <stdexcept>
 #include <utility>
 
@@ -11,26 +12,25 @@ namespace {
 
 /// Callbacks may cause each other without end.
 constexpr int SCRIPTS_PER_STEP = 6;
+constexpr int NUMBERS[] = {0, 1, 2, 3, 7, -1};
 
-void RaiseIf(Fault fault) {
-  if (fault == Fault::STANDARD) {
-    throw std::runtime_error("fault%s%n");
-  }
-  if (fault == Fault::FOREIGN) {
-    throw 7;
-  }
-  if (fault == Fault::API) {
-    throw NOndaroAPI::CAPIException("fault", "%s%n");
+/// Of the store, by number: none, one that its status tells, and those that it raises.
+const std::exception_ptr FAULTS[] = {
+    nullptr, nullptr, std::make_exception_ptr(std::runtime_error("fault%s%n")),
+    std::make_exception_ptr(7),
+    std::make_exception_ptr(NOndaroAPI::CAPIException("fault", "%s%n"))};
+
+void RaiseIf(const std::exception_ptr& fault) {
+  if (fault != nullptr) {
+    std::rethrow_exception(fault);
   }
 }
 
 }  // namespace
 
-Lines Subject::Perform(const Step* step) {
+Lines Subject::Perform(const Step& step) {
   m_nScriptsLeft = SCRIPTS_PER_STEP;
-  if (step != nullptr) {
-    Do(*step);
-  }
+  Do(step);
   Collect();
   return std::exchange(m_lines, {});
 }
@@ -42,14 +42,14 @@ void Subject::Note(const char* kind, const std::string& what) {
 
 void Subject::Do(const Step& step) {
   try {
-    if (step.op < OPS_OF_CALLBACKS) {
+    if (step.op < SETTLE) {
       Note("RESULT", Call(step));
     } else if (step.op == SETTLE) {
       Settle();
     } else if (step.op == CHANGE) {
       Change(step);
     } else {
-      m_fault = FaultOf(step);
+      m_fault = step.a % 12 < std::size(FAULTS) ? step.a % 12 : 0;
     }
   } catch (int) {
     Note("THROWN", "foreign");
@@ -58,8 +58,8 @@ void Subject::Do(const Step& step) {
 
 bool Subject::IsStoreWorking(const std::string& call) {
   Note("STORE", call);
-  RaiseIf(m_fault);
-  const bool isWorking = m_fault == Fault::NONE;
+  RaiseIf(FAULTS[m_fault]);
+  const bool isWorking = m_fault == 0;
   if (isWorking && call.rfind("set_", 0) == 0) {
     m_written.push_back(call.substr(call.find(' ') + 1));
   }
@@ -73,42 +73,33 @@ void Subject::RunScript(unsigned number, const char* data) {
     return;
   }
   Dice dice(number);
-  Steps steps;
-  for (unsigned left = dice.Below(4); left > 0; --left) {
-    steps.push_back(dice.Throw(OPS_OF_CALLBACKS));
-  }
-  for (const Step& step : steps) {
-    Do(step);
+  for (unsigned left = dice() % 4; left > 0; --left) {
+    Do(Throw(dice, SETTLE));
   }
   if (data != before) {
     Note("EVENT", "with data that is gone");
   }
-  if (dice.Below(3) == 0) {
-    RaiseIf(dice.Below(2) == 0 ? Fault::STANDARD : Fault::FOREIGN);
-  }
+  RaiseIf(FAULTS[dice() % 3 == 0 ? 2 + dice() % 2 : 0]);
 }
 
 void Subject::Change(const Step& step) {
   const std::string& key = KeyOf(step).store;
   const char* const text = ValueOf(step);
   const unsigned kind = step.b / 16 % 16;
-  News news = {kind != 0, std::nullopt};
-  if (kind % 2 == 1) {
-    news.value = Pick(NUMBERS, step.b);
-  } else if (kind != 0 && text != nullptr) {
-    news.value = text;
+  std::optional<Value> value;
+  if (kind % 2 == 1 || text != nullptr) {
+    value = kind % 2 == 1 ? Value(Pick(NUMBERS, step.b)) : Value(text);
+    m_store[key] = *value;
   }
-  if (news.value && !key.empty()) {
-    m_store[key] = *news.value;
-  }
-  Notify(key, news);
+  Notify(key, kind != 0 ? &value : nullptr);
 }
 
 /// The store tells of the writes when all else has arrived; either may cause more.
 void Subject::Settle() {
   for (Deliver(); !m_written.empty(); Deliver()) {
     for (const std::string& key : std::exchange(m_written, {})) {
-      Notify(key, {true, m_store.at(key)});
+      const std::optional<Value> value = m_store.at(key);
+      Notify(key, &value);
     }
   }
 }
