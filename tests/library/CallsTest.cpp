@@ -1,14 +1,14 @@
-// All exported functions: when memory runs out at any point of a call, and when the process has
-// destroyed their services already.
+// All exported functions, beside what they do: what they allocate, when memory runs out at any
+// point of a call, and when the process has destroyed their services already.
 
 #include <cxxabi.h>
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <set>
 
 #include "Allocations.h"
 #include "ondaro/OndaroApi.h"
@@ -59,40 +59,17 @@ void Keep(THandle& kept, THandle got) {
   g_result.code = got != nullptr;
   kept = got != nullptr ? got : kept;
 }
-
-void GetConfig() { Keep(g_config, OndaroFactory_GetSystemConfigHandle()); }
-void GetClient() { Keep(g_client, OndaroFactory_GetIpcClientHandle()); }
-void GetServer() { Keep(g_server, OndaroFactory_GetIpcServerHandle()); }
-void GetAuth() { Keep(g_auth, OndaroFactory_GetCoreAuthHandle()); }
-void Set() { g_result.code = OndaroApi_SystemConfig_SetProperty(g_config, FILTERED, TEXT); }
 void Get(const char* key) {
   g_result.value = OndaroApi_SystemConfig_GetProperty(g_config, key, &g_result.length);
   g_result.code = g_result.value != nullptr;
 }
-void GetText() { Get(FILTERED); }
-void GetWithData() { Get("SYSTEM_ID:more than a string holds in itself"); }
 void Watch() { OndaroApi_SystemConfig_RegisterEventHandler(g_config, FILTERED, OnEvent, nullptr); }
-void Unwatch() { OndaroApi_SystemConfig_UnregisterEventHandler(g_config, FILTERED); }
-void ClientWatch() { OndaroApi_IpcClient_RegisterEventHandler(g_client, TEXT, OnEvent, nullptr); }
-void ClientUnwatch() { OndaroApi_IpcClient_UnregisterEventHandler(g_client); }
-void ClientSend() { g_result.code = OndaroApi_IpcClient_SendDataToServer(g_client, TEXT, TEXT); }
-void ServerWatch() { OndaroApi_IpcServer_RegisterEventHandler(g_server, TEXT, OnEvent, nullptr); }
-void ServerUnwatch() { OndaroApi_IpcServer_UnregisterEventHandler(g_server); }
 void ServerSend() { g_result.code = OndaroApi_IpcServer_SendDataToClient(g_server, TEXT, TEXT); }
-void Generate() {
-  auto& [code, value, length, key, cert] = g_result;
-  code = OndaroApi_CoreAuth_GenerateDeviceKeyAndCert(g_auth, &key, &cert);
-}
-void Sign() {
-  g_result.code = OndaroApi_CoreAuth_SignHash(g_auth, &BYTES, &BYTES, &g_result.first);
-}
-void GetChain() { g_result.code = OndaroApi_CoreAuth_GetModelCertChain(g_auth, &g_result.first); }
-void Destroy() { OndaroApi_CoreAuth_DestroyCoreAuthInfo(&g_result.first); }
 
 struct SCall {
   void (*call)();
   std::string success = "0";
-  std::vector<std::string> failures = {"0"};  // the last one is that of the last allocation
+  std::set<std::string> failures = {"0"};  // the first one is that of a service that ended
 };
 
 const std::string WITH_TEXT = std::string("1 ") + TEXT;
@@ -100,32 +77,35 @@ const std::string LENGTH = " " + std::to_string(sizeof(TEXT) - 1);
 
 // Never destroyed: called at the very end too.
 const auto& CALLS = *new std::vector<SCall>{
-    {GetConfig, "1"},
-    {GetClient, "1"},
-    {GetServer, "1"},
-    {GetAuth, "1"},
-    {Set, "1"},
-    {GetText, WITH_TEXT + LENGTH, {"0", "1 error 5", "0 null 5", "0 null" + LENGTH}},
-    {GetWithData, WITH_TEXT + LENGTH, {"0", "0 null" + LENGTH}},
+    {[] { Keep(g_config, OndaroFactory_GetSystemConfigHandle()); }, "1"},
+    {[] { Keep(g_client, OndaroFactory_GetIpcClientHandle()); }, "1"},
+    {[] { Keep(g_server, OndaroFactory_GetIpcServerHandle()); }, "1"},
+    {[] { Keep(g_auth, OndaroFactory_GetCoreAuthHandle()); }, "1"},
+    {[] { g_result.code = OndaroApi_SystemConfig_SetProperty(g_config, FILTERED, TEXT); }, "1"},
+    {[] { Get(FILTERED); }, WITH_TEXT + LENGTH, {"0", "1 error 5", "0 null 5", "0 null" + LENGTH}},
+    {[] { Get("SYSTEM_ID:more than a string holds in itself"); },
+     WITH_TEXT + LENGTH,
+     {"0", "0 null" + LENGTH}},
     {Watch},
-    {Unwatch},
-    {ClientWatch},
-    {ClientUnwatch},
-    {ClientSend, "0", {"-1"}},
-    {ServerWatch},
-    {ServerUnwatch},
+    {[] { OndaroApi_SystemConfig_UnregisterEventHandler(g_config, FILTERED); }},
+    {[] { OndaroApi_IpcClient_RegisterEventHandler(g_client, TEXT, OnEvent, nullptr); }},
+    {[] { OndaroApi_IpcClient_UnregisterEventHandler(g_client); }},
+    {[] { g_result.code = OndaroApi_IpcClient_SendDataToServer(g_client, TEXT, TEXT); },
+     "0",
+     {"-1"}},
+    {[] { OndaroApi_IpcServer_RegisterEventHandler(g_server, TEXT, OnEvent, nullptr); }},
+    {[] { OndaroApi_IpcServer_UnregisterEventHandler(g_server); }},
     {ServerSend, "0", {"-1"}},
-    {Generate, WITH_TEXT + " " + TEXT},
-    {Sign, WITH_TEXT},
-    {GetChain, "1"},
-    {Destroy, "0", {}}};  // without a service behind it, so it never fails
-
-void Require(bool holds, const SCall& call, const std::string& what) {
-  if (!holds) {
-    std::fprintf(stderr, "call %td: %s\n", &call - CALLS.data(), what.c_str());
-    std::_Exit(1);
-  }
-}
+    {[] {
+       auto& [code, value, length, key, cert] = g_result;
+       code = OndaroApi_CoreAuth_GenerateDeviceKeyAndCert(g_auth, &key, &cert);
+     },
+     WITH_TEXT + " " + TEXT},
+    {[] { g_result.code = OndaroApi_CoreAuth_SignHash(g_auth, &BYTES, &BYTES, &g_result.first); },
+     WITH_TEXT},
+    {[] { g_result.code = OndaroApi_CoreAuth_GetModelCertChain(g_auth, &g_result.first); }, "1"},
+    // Without a service behind it, so it never fails.
+    {[] { OndaroApi_CoreAuth_DestroyCoreAuthInfo(&g_result.first); }, "0", {}}};
 
 /// The lines at error priority that are no plain traces.
 std::vector<std::string> TakeErrors() {
@@ -140,87 +120,86 @@ std::vector<std::string> TakeErrors() {
 }
 
 int g_nStoreCalls = 0;
-std::string g_lastFailure;
 
-/// The allocation with this number fails, and so do those up to the last. False when there was none
-/// with this number.
-bool RunOutOfMemory(const SCall& call, int number, int last) {
+/// The allocations with these numbers fail. Tells what comes of it in `failures`; false when there
+/// was none with the first number.
+bool RunOutOfMemory(const SCall& call, int first, int last, std::set<std::string>& failures) {
   FakePlatform::Get().TakeLog();
-  g_nStoreCalls = 0;
-  Allocations::count = 0;
-  Allocations::firstFailing = number;
+  g_nStoreCalls = Allocations::count = 0;
+  Allocations::firstFailing = first;
   Allocations::lastFailing = last;
   call.call();
-  const bool hasFailed = Allocations::count >= number;
+  const bool hasFailed = Allocations::count >= first;
   Allocations::lastFailing = 0;
   const std::string result = g_result.Take();
-  const std::vector<std::string> errors = TakeErrors();
-  const std::string where = result + " at allocation " + std::to_string(number);
   if (!hasFailed) {
-    Require(result == call.success, call, where);
+    EXPECT_EQ(result, call.success);
     return false;
   }
-  Require(std::count(call.failures.begin(), call.failures.end(), result) == 1, call, where);
-  Require(!errors.empty(), call, where + ", without a line");
-  g_lastFailure = result;
+  failures.insert(result);
+  EXPECT_FALSE(TakeErrors().empty()) << result;
   // A value that cannot be kept for comparison does not keep events from coming.
-  Require(g_nStoreCalls != 1 || call.call != Watch, call, where + ": not subscribed");
+  EXPECT_FALSE(g_nStoreCalls == 1 && call.call == Watch);
   return true;
 }
 
 void RunOutOfMemoryEverywhere() {
   for (const SCall& call : CALLS) {
     const auto isServing = [&] { return call.call(), g_result.Take() == call.success; };
-    Require(call.call != ServerSend || ondaro::test::WaitUntil(isServing), call, "never");
+    EXPECT_TRUE(call.call != ServerSend || ondaro::test::WaitUntil(isServing));
+    std::set<std::string> failures;
     bool hasFailed = true;
     for (int number = 1; hasFailed; ++number) {
-      hasFailed = RunOutOfMemory(call, number, INT_MAX);
-      hasFailed = RunOutOfMemory(call, number, number) || hasFailed;
-      Require(hasFailed || number == 1 || g_lastFailure == call.failures.back(), call,
-              g_lastFailure + " at the last allocation");
+      hasFailed = RunOutOfMemory(call, number, INT_MAX, failures);
+      hasFailed = RunOutOfMemory(call, number, number, failures) || hasFailed;
     }
+    EXPECT_TRUE(failures.empty() || failures == call.failures)
+        << "call " << &call - CALLS.data() << ": " << testing::PrintToString(failures);
   }
-  std::_Exit(0);
+  std::_Exit(testing::Test::HasFailure() ? 1 : 0);
 }
 
 /// One error line each, and the failure; nothing is delivered any more.
 void CallAfterTheEnd() {
-  const std::string handle =
+  const char* const handle =
       g_config != nullptr ? "handle ended with its service in " : "handle is null in ";
   for (const SCall& call : CALLS) {
     FakePlatform::Get().TakeLog();
     call.call();
+    const bool isFailing = !call.failures.empty();
+    const std::string expected = isFailing ? *call.failures.begin() : call.success;
     const std::string result = g_result.Take();
-    Require(result == (call.failures.empty() ? call.success : call.failures.front()), call, result);
+    g_assert_cmpstr(result.c_str(), ==, expected.c_str());
     const std::vector<std::string> errors = TakeErrors();
-    Require(errors.size() == (call.failures.empty() ? 0 : 1), call, "lines");
-    const std::string expected =
+    g_assert_cmpuint(errors.size(), ==, isFailing ? 1 : 0);
+    const char* const line =
         &call < &CALLS[4] ? "exception : PAL Exception: InvalidCase: the service ended" : handle;
-    Require(errors.empty() || errors[0].rfind(expected, 0) == 0, call,
-            errors.empty() ? "" : errors[0]);
+    g_assert(!isFailing || g_str_has_prefix(errors[0].c_str(), line) != FALSE);
   }
   FakePlatform::Get().Change("db/ondaro/property/enterprise_enrollment", "after the end");
   ondaro::test::Drain();
 }
 
-constexpr int CALLED_AFTER_ALL = 7;
-bool g_isCalledAfterAll = false;
+void (*g_afterAll)() = nullptr;
 
 /// Registered before the library is loaded, and so called when its constants are gone: as a handler
 /// is that a process registered before it opened the library.
 [[gnu::section(".preinit_array"), gnu::used]] void (*const g_beforeAll)() = [] {
-  abi::__cxa_atexit(
-      [](void*) {
-        if (g_isCalledAfterAll) {
-          CallAfterTheEnd();
-          std::_Exit(CALLED_AFTER_ALL);
-        }
-      },
-      nullptr, nullptr);
+  const auto callAfterAll = [](void*) {
+    if (g_afterAll != nullptr) {
+      g_afterAll();
+    }
+  };
+  abi::__cxa_atexit(callAfterAll, nullptr, nullptr);
 };
 
+constexpr int CALLED_AFTER_ALL = 7;
+
 void End(bool areServicesMade) {
-  g_isCalledAfterAll = true;
+  g_afterAll = [] {
+    CallAfterTheEnd();
+    std::_Exit(CALLED_AFTER_ALL);
+  };
   if (areServicesMade) {
     std::atexit(CallAfterTheEnd);
     for (const SCall& call : CALLS) {
@@ -228,7 +207,7 @@ void End(bool areServicesMade) {
       g_result.Take();
     }
     // The next event is under way, and the subscription is left behind.
-    OndaroApi_SystemConfig_RegisterEventHandler(g_config, FILTERED, OnEvent, nullptr);
+    Watch();
   }
   std::exit(0);
 }
@@ -259,20 +238,21 @@ TEST_F(Calls, FailAfterTheEndOfTheirServices) {
 // The wrapper's lines come first, then its implementation goes; wrappers in reverse order.
 TEST_F(Calls, EndInReverseOrderOfTheirServices) {
   const auto run = [](bool configFirst) {
+    g_afterAll = [] {
+      for (const SLogEntry& entry : FakePlatform::Get().TakeLog()) {
+        std::fprintf(stderr, "%s\n", entry.body.c_str());
+      }
+    };
     if (configFirst) {
       OndaroFactory_GetSystemConfigHandle();
     }
     OndaroFactory_GetCoreAuthHandle();
     OndaroFactory_GetSystemConfigHandle();
-    FakePlatform::Get().m_isLogEchoed = true;
     std::exit(0);
   };
-  const std::string config =
-      ".*CSystemConfig::~CSystemConfig\\(\\)\\]Left.*CSystemConfigImpl::~CSystemConfigImpl\\(\\)\\]"
-      "Entered.*";
+  const std::string config = ".*~CSystemConfig\\(\\)\\]Left.*~CSystemConfigImpl\\(\\)\\]Entered.*";
   const std::string auth =
-      ".*CCoreAuth::~CCoreAuth\\(\\)\\]Left.*CCoreAuthImpl::~CCoreAuthImpl\\(\\)\\]Entered.*eme "
-      "instance destroyed.*";
+      ".*~CCoreAuth\\(\\)\\]Left.*~CCoreAuthImpl\\(\\)\\]Entered.*eme instance destroyed.*";
   EXPECT_EXIT(run(true), testing::ExitedWithCode(0), auth + config);
   EXPECT_EXIT(run(false), testing::ExitedWithCode(0), config + auth);
 }
