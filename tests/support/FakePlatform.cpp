@@ -5,8 +5,8 @@
 
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <utility>
 
 #include "platform/AppManager.h"
@@ -18,6 +18,7 @@
 namespace {
 
 thread_local int g_entered = 0;
+std::mutex g_logMutex;
 
 /// The set, from its own functions.
 struct SEntered {
@@ -30,27 +31,14 @@ struct SEntered {
 
 bool FakePlatform::IsEntered() { return g_entered > 0; }
 
-void FakePlatform::Reset() {
-  static_cast<SPlatform&>(*this) = {};
-  TakeLog();
-}
-
 FakePlatform& FakePlatform::Get() {
   // Never destroyed: the library still logs while the process exits.
   static auto* instance = new FakePlatform();
   return *instance;
 }
 
-void FakePlatform::Record(SLogEntry entry) {
-  if (m_isLogEchoed) {
-    std::fprintf(stderr, "%s\n", entry.Text().c_str());
-  }
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  m_log.push_back(std::move(entry));
-}
-
 std::vector<SLogEntry> FakePlatform::TakeLog() {
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  const std::lock_guard<std::mutex> lock(g_logMutex);
   return std::exchange(m_log, {});
 }
 
@@ -81,7 +69,8 @@ int platform_log_print(int buffer, int priority, const char* tag, const char* fo
   const int line = va_arg(arguments, int);
   va_end(arguments);
   g_assert(buffer == 0 && line > 0 && g_str_has_prefix(format, "%s: %s(%d) > ") != FALSE);
-  fake->Record({priority, tag, file, function, std::strstr(text, " > ") + std::strlen(" > ")});
+  const std::lock_guard<std::mutex> lock(g_logMutex);
+  fake->m_log.push_back({priority, tag, file, function, std::strstr(text, " > ") + 3});
   g_free(text);
   return -1;  // the library ignores it
 }

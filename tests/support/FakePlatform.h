@@ -1,10 +1,8 @@
 #ifndef ONDARO_TESTS_SUPPORT_FAKEPLATFORM_H
 #define ONDARO_TESTS_SUPPORT_FAKEPLATFORM_H
 
-#include <atomic>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <variant>
@@ -31,9 +29,23 @@ struct platform_settings_node {
   std::optional<SettingsValue> value;
 };
 
-/// What the set does, and what was asked of it.
-struct SPlatform {
-  bool m_isLogEchoed = false;  // to standard error, for exits
+/// The set beneath the library under test: the test executable defines the seam's functions, so
+/// the shipped library calls these. Everything is scripted and recorded here; a call that no set
+/// would understand ends the process.
+struct FakePlatform {
+  static FakePlatform& Get();
+  /// As it was in the beginning.
+  void Reset() { *this = {}; }
+  /// Whether this thread is in one of the set's own functions.
+  static bool IsEntered();
+
+  std::vector<SLogEntry> TakeLog();
+
+  /// Writes the value and calls the subscriber, as the set's store does.
+  void Change(const std::string& key, const SettingsValue& value);
+  void Notify(const std::string& key, platform_settings_node* node) const;
+
+  std::vector<SLogEntry> m_log;
 
   /// The settings and, as numbers, the set's features by their keys, "power" and the process ids of
   /// applications by theirs.
@@ -51,29 +63,6 @@ struct SPlatform {
   /// What the module appends to the strings that it is to fill.
   std::string m_key = "key", m_cert = "cert", m_sign = "sign", m_systemId = "system-id";
   std::string m_signed;  // the key and the hash
-};
-
-/// The set beneath the library under test: the test executable defines the seam's functions, so
-/// the shipped library calls these. Everything is scripted and recorded here; a call that no set
-/// would understand ends the process.
-class FakePlatform : public SPlatform {
- public:
-  static FakePlatform& Get();
-  /// As it was in the beginning.
-  void Reset();
-  /// Whether this thread is in one of the set's own functions.
-  static bool IsEntered();
-
-  std::vector<SLogEntry> TakeLog();
-  void Record(SLogEntry entry);
-
-  /// Writes the value and calls the subscriber, as the set's store does.
-  void Change(const std::string& key, const SettingsValue& value);
-  void Notify(const std::string& key, platform_settings_node* node) const;
-
- private:
-  std::mutex m_mutex;
-  std::vector<SLogEntry> m_log;
 };
 
 #endif
