@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "model/Subject.h"
-#include "ondaro/api/CException.h"
 
 namespace ondaro::model {
 

@@ -1,13 +1,18 @@
 #ifndef ONDARO_TESTS_MODEL_SUBJECT_H
 #define ONDARO_TESTS_MODEL_SUBJECT_H
 
+#include <exception>
 #include <iterator>
 #include <map>
 #include <optional>
 #include <random>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <variant>
 #include <vector>
+
+#include "ondaro/api/CException.h"
 
 namespace ondaro::model {
 
@@ -30,35 +35,30 @@ struct Step {
 using Steps = std::vector<Step>;
 
 using Words = std::vector<std::string>;
-inline const Words FLAG = {"false", "true"}, USAGE = {"false", "default", "true", "set"};
+inline const Words TEXT, FLAG = {"false", "true"}, USAGE = {"false", "default", "true", "set"};
 
 /// A property; empty is what it has not.
 struct Key {
   const char* name;
-  std::string store = {};     // where the settings store keeps it
-  Words words = {};           // for the numbers from 0, if it keeps them and no text
   std::string callback = {};  // of its changes
+  std::string store = {};     // where the settings store keeps it
+  Words words = TEXT;         // for the numbers from 0, if it keeps them and no text
   bool isFiltered = false;    // tells of no value twice in a row
 };
 inline const Key KEYS[] = {
-    {"ONDARO_STATUS", "memory/menu/network/ondaro_status", {}, "OndaroStatus", true},
-    {"ONDARO_SUPPORT", "db/menu/network/ondaro_support", FLAG, "OndaroSupport"},
-    {"ONDARO_ENROLLMENT", "db/ondaro/property/enterprise_enrollment", {}, "OndaroEnrollment", true},
-    {"ONDARO_TOS_STATUS", "db/menu/network/ondaro_tos_status", {}, "OndaroToSStatus"},
-    {"ONDARO_CLEAR_DATA", "db/menu/network/ondaro_clear_data", FLAG, "OndaroClearData"},
-    {"ONDARO_ENABLE_USAGE_RPT", "db/menu/network/ondaro_enable_usage_rpt", USAGE,
-     "OndaroEnableUsageRpt"},
-    {"WIDEVINE_ONDARO_VERSION",
-     "db/ondaro/property/widevine_ondaro_version",
-     {},
-     "OndaroWidevineOndaroVersion",
+    {"ONDARO_STATUS", "OndaroStatus", "memory/menu/network/ondaro_status", TEXT, true},
+    {"ONDARO_SUPPORT", "OndaroSupport", "db/menu/network/ondaro_support", FLAG},
+    {"ONDARO_ENROLLMENT", "OndaroEnrollment", "db/ondaro/property/enterprise_enrollment", TEXT,
      true},
-    {"WIDEVINE_ONDARO_SUPPORT",
-     "db/ondaro/property/widevine_ondaro_support",
-     {},
-     "OndaroWidevineOndaroSupport",
-     true},
-    {"ONDARO_INIT", "db/menu/network/ondaro_init", FLAG},
+    {"ONDARO_TOS_STATUS", "OndaroToSStatus", "db/menu/network/ondaro_tos_status"},
+    {"ONDARO_CLEAR_DATA", "OndaroClearData", "db/menu/network/ondaro_clear_data", FLAG},
+    {"ONDARO_ENABLE_USAGE_RPT", "OndaroEnableUsageRpt", "db/menu/network/ondaro_enable_usage_rpt",
+     USAGE},
+    {"WIDEVINE_ONDARO_VERSION", "OndaroWidevineOndaroVersion",
+     "db/ondaro/property/widevine_ondaro_version", TEXT, true},
+    {"WIDEVINE_ONDARO_SUPPORT", "OndaroWidevineOndaroSupport",
+     "db/ondaro/property/widevine_ondaro_support", TEXT, true},
+    {"ONDARO_INIT", "", "db/menu/network/ondaro_init", FLAG},
     {"SDR"},
     {"ONDARO_STATUS:a:b"},
     {":x"},
@@ -92,6 +92,22 @@ inline Step Throw(Dice& dice, unsigned ops) {
   return {op, Family(op == GET ? CONFIG : dice() % 3), argument(), argument()};
 }
 
+/// Callbacks may cause each other without end.
+constexpr int SCRIPTS_PER_STEP = 6;
+constexpr int NUMBERS[] = {0, 1, 2, 3, 7, -1};
+
+/// Of the store, by number: none, one that its status tells, and those that it raises.
+inline const std::exception_ptr FAULTS[] = {
+    nullptr, nullptr, std::make_exception_ptr(std::runtime_error("fault%s%n")),
+    std::make_exception_ptr(7),
+    std::make_exception_ptr(NOndaroAPI::CAPIException("fault", "%s%n"))};
+
+inline void RaiseIf(const std::exception_ptr& fault) {
+  if (fault != nullptr) {
+    std::rethrow_exception(fault);
+  }
+}
+
 /// What is observed, in order: log lines, events, calls of the store, results.
 using Lines = std::vector<std::string>;
 using Value = std::variant<std::string, int>;
@@ -102,9 +118,28 @@ class Subject {
  public:
   virtual ~Subject() = default;
   /// What was observed since the last step, or the beginning.
-  Lines Perform(const Step& step);
+  Lines Perform(const Step& step) {
+    m_nScriptsLeft = SCRIPTS_PER_STEP;
+    Do(step);
+    Collect();
+    return std::exchange(m_lines, {});
+  }
   /// What a callback does: a few steps, and an exception at the end of some.
-  void RunScript(unsigned number, const char* data);
+  void RunScript(unsigned number, const char* data) {
+    const std::string before = data;
+    Note("EVENT", std::to_string(number) + " " + before);
+    if (m_nScriptsLeft-- <= 0) {
+      return;
+    }
+    Dice dice(number);
+    for (unsigned left = dice() % 4; left > 0; --left) {
+      Do(Throw(dice, SETTLE));
+    }
+    if (data != before) {
+      Note("EVENT", "with data that is gone");
+    }
+    RaiseIf(FAULTS[dice() % 3 == 0 ? 2 + dice() % 2 : 0]);
+  }
 
  protected:
   using Values = std::map<std::string, Value>;
@@ -120,16 +155,62 @@ class Subject {
   virtual void Collect() {}
 
   /// What the store does at each call of it: whether it works.
-  bool IsStoreWorking(const std::string& call);
+  bool IsStoreWorking(const std::string& call) {
+    Note("STORE", call);
+    RaiseIf(FAULTS[m_fault]);
+    const bool isWorking = m_fault == 0;
+    if (isWorking && call.rfind("set_", 0) == 0) {
+      m_written.push_back(call.substr(call.find(' ') + 1));
+    }
+    return isWorking;
+  }
 
   Lines m_lines;
   Values& m_store;
 
  private:
-  void Note(const char* kind, const std::string& what);
-  void Do(const Step& step);
-  void Change(const Step& step);
-  void Settle();
+  void Note(const char* kind, const std::string& what) {
+    Collect();
+    m_lines.push_back(std::string(kind) + " " + what);
+  }
+
+  void Do(const Step& step) {
+    try {
+      if (step.op < SETTLE) {
+        Note("RESULT", Call(step));
+      } else if (step.op == SETTLE) {
+        Settle();
+      } else if (step.op == CHANGE) {
+        Change(step);
+      } else {
+        m_fault = step.a % 12 < std::size(FAULTS) ? step.a % 12 : 0;
+      }
+    } catch (int) {
+      Note("THROWN", "foreign");
+    }
+  }
+
+  void Change(const Step& step) {
+    const std::string& key = KeyOf(step).store;
+    const char* const text = ValueOf(step);
+    const unsigned kind = step.b / 16 % 16;
+    std::optional<Value> value;
+    if (kind % 2 == 1 || text != nullptr) {
+      value = kind % 2 == 1 ? Value(Pick(NUMBERS, step.b)) : Value(text);
+      m_store[key] = *value;
+    }
+    Notify(key, kind != 0 ? &value : nullptr);
+  }
+
+  /// The store tells of the writes when all else has arrived; either may cause more.
+  void Settle() {
+    for (Deliver(); !m_written.empty(); Deliver()) {
+      for (const std::string& key : std::exchange(m_written, {})) {
+        const std::optional<Value> value = m_store.at(key);
+        Notify(key, &value);
+      }
+    }
+  }
 
   int m_nScriptsLeft = 0;
   unsigned m_fault = 0;
