@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 
 #include "model/Subject.h"
@@ -51,6 +52,7 @@ std::string Compare(const Steps& steps, const std::string& missed) {
 /// The same in a process of its own, whose end is part of it.
 std::string Difference(const Steps& steps, const std::string& missed = NO_LINE) {
   const test::TemporaryDirectory directory;
+  std::fflush(nullptr);  // or the child would write it once more
   const int status = test::RunInChild([&] {
     test::WriteFile(directory / "text", Compare(steps, missed));
     std::exit(EXIT_SUCCESS);
