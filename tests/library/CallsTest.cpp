@@ -250,9 +250,9 @@ TEST_F(Calls, EndInReverseOrderOfTheirServices) {
     OndaroFactory_GetSystemConfigHandle();
     std::exit(0);
   };
-  const std::string config = ".*~CSystemConfig\\(\\)\\]Left.*~CSystemConfigImpl\\(\\)\\]Entered.*";
+  const std::string config = R"(.*~CSystemConfig\(\)\]Left.*~CSystemConfigImpl\(\)\]Entered.*)";
   const std::string auth =
-      ".*~CCoreAuth\\(\\)\\]Left.*~CCoreAuthImpl\\(\\)\\]Entered.*eme instance destroyed.*";
+      R"(.*~CCoreAuth\(\)\]Left.*~CCoreAuthImpl\(\)\]Entered.*eme instance destroyed.*)";
   EXPECT_EXIT(run(true), testing::ExitedWithCode(0), auth + config);
   EXPECT_EXIT(run(false), testing::ExitedWithCode(0), config + auth);
 }

@@ -253,7 +253,11 @@ TEST_F(Library, NothingIsAskedOfTheStoreWithoutAKeyOrANode) {
   }
 }
 
-TEST_F(Library, Flags) {
+TEST_F(Library, FlagsAndSubscriptions) {
+  EXPECT_TRUE(CPALUtils::RegisterSetregChangedCb("k", Ignore, nullptr));
+  EXPECT_TRUE(CPALUtils::DeregisterSetregChangedCb("k", Ignore));
+  EXPECT_FALSE(CPALUtils::DeregisterSetregChangedCb("k", Ignore));
+  m_fake.TakeLog();
   const std::string set = " ONDARO_PAL SetregSetBool: ", get = " ONDARO_PAL SetregGetBool: ";
   EXPECT_EQ(Told(CPALUtils::SetregSetBool("k", true)),
             "true 4" + set + "Succeed to set key k as 1");
@@ -265,11 +269,11 @@ TEST_F(Library, Flags) {
   m_fake.m_onStoreCall = [](const std::string&) { return false; };
   EXPECT_EQ(Told(CPALUtils::SetregSetBool("k", false)), "false 6" + set + "Failed to set key k");
   EXPECT_EQ(Told(CPALUtils::SetregGetBool("k", m_flag)), "false 6" + get + "Failed to get key k");
-  EXPECT_TRUE(m_flag);
+  EXPECT_TRUE(m_flag && !CPALUtils::RegisterSetregChangedCb("k", Ignore, nullptr));
 }
 
 TEST_F(Library, Nodes) {
-  platform_settings_node nameless{std::nullopt, std::nullopt}, node{"name", SettingsValue(-1)};
+  platform_settings_node nameless{nullptr, std::nullopt}, node{"name", SettingsValue(-1)};
   const std::string key = " ONDARO_PAL GetSetregKeyFromKeynode: ";
   EXPECT_EQ(Told(CPALUtils::GetSetregKeyFromKeynode(&nameless, m_text)),
             "false 6" + key + "failed to get keynode name");

@@ -69,7 +69,7 @@ class Library : public Subject {
   }
 
   void Notify(const std::string& key, const std::optional<Value>* value) override {
-    platform_settings_node node{key, value != nullptr ? *value : std::nullopt};
+    platform_settings_node node{key.c_str(), value != nullptr ? *value : std::nullopt};
     m_fake.Notify(key, value != nullptr ? &node : nullptr);
   }
 

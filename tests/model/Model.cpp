@@ -91,7 +91,7 @@ class Model : public Subject {
                                                      : "UnregisterEventHandler";
     const std::string function = "OndaroApi_" + family + "_" + operation;
     const bool isSet = step.op == SEND && step.family == CONFIG;
-    const std::string failure = step.op == GET ? "null" : step.op == SEND && !isSet ? "-1" : "0";
+    const char* const failure = step.op == GET ? "null" : step.op == SEND && !isSet ? "-1" : "0";
     const Scope scope = Enter(API, function);
     const bool hasNoKey = (step.op == GET || isSet) && NameOf(step) == nullptr;
     if (hasNoKey || (isSet && ValueOf(step) == nullptr)) {

@@ -44,7 +44,7 @@ std::vector<SLogEntry> FakePlatform::TakeLog() {
 
 void FakePlatform::Change(const std::string& key, const SettingsValue& value) {
   m_values[key] = value;
-  platform_settings_node node{key, value};
+  platform_settings_node node{key.c_str(), value};
   Notify(key, &node);
 }
 
@@ -98,11 +98,11 @@ int GiveNumber(const int* number, int* value) {
 template <typename T>
 int Write(const char* call, const char* key, T value) {
   const SEntered fake;
-  if (!IsWorking(call, key)) {
-    return -5;
+  const bool isWorking = IsWorking(call, key);
+  if (isWorking) {
+    fake->m_values[key] = value;
   }
-  fake->m_values[key] = value;
-  return 0;
+  return isWorking ? 0 : -5;
 }
 
 template <typename T>
@@ -133,9 +133,7 @@ int platform_settings_set_int(const char* key, int value) { return Write("set_in
 
 int platform_settings_set_bool(const char* key, int value) { return Write("set_bool", key, value); }
 
-const char* platform_settings_node_name(platform_settings_node* node) {
-  return node->name ? node->name->c_str() : nullptr;
-}
+const char* platform_settings_node_name(platform_settings_node* node) { return node->name; }
 
 const char* platform_settings_node_string(platform_settings_node* node) {
   const auto* text = In<std::string>(node);

@@ -25,7 +25,7 @@ using SettingsValue = std::variant<std::string, int>;
 
 /// What a change callback is given: null name or value stand for a node that cannot be read.
 struct platform_settings_node {
-  std::optional<std::string> name;
+  const char* name;
   std::optional<SettingsValue> value;
 };
 
