@@ -100,7 +100,10 @@ class Model : public Subject {
       return failure;
     }
     try {
-      return step.family == CONFIG ? Configure(step) : Exchange(step, family, operation);
+      return step.op == GET          ? Get(NameOf(step))
+             : isSet                 ? Set(NameOf(step), ValueOf(step))
+             : step.family == CONFIG ? Watch(NameOf(step), step.op == WATCH, ScriptOf(step))
+                                     : Exchange(step, family, operation);
     } catch (const NOndaroAPI::CException& raised) {
       const std::string &origin = raised.GetOrigin(), &message = raised.GetMessage();
       const std::string parts = isSet ? "" : "(" + origin + "/" + message + ")";
@@ -109,19 +112,6 @@ class Model : public Subject {
       Log(ERROR, API, function, TextOfCaught());
     }
     return failure;
-  }
-
-  std::string Configure(const Step& step) {
-    const std::string name = NameOf(step);
-    if (step.op == GET) {
-      const std::string value = Get(name);
-      return value + std::to_string(value.size());
-    }
-    if (step.op == SEND) {
-      return Set(name, ValueOf(step)) ? "1" : "0";
-    }
-    Watch(name, step.op == WATCH, ScriptOf(step));
-    return "0";
   }
 
   std::string Exchange(const Step& step, const std::string& family, const std::string& operation) {
@@ -167,7 +157,7 @@ class Model : public Subject {
   std::string Get(const std::string& mixedName) {
     Error("_GetProperty", "key : " + mixedName);
     if (mixedName == "SDR") {
-      return "1";
+      return "11";  // behind each value is its length
     }
     const std::size_t colon = mixedName.find(':');
     const std::string name = mixedName.substr(0, colon);
@@ -179,19 +169,20 @@ class Model : public Subject {
     const Key* const key = Find(name);
     if (key == nullptr) {
       Error("_GetProperty", "property[" + mixedName + "] is undefined");
-      return "";
+      return "0";
     }
     logPart("_ExtractDataFromMixedKey", "data : " + mixedName.substr(colon + 1));
     const auto value = Read(*key);
-    return value ? TextOf(*key, *value) : "error";
+    const std::string text = value ? TextOf(*key, *value) : "error";
+    return text + std::to_string(text.size());
   }
 
-  bool Set(const std::string& name, const std::string& text) {
+  std::string Set(const std::string& name, const std::string& text) {
     Error("_SetProperty", "key : " + name);
     const Key* const key = Find(name);
     if (key == nullptr) {
       Error("_SetProperty", "property[" + name + "] is undefined");
-      return false;
+      return "0";
     }
     const auto word = std::find(key->words.begin(), key->words.end(), text);
     const int number = word != key->words.end() ? int(word - key->words.begin()) : 0;
@@ -199,12 +190,12 @@ class Model : public Subject {
     const char* const function = isText ? "SetregSetStr" : "SetregSetInt";
     if (!IsStoreWorking((isText ? "set_string " : "set_int ") + key->store)) {
       Error(function, "Failed to set key " + key->store);
-      return false;
+      return "0";
     }
     m_store[key->store] = isText ? Value(text) : Value(number);
     Log(INFO, PAL, function,
         "Succeed to set key " + key->store + " as " + (isText ? text : std::to_string(number)));
-    return true;
+    return "1";
   }
 
   std::optional<Value> Read(const Key& key) {
@@ -222,14 +213,14 @@ class Model : public Subject {
     return entry->second;
   }
 
-  void Watch(const std::string& name, bool isOn, unsigned script) {
+  std::string Watch(const std::string& name, bool isOn, unsigned script) {
     if (isOn) {
       Error("RegisterEventHandler", "key : " + name);
     }
     m_handlers[CONFIG][name] = isOn ? script : NO_SCRIPT;
     const Key* const key = Find(name);
     if (key == nullptr || key->callback.empty()) {
-      return;
+      return "0";
     }
     if (const auto value = isOn && key->isFiltered ? Read(*key) : std::nullopt) {
       m_cache[name] = TextOf(*key, *value);
@@ -242,6 +233,7 @@ class Model : public Subject {
     Log(isDone ? DEBUG : ERROR, PAL, isOn ? "RegisterSetregChangedCb" : "DeregisterSetregChangedCb",
         isDone ? "Succeed to " + verb + " for notification for key " + key->store + " "
                : "Failed to " + verb + " for setreg key " + key->store + " nottification");
+    return "0";
   }
 
   void Notify(const std::string& store, const std::optional<Value>* value) override {
