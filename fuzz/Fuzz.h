@@ -33,8 +33,6 @@ class Input {
   }
   /// As long as the next byte says.
   std::string Text() { return Take(Number(256)); }
-  /// As C sees it.
-  static std::string ToC(const std::string& text) { return text.substr(0, text.find('\0')); }
   std::string Rest() { return Take(m_bytes.size()); }
 
  private:

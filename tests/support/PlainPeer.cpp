@@ -31,15 +31,19 @@ std::string CallBus(GDBusConnection* connection, const char* member, GVariant* b
   return Print(reply, error);
 }
 
-PlainPeer::PlainPeer()
-    : m_connection(g_dbus_connection_new_for_address_sync(
-          getenv("DBUS_SYSTEM_BUS_ADDRESS"),
-          static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                            G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-          nullptr, nullptr, nullptr)) {
-  if (m_connection == nullptr) {
+GDBusConnection* ConnectToBus() {
+  constexpr auto FLAGS =
+      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+  GDBusConnection* const connection = g_dbus_connection_new_for_address_sync(
+      getenv("DBUS_SYSTEM_BUS_ADDRESS"), FLAGS, nullptr, nullptr, nullptr);
+  if (connection == nullptr) {
     throw std::runtime_error("no connection to the bus");
   }
+  return connection;
+}
+
+PlainPeer::PlainPeer() : m_connection(ConnectToBus()) {
   g_dbus_connection_signal_subscribe(
       m_connection, nullptr, nullptr, nullptr, OBJECT_PATH, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
       [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* body,

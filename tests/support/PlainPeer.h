@@ -15,6 +15,9 @@ constexpr const char* INTERFACE = "com.halvex.tv.ondaro";
 constexpr const char* METHOD = "sendDataToServer";
 constexpr const char* SIGNAL = "sendDataToClient";
 
+/// A connection that the library does not share.
+GDBusConnection* ConnectToBus();
+
 /// Asks the bus itself, without iterating a main context: the reply, or "error: " and the message.
 std::string CallBus(GDBusConnection* connection, const char* member, GVariant* body = nullptr);
 
