@@ -12,11 +12,11 @@
 #include <vector>
 
 #include "Fuzz.h"
+#include "Verbs.h"
 #include "messages/Recording.h"
 #include "support/ExitCode.h"
 #include "support/FakePlatform.h"
-#include "support/Text.h"
-#include "support/Verbs.h"
+#include "text/Text.h"
 
 using namespace ondaro::fuzz;
 

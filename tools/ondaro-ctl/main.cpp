@@ -9,9 +9,9 @@
 #include <sstream>
 #include <string_view>
 
+#include "Verbs.h"
 #include "properties/Properties.h"
-#include "support/Text.h"
-#include "support/Verbs.h"
+#include "text/Text.h"
 
 namespace ondaro::ctl {
 namespace {

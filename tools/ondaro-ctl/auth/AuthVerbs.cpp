@@ -1,8 +1,8 @@
+#include "Verbs.h"
 #include "properties/Properties.h"
-#include "support/LineReader.h"
 #include "support/NewFile.h"
-#include "support/Text.h"
-#include "support/Verbs.h"
+#include "text/LineReader.h"
+#include "text/Text.h"
 
 namespace ondaro::ctl {
 namespace {

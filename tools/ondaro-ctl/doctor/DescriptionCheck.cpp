@@ -8,7 +8,7 @@
 #include "ondaro/OndaroApi.h"
 #include "properties/Properties.h"
 #include "support/ExitCode.h"
-#include "support/LineReader.h"
+#include "text/LineReader.h"
 
 namespace ondaro::ctl {
 namespace {

@@ -4,11 +4,11 @@
 #include <filesystem>
 #include <functional>
 
+#include "Verbs.h"
 #include "doctor/DoctorChecks.h"
 #include "ondaro/OndaroApi.h"
 #include "ondaro/pal/CPALUtils.h"
 #include "properties/Properties.h"
-#include "support/Verbs.h"
 
 namespace ondaro::ctl {
 namespace {

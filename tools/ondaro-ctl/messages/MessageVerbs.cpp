@@ -1,11 +1,11 @@
 #include <algorithm>
 #include <list>
 
+#include "Feed.h"
 #include "messages/Bus.h"
 #include "ondaro/OndaroApi.h"
 #include "properties/Properties.h"
-#include "support/Feed.h"
-#include "support/LineReader.h"
+#include "text/LineReader.h"
 
 namespace ondaro::ctl {
 namespace {

@@ -6,8 +6,8 @@
 
 #include "support/ExitCode.h"
 #include "support/GLibOwner.h"
-#include "support/Json.h"
-#include "support/LineReader.h"
+#include "text/Json.h"
+#include "text/LineReader.h"
 
 namespace ondaro::ctl {
 namespace {

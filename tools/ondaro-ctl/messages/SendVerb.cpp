@@ -1,11 +1,11 @@
 #include <algorithm>
 
+#include "Verbs.h"
 #include "messages/Bus.h"
 #include "messages/Recording.h"
 #include "ondaro/OndaroApi.h"
 #include "properties/Properties.h"
-#include "support/Text.h"
-#include "support/Verbs.h"
+#include "text/Text.h"
 
 namespace ondaro::ctl {
 namespace {

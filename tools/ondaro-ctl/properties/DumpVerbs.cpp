@@ -1,8 +1,8 @@
+#include "Verbs.h"
 #include "properties/Properties.h"
-#include "support/Json.h"
-#include "support/LineReader.h"
-#include "support/Text.h"
-#include "support/Verbs.h"
+#include "text/Json.h"
+#include "text/LineReader.h"
+#include "text/Text.h"
 
 /*
  * A dump is one line a property, sorted by name: the name, a space, the value as Encode() writes

@@ -1,7 +1,7 @@
 #include <fnmatch.h>
 
+#include "Verbs.h"
 #include "properties/Properties.h"
-#include "support/Verbs.h"
 
 namespace ondaro::ctl {
 namespace {

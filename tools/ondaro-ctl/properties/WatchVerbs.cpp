@@ -1,9 +1,9 @@
 #include <list>
 #include <map>
 
+#include "Feed.h"
+#include "Verbs.h"
 #include "properties/Properties.h"
-#include "support/Feed.h"
-#include "support/Verbs.h"
 
 namespace ondaro::ctl {
 namespace {

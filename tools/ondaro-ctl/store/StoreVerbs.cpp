@@ -1,8 +1,8 @@
 #include <list>
 
+#include "Feed.h"
 #include "ondaro/pal/CPALUtils.h"
 #include "properties/Properties.h"
-#include "support/Feed.h"
 
 namespace ondaro::ctl {
 namespace {

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/Output.h"
+#include "text/Output.h"
 
 namespace ondaro::ctl {
 

@@ -1,6 +1,6 @@
-#include "support/LineReader.h"
-#include "support/Text.h"
-#include "support/Verbs.h"
+#include "Verbs.h"
+#include "text/LineReader.h"
+#include "text/Text.h"
 #include "trace/Trace.h"
 
 namespace ondaro::ctl {

@@ -1,4 +1,4 @@
-#include "support/Text.h"
+#include "text/Text.h"
 
 #include <glib.h>
 

@@ -2,7 +2,7 @@
 #include <limits>
 #include <type_traits>
 
-#include "support/Verbs.h"
+#include "Verbs.h"
 
 namespace ondaro::ctl {
 namespace {

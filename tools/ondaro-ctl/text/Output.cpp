@@ -1,11 +1,11 @@
-#include "support/Output.h"
+#include "text/Output.h"
 
 #include <cstdlib>
 #include <cstring>
 
 #include "support/Descriptor.h"
 #include "support/ExitCode.h"
-#include "support/Text.h"
+#include "text/Text.h"
 
 namespace ondaro::ctl {
 namespace {

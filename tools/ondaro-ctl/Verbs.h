@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "support/ExitCode.h"
-#include "support/Output.h"
+#include "text/Output.h"
 
 namespace ondaro::ctl {
 

@@ -1,10 +1,10 @@
 #ifndef ONDARO_CTL_FEED_H
 #define ONDARO_CTL_FEED_H
 
+#include "Verbs.h"
 #include "support/MainLoop.h"
-#include "support/Output.h"
-#include "support/Text.h"
-#include "support/Verbs.h"
+#include "text/Output.h"
+#include "text/Text.h"
 
 namespace ondaro::ctl {
 

@@ -1,4 +1,4 @@
-#include "support/LineReader.h"
+#include "text/LineReader.h"
 
 #include <fcntl.h>
 #include <glib-unix.h>

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "support/Json.h"
+#include "text/Json.h"
 
 namespace ondaro::ctl {
 

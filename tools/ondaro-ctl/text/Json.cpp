@@ -1,4 +1,4 @@
-#include "support/Json.h"
+#include "text/Json.h"
 
 #include <json/reader.h>
 #include <json/writer.h>
@@ -7,7 +7,7 @@
 #include <sstream>
 
 #include "support/GLibOwner.h"
-#include "support/Text.h"
+#include "text/Text.h"
 
 namespace ondaro::ctl {
 namespace {
