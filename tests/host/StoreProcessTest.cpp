@@ -250,6 +250,29 @@ TEST_F(Soak, KeepsEveryChangeMemoryAndDescriptors) {
             << growth << " kB, " << after[0].descriptors << " descriptors\n";
 }
 
+// In between nothing tells of the write; what is remembered of the key must end with it all the
+// same.
+TEST(Killed, AfterItsCommitAWriterIsSeenByAllOrNone) {
+  StateDirectory();
+  const char* const key = "memory/killed";
+  ASSERT_EQ(platform_settings_set_int(key, 1), 0);
+  bool isThrough = false;
+  for (int call = 1; !isThrough; ++call) {
+    const auto start = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - start < std::chrono::milliseconds(20)) {
+      Number(key);  // until it is remembered
+    }
+    isThrough =
+        RunInChild([&] {
+          const FileWatch watch([&](const FileCall&) { return --call == 0 ? raise(SIGKILL) : 0; });
+          platform_settings_set_int(key, Number(key) + 1);
+          _exit(0);
+        }) == 0;
+    const int seen = Number(key);
+    EXPECT_EQ(RunInChild([&] { _exit(Number(key) == seen ? 0 : 1); }), 0) << call;
+  }
+}
+
 TEST(Writers, AreLetThroughBesideOneThatWritesInARow) {
   constexpr int WRITES = 50;
   StateDirectory();

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <future>
@@ -15,7 +14,6 @@
 #include <vector>
 
 #include "HostSupport.h"
-#include "StoreArea.h"
 #include "platform/Log.h"
 #include "platform/SettingsStore.h"
 #include "support/WaitUntil.h"
@@ -304,34 +302,6 @@ TEST_P(Store, WorksUntilTheProcessHasEnded) {
             }),
             0);
   EXPECT_EQ(Get(Key("key")), "early, late");
-}
-
-class Damaged : public Store {};
-INSTANTIATE_TEST_SUITE_P(Areas, Damaged, testing::Values("db"));
-
-TEST_P(Damaged, MovesEveryProcessToTheNewDatabase) {
-  Recorder recorder;
-  Subscribe(Key("key"), recorder);
-  StoreArea other(StateDirectory().Path());
-  EXPECT_TRUE(other.Set(Key("key"), "before"));
-  Settle();
-  // All of it, since what is not read is not missed.
-  std::string damaged;
-  for (const std::string name : {"settings.db-wal", "settings.db"}) {
-    damaged.assign(static_cast<std::size_t>(std::filesystem::file_size(StateDirectory() / name)),
-                   'g');
-    std::fstream(StateDirectory() / name, std::ios::binary | std::ios::in | std::ios::out)
-        << damaged;
-  }
-  EXPECT_TRUE(StoreArea(StateDirectory().Path()).Set(Key("key"), "after"));
-  EXPECT_TRUE(WaitUntil([&] { return recorder.values.size() == 2; }));
-  EXPECT_EQ(Get(Key("key")), "after");
-  EXPECT_TRUE(other.Set(Key("key"), "again"));
-  Settle();
-  EXPECT_EQ(recorder.values, (Values{"before", "after", "again"}));
-  const std::filesystem::directory_iterator files(StateDirectory().Path());
-  EXPECT_TRUE(std::any_of(begin(files), end(files),
-                          [&](const auto& file) { return ReadFile(file.path()) == damaged; }));
 }
 
 }  // namespace
