@@ -309,6 +309,12 @@ void DirectoryDecidesWhoMay(const std::string& state) {
     }
     EXPECT_TRUE(WaitUntil([] { return Get("db/ready") == "done"; }));
   }
+  // What is there follows the directory, whether its owner opens it or root.
+  EXPECT_EQ(chmod(state.c_str(), 0755), 0);
+  Elsewhere([] { EXPECT_EQ(Get("db/key"), "daemon's"); });
+  struct stat status {};
+  EXPECT_EQ(stat((state + "/settings.db").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777U, 0600U);
 }
 
 void NoLinkIsFollowed(const std::string& state) {
@@ -318,7 +324,7 @@ void NoLinkIsFollowed(const std::string& state) {
   for (const std::string name : {"settings.db", "settings.bell", "settings.db-wal", "cdm"}) {
     fs::remove_all(state);
     fs::create_directory(state);
-    fs::create_symlink(outside / (name == "cdm" ? "cdm" : "file"), state + "/" + name);
+    fs::create_symlink(outside / (name == "cdm" ? "cdm" : "file"), fs::path(state) / name);
     Elsewhere([&] {
       std::string id;
       const auto module = Module();
