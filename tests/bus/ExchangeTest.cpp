@@ -26,7 +26,7 @@ constexpr unsigned LONGEST = 3600;  // seconds
 
 void AwaitDaemon() {
   PlainPeer peer;
-  WaitUntil([&] { return peer.Owner() != ""; });
+  WaitUntil([&] { return !peer.Owner().empty(); });
 }
 
 /// A daemon with one handler, in a thread that may end; its process ends like any other once
@@ -118,19 +118,21 @@ TEST_F(Exchange, GoesOnWhenAHandlerEndsItsThread) {
 
 /// Sends events, with 100 unanswered at most; each must come back, in order.
 bool Volley(long count) {
-  static long answered;
-  answered = 0;
-  bool isInOrder = true;
-  const auto onPong = [](const char* data, void* flag) {
-    *static_cast<bool*>(flag) &= data == std::to_string(answered++);
+  struct {
+    long count = 0;
+    bool areInOrder = true;
+  } answers;
+  const auto onPong = [](const char* data, void* heard) {
+    auto& all = *static_cast<decltype(answers)*>(heard);
+    all.areInOrder &= data == std::to_string(all.count++);
   };
-  Hear("pong", onPong, &isInOrder);
-  for (long sent = 0; answered < count; g_main_context_iteration(nullptr, TRUE)) {
-    while (sent < count && sent - answered < 100) {
+  Hear("pong", onPong, &answers);
+  for (long sent = 0; answers.count < count; g_main_context_iteration(nullptr, TRUE)) {
+    while (sent < count && sent - answers.count < 100) {
       Send("ping", sent++);
     }
   }
-  return isInOrder;
+  return answers.areInOrder;
 }
 
 TEST_F(Exchange, CarriesALoadInOrderAtFlatMemory) {

@@ -87,7 +87,7 @@ std::string Names(const Role& played) {
       const bool isUser = role.attribute[0] == 'u';
       const std::string name = isUser ? player.pw_name : getgrgid(player.pw_gid)->gr_name;
       text = std::regex_replace(text, std::regex(role.attribute),
-                                (isUser ? "user=\"" : "group=\"") + name + '"');
+                                std::string(isUser ? "user=\"" : "group=\"").append(name) + '"');
     }
   }
   return text;

@@ -111,7 +111,7 @@ TEST_F(LogTest, NeedsNoMoreThanEightKibibytesOfStack) {
     };
     log(nullptr);
     const auto alone = touched([](void* argument) { return argument; });
-    _exit(touched(log) - alone <= 8 * 1024 ? 0 : 1);
+    _exit(touched(log) - alone <= 8L * 1024 ? 0 : 1);
   });
 }
 #endif
