@@ -193,7 +193,7 @@ TEST_F(DecryptionModule, WorksOnWhereverItsFirstUseRanOutOfMemory) {
 }
 
 TEST_F(DecryptionModule, ServesTheLastDestructors) {
-  EXPECT_EQ(RunInChild([] {
+  EXPECT_EQ(RunInChild([this] {
               static struct AtExit {
                 ~AtExit() {
                   std::string id;
@@ -202,6 +202,7 @@ TEST_F(DecryptionModule, ServesTheLastDestructors) {
                 Instance instance;
               } atExit;
               atExit.instance = Open();
+              SystemId(atExit.instance, m_id);  // from here on OpenSSL is in use
               std::exit(2);
             }),
             0);
